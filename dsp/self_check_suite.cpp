@@ -1,0 +1,14 @@
+#include "dsp/self_checks.h"
+
+namespace dsp::checks {
+
+std::unique_ptr<CheckSuite> CreateLibrarySuite() {
+    auto suite = std::make_unique<CheckSuite>();
+    AddCoreChecks(*suite);
+    AddFftChecks(*suite);
+    AddWindowChecks(*suite);
+    AddOverlapSaveChecks(*suite);
+    return suite;
+}
+
+}  // namespace dsp::checks

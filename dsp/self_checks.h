@@ -1,0 +1,13 @@
+#pragma once
+// Each class family adds its numeric self-checks to the library suite through one function here.
+
+#include "dsp/check_registry.h"
+
+namespace dsp::checks {
+
+void AddCoreChecks(CheckSuite& suite);
+void AddFftChecks(CheckSuite& suite);
+void AddWindowChecks(CheckSuite& suite);
+void AddOverlapSaveChecks(CheckSuite& suite);
+
+}  // namespace dsp::checks

@@ -1,0 +1,3 @@
+#pragma once
+// (being written)
+#include "dsp/ring_buffer.h"
