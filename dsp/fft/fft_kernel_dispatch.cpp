@@ -1,1 +1,181 @@
-// (being written)
+// Run-time choice of FFT kernel and the helpers the kernel translation units share.
+// This unit is compiled for the baseline instruction set only.
+
+#include <cmath>
+#include <memory>
+#include <new>
+
+#include "dsp/fft/fft_kernel.h"
+#include "dsp/fft/fft_kernel_internal.h"
+
+#if defined(KESTADSP_HAVE_AVX2_KERNEL) && defined(_MSC_VER) && !defined(__clang__)
+#include <immintrin.h>
+#include <intrin.h>
+#endif
+
+namespace dsp::fft {
+
+namespace detail {
+
+void* AllocateAligned(std::size_t bytes) {
+    return ::operator new(bytes == 0 ? 64 : bytes, std::align_val_t{64});
+}
+
+void FreeAligned(void* p) noexcept {
+    if (p != nullptr) ::operator delete(p, std::align_val_t{64});
+}
+
+namespace {
+
+// exp(-2 pi i k / n) in long double. The turn fraction k/n is folded into the first octant
+// (exact for the power-of-two n the kernels use), so sine and cosine are only evaluated on
+// angles up to pi/4 and the points on the axes come out exactly 0 and +-1.
+void UnitRootLong(long long k, long long n, long double* re, long double* im) {
+    k %= n;
+    if (k < 0) k += n;
+    long double x = static_cast<long double>(k) / static_cast<long double>(n);  // [0, 1)
+    const bool conj = x > 0.5L;  // exp(-2 pi i (1 - x)) = conj(exp(-2 pi i x))
+    if (conj) x = 1.0L - x;
+    const bool negCos = x > 0.25L;  // cos(pi - a) = -cos a, sin(pi - a) = sin a
+    if (negCos) x = 0.5L - x;
+    const bool swap = x > 0.125L;  // cos(pi/2 - a) = sin a
+    if (swap) x = 0.25L - x;
+    const long double pi = 3.141592653589793238462643383279502884L;
+    const long double a = 2.0L * pi * x;
+    long double c = std::cos(a);
+    long double s = std::sin(a);
+    if (swap) {
+        const long double t = c;
+        c = s;
+        s = t;
+    }
+    if (negCos) c = -c;
+    *re = c;
+    *im = conj ? s : -s;
+}
+
+}  // namespace
+
+void UnitRoot(long long k, long long n, double* re, double* im) {
+    long double r, i;
+    UnitRootLong(k, n, &r, &i);
+    *re = static_cast<double>(r);
+    *im = static_cast<double>(i);
+}
+
+void UnitRoot(long long k, long long n, float* re, float* im) {
+    long double r, i;
+    UnitRootLong(k, n, &r, &i);
+    *re = static_cast<float>(r);
+    *im = static_cast<float>(i);
+}
+
+}  // namespace detail
+
+namespace {
+
+bool CpuHasAvx2Fma() {
+#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+#if defined(__GNUC__) || defined(__clang__)
+    // On Linux and macOS the kernel enables the AVX state whenever the CPU reports AVX2.
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+#elif defined(_MSC_VER)
+    int regs[4];
+    __cpuid(regs, 0);
+    if (regs[0] < 7) return false;
+    __cpuid(regs, 1);
+    const bool fma = (regs[2] & (1 << 12)) != 0;
+    const bool osxsave = (regs[2] & (1 << 27)) != 0;
+    const bool avx = (regs[2] & (1 << 28)) != 0;
+    if (!fma || !osxsave || !avx) return false;
+    if ((_xgetbv(0) & 0x6) != 0x6) return false;  // XMM and YMM state saved by the OS
+    __cpuidex(regs, 7, 0);
+    return (regs[1] & (1 << 5)) != 0;
+#else
+    return false;
+#endif
+#else
+    return false;
+#endif
+}
+
+bool Avx2Usable() {
+    static const bool usable = CpuHasAvx2Fma();
+    return usable;
+}
+
+}  // namespace
+
+bool IsaAvailable(Isa isa) {
+    switch (isa) {
+        case Isa::Best:
+        case Isa::Portable:
+            return true;
+        case Isa::Avx2Fma:
+            return Avx2Usable();
+    }
+    return false;
+}
+
+Isa BestIsa() { return Avx2Usable() ? Isa::Avx2Fma : Isa::Portable; }
+
+const char* IsaName(Isa isa) {
+    if (isa == Isa::Best) isa = BestIsa();
+    switch (isa) {
+        case Isa::Portable:
+            return "portable";
+        case Isa::Avx2Fma:
+            return "avx2-fma";
+        case Isa::Best:
+            break;
+    }
+    return "unknown";
+}
+
+namespace {
+
+template <typename T>
+ComplexPlan<T>* NewComplex(int order, Isa isa) {
+#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+    if (isa == Isa::Avx2Fma) return avx2::NewComplexPlan(order, T{});
+#endif
+    (void)isa;
+    return portable::NewComplexPlan(order, T{});
+}
+
+template <typename T>
+RealPlan<T>* NewReal(int order, Isa isa) {
+#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+    if (isa == Isa::Avx2Fma) return avx2::NewRealPlan(order, T{});
+#endif
+    (void)isa;
+    return portable::NewRealPlan(order, T{});
+}
+
+bool Resolve(int order, Isa* isa) {
+    if (order < 0 || order > kMaxOrder) return false;
+    if (*isa == Isa::Best) *isa = BestIsa();
+    return IsaAvailable(*isa);
+}
+
+}  // namespace
+
+template <typename T>
+std::unique_ptr<ComplexPlan<T>> ComplexPlan<T>::Create(int order, Isa isa) {
+    if (!Resolve(order, &isa)) return nullptr;
+    return std::unique_ptr<ComplexPlan<T>>(NewComplex<T>(order, isa));
+}
+
+template <typename T>
+std::unique_ptr<RealPlan<T>> RealPlan<T>::Create(int order, Isa isa) {
+    if (!Resolve(order, &isa)) return nullptr;
+    return std::unique_ptr<RealPlan<T>>(NewReal<T>(order, isa));
+}
+
+template std::unique_ptr<ComplexPlan<float>> ComplexPlan<float>::Create(int, Isa);
+template std::unique_ptr<ComplexPlan<double>> ComplexPlan<double>::Create(int, Isa);
+template std::unique_ptr<RealPlan<float>> RealPlan<float>::Create(int, Isa);
+template std::unique_ptr<RealPlan<double>> RealPlan<double>::Create(int, Isa);
+
+}  // namespace dsp::fft

@@ -130,12 +130,14 @@ struct KESTADSP_API FFTWORKINGDATA {
 };
 
 struct KESTADSP_API FFTWORKINGDATA_F : FFTWORKINGDATA {
+    FFTWORKINGDATA_F();
     ~FFTWORKINGDATA_F() override;
     std::unique_ptr<FFTPlanHolderF> holder;
     int PlanLength() const;
 };
 
 struct KESTADSP_API FFTWORKINGDATA_D : FFTWORKINGDATA {
+    FFTWORKINGDATA_D();
     ~FFTWORKINGDATA_D() override;
     std::unique_ptr<FFTPlanHolderD> holder;
     int PlanLength() const;

@@ -1,1 +1,92 @@
-// (being written)
+#include "support/metrics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+
+namespace kesta::test {
+
+double ToDb(double linear) {
+    return linear > 0.0 ? 20.0 * std::log10(linear) : -std::numeric_limits<double>::infinity();
+}
+
+double Rms(std::span<const float> x) {
+    if (x.empty()) return 0.0;
+    long double sum = 0.0L;
+    for (float v : x)
+        sum += static_cast<long double>(v) * v;
+    return static_cast<double>(std::sqrt(sum / static_cast<long double>(x.size())));
+}
+
+double Peak(std::span<const float> x) {
+    double peak = 0.0;
+    for (float v : x)
+        peak = std::max(peak, std::fabs(static_cast<double>(v)));
+    return peak;
+}
+
+double MaxAbsDiff(std::span<const float> a, std::span<const float> b) {
+    const std::size_t n = std::min(a.size(), b.size());
+    double diff = 0.0;
+    for (std::size_t i = 0; i < n; ++i)
+        diff = std::max(diff, std::fabs(static_cast<double>(a[i]) - b[i]));
+    return diff;
+}
+
+double SnrDb(std::span<const float> reference, std::span<const float> test) {
+    const std::size_t n = std::min(reference.size(), test.size());
+    long double signal = 0.0L, error = 0.0L;
+    for (std::size_t i = 0; i < n; ++i) {
+        const long double r = reference[i];
+        const long double e = static_cast<long double>(test[i]) - r;
+        signal += r * r;
+        error += e * e;
+    }
+    if (error == 0.0L) return std::numeric_limits<double>::infinity();
+    return static_cast<double>(10.0L * std::log10(signal / error));
+}
+
+double LevelAt(std::span<const float> x, double frequency, double sampleRate) {
+    const std::size_t n = x.size();
+    if (n < 2) return 0.0;
+    const double w0 = 2.0 * std::numbers::pi * frequency / sampleRate;
+    const double step = 2.0 * std::numbers::pi / static_cast<double>(n - 1);
+    long double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double t = step * static_cast<double>(i);
+        const long double w = 0.35875 - 0.48829 * std::cos(t) + 0.14128 * std::cos(2 * t) - 0.01168 * std::cos(3 * t);
+        const long double s = std::sin(w0 * static_cast<double>(i));
+        const long double c = std::cos(w0 * static_cast<double>(i));
+        ss += w * s * s;
+        cc += w * c * c;
+        sc += w * s * c;
+        xs += w * x[i] * s;
+        xc += w * x[i] * c;
+    }
+    // Normal equations of min sum w (x - a sin - b cos)^2.
+    const long double det = ss * cc - sc * sc;
+    if (det == 0.0L) return 0.0;  // frequency 0 or Nyquist: only one basis function
+    const long double a = (xs * cc - xc * sc) / det;
+    const long double b = (xc * ss - xs * sc) / det;
+    return static_cast<double>(std::sqrt(a * a + b * b));
+}
+
+int CrossCorrelationLag(std::span<const float> a, std::span<const float> b, int maxLag) {
+    int best = 0;
+    long double bestValue = -std::numeric_limits<long double>::infinity();
+    const auto na = static_cast<long long>(a.size());
+    const auto nb = static_cast<long long>(b.size());
+    for (int d = -maxLag; d <= maxLag; ++d) {
+        long double sum = 0.0L;
+        for (long long n = std::max(0LL, -static_cast<long long>(d)); n < na && n + d < nb; ++n)
+            sum += static_cast<long double>(a[n]) * b[n + d];
+        if (sum > bestValue) {
+            bestValue = sum;
+            best = d;
+        }
+    }
+    return best;
+}
+
+}  // namespace kesta::test
