@@ -8,6 +8,8 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddFftChecks(*suite);
     AddWindowChecks(*suite);
     AddOverlapSaveChecks(*suite);
+    AddNoNoiseChecks(*suite);
+    AddNoHissChecks(*suite);
     return suite;
 }
 

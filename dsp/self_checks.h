@@ -9,5 +9,7 @@ void AddCoreChecks(CheckSuite& suite);
 void AddFftChecks(CheckSuite& suite);
 void AddWindowChecks(CheckSuite& suite);
 void AddOverlapSaveChecks(CheckSuite& suite);
+void AddNoNoiseChecks(CheckSuite& suite);
+void AddNoHissChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks

@@ -9,6 +9,8 @@
 #include "dsp/fft.h"
 #include "dsp/fft_window.h"
 #include "dsp/initializer.h"
+#include "dsp/nohiss.h"
+#include "dsp/nonoise.h"
 #include "dsp/overlap_save.h"
 #include "dsp/ring_buffer.h"
 #include "dsp/spectrum_packing.h"
