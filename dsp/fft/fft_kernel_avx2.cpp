@@ -1,21 +1,28 @@
 // AVX2+FMA FFT kernels, compiled with -mavx2 -mfma and chosen at run time.
 //
 // Same algorithm as the portable kernels (Stockham autosort, radix-4 decimation-in-frequency
-// passes, a twiddle-free radix-2 pass last when the order is odd, inverse by swapping real and
-// imaginary parts), with every pass written for 8-float / 4-double vectors on the split arrays:
+// passes, inverse by swapping real and imaginary parts), with every pass written for 8-float /
+// 4-double vectors on the split arrays:
 //  - pass 0 (stride 1) runs over p, with twiddles stored per block of vectors, and transposes its
 //    four outputs in registers so that y[4p + k] is written with whole-vector stores;
 //  - pass 1 in float (stride 4) covers two values of p per vector, with twiddles stored already
 //    repeated over each half, and swaps 128-bit halves to store;
-//  - later passes (stride of at least a vector) broadcast the three twiddles of each p.
+//  - later passes (stride of at least a vector) broadcast the three twiddles of each p;
+//  - an odd order ends in a twiddle-free radix-8 pass (or radix 2 where that does not fit).
+// These loops are bound by vector loads and stores, not arithmetic, so the design counts memory
+// operations: radix 4 is what the sixteen registers hold without spilling, and the work arrays
+// are placed so that their streams do not pile into one cache set with the caller's.
 // Sizes too small for whole vectors (below 32 floats or 16 doubles) run a scalar pass.
 //
-// Nothing here may be shared with other translation units: all code is in an anonymous namespace
-// and uses no standard-library templates; only the four factories are visible.
+// Nothing here may be shared with other translation units: the unit does not include the plan
+// classes of fft_kernel.h (their inline members would be emitted here, compiled for AVX2), keeps
+// all code in an anonymous namespace, uses no standard-library templates, and exposes only tables
+// of plain functions that fft_kernel_dispatch.cpp wraps.
 
 #include <immintrin.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "dsp/fft/fft_kernel_internal.h"
@@ -28,6 +35,14 @@
 
 namespace dsp::fft::avx2 {
 namespace {
+
+// Keeps a loaded vector in its register. Without it GCC folds the same load into several
+// arithmetic instructions, and the loads and stores of vectors are what bounds these loops.
+#if defined(__GNUC__) || defined(__clang__)
+#define KESTA_PIN(v) __asm__("" : "+x"(v))
+#else
+#define KESTA_PIN(v) ((void)0)
+#endif
 
 using std::size_t;
 
@@ -138,6 +153,10 @@ struct Quad {
 template <class S>
 KESTA_INLINE void Butterfly(Quad<S>& q) {
     using V = typename S::V;
+    for (int k = 0; k < 4; ++k) {
+        KESTA_PIN(q.r[k]);
+        KESTA_PIN(q.i[k]);
+    }
     const V apcr = S::Add(q.r[0], q.r[2]), apci = S::Add(q.i[0], q.i[2]);
     const V amcr = S::Sub(q.r[0], q.r[2]), amci = S::Sub(q.i[0], q.i[2]);
     const V bpdr = S::Add(q.r[1], q.r[3]), bpdi = S::Add(q.i[1], q.i[3]);
@@ -154,8 +173,7 @@ KESTA_INLINE void Butterfly(Quad<S>& q) {
 
 // (r + i im) * (wr + i wi)
 template <class S>
-KESTA_INLINE void Twiddle(typename S::V& r, typename S::V& im, typename S::V wr,
-                          typename S::V wi) {
+KESTA_INLINE void Twiddle(typename S::V& r, typename S::V& im, typename S::V wr, typename S::V wi) {
     const typename S::V nr = S::FMSub(r, wr, S::Mul(im, wi));
     const typename S::V ni = S::FMAdd(r, wi, S::Mul(im, wr));
     r = nr;
@@ -168,8 +186,8 @@ KESTA_INLINE void Twiddle(typename S::V& r, typename S::V& im, typename S::V wr,
 
 // Pass 0: s = 1, m >= W.
 template <class S>
-void PassFirst(size_t m, const typename S::T* tw, const typename S::T* xr,
-               const typename S::T* xi, typename S::T* yr, typename S::T* yi) {
+void PassFirst(size_t m, const typename S::T* tw, const typename S::T* xr, const typename S::T* xi, typename S::T* yr,
+               typename S::T* yi) {
     constexpr size_t W = S::W;
     for (size_t p = 0; p < m; p += W, tw += 6 * W) {
         Quad<S> q;
@@ -187,8 +205,7 @@ void PassFirst(size_t m, const typename S::T* tw, const typename S::T* xr,
 }
 
 // Pass 1 in float: s = 4, m >= 2; each vector holds q = 0..3 for p and p + 1.
-void PassStride4(size_t m, const float* tw, const float* xr, const float* xi, float* yr,
-                 float* yi) {
+void PassStride4(size_t m, const float* tw, const float* xr, const float* xi, float* yr, float* yi) {
     using S = F32;
     const size_t sm = 4 * m;
     for (size_t p = 0; p < m; p += 2, tw += 48) {
@@ -216,8 +233,8 @@ void PassStride4(size_t m, const float* tw, const float* xr, const float* xi, fl
 
 // Passes with s >= W.
 template <class S>
-void PassGeneric(size_t m, size_t s, const typename S::T* tw, const typename S::T* xr,
-                 const typename S::T* xi, typename S::T* yr, typename S::T* yi) {
+void PassGeneric(size_t m, size_t s, const typename S::T* tw, const typename S::T* xr, const typename S::T* xi,
+                 typename S::T* yr, typename S::T* yi) {
     using T = typename S::T;
     const size_t sm = s * m;
     for (size_t p = 0; p < m; ++p, tw += 6) {
@@ -246,10 +263,25 @@ void PassGeneric(size_t m, size_t s, const typename S::T* tw, const typename S::
     }
 }
 
+// The last pass writes either split arrays, or (for the inverse real transform, run as a forward
+// transform on swapped parts) one interleaved array of (im, re) pairs.
+template <class S, bool SwappedInterleaved>
+struct Output {
+    typename S::T* re;
+    typename S::T* im;
+    KESTA_INLINE void Put(size_t at, typename S::V r, typename S::V i) const {
+        if constexpr (SwappedInterleaved) {
+            S::StoreInterleaved(re + 2 * at, i, r);
+        } else {
+            S::Store(re + at, r);
+            S::Store(im + at, i);
+        }
+    }
+};
+
 // Last radix-4 pass: m = 1, s = N/4, no twiddles.
-template <class S>
-void PassLast4(size_t s, const typename S::T* xr, const typename S::T* xi, typename S::T* yr,
-               typename S::T* yi) {
+template <class S, class Out>
+void PassLast4(size_t s, const typename S::T* xr, const typename S::T* xi, Out out) {
     for (size_t j = 0; j < s; j += S::W) {
         Quad<S> q;
         for (size_t k = 0; k < 4; ++k) {
@@ -257,31 +289,83 @@ void PassLast4(size_t s, const typename S::T* xr, const typename S::T* xi, typen
             q.i[k] = S::Load(xi + j + k * s);
         }
         Butterfly<S>(q);
-        for (size_t k = 0; k < 4; ++k) {
-            S::Store(yr + j + k * s, q.r[k]);
-            S::Store(yi + j + k * s, q.i[k]);
-        }
+        for (size_t k = 0; k < 4; ++k)
+            out.Put(j + k * s, q.r[k], q.i[k]);
     }
 }
 
-// Last radix-2 pass of an odd order: m = 1, s = N/2.
-template <class S>
-void PassLast2(size_t s, const typename S::T* xr, const typename S::T* xi, typename S::T* yr,
-               typename S::T* yi) {
+// Last radix-2 pass of an odd order too small for the radix-8 one: m = 1, s = N/2.
+template <class S, class Out>
+void PassLast2(size_t s, const typename S::T* xr, const typename S::T* xi, Out out) {
     for (size_t j = 0; j < s; j += S::W) {
         const typename S::V ar = S::Load(xr + j), ai = S::Load(xi + j);
         const typename S::V br = S::Load(xr + j + s), bi = S::Load(xi + j + s);
-        S::Store(yr + j, S::Add(ar, br));
-        S::Store(yi + j, S::Add(ai, bi));
-        S::Store(yr + j + s, S::Sub(ar, br));
-        S::Store(yi + j + s, S::Sub(ai, bi));
+        out.Put(j, S::Add(ar, br), S::Add(ai, bi));
+        out.Put(j + s, S::Sub(ar, br), S::Sub(ai, bi));
+    }
+}
+
+// Last radix-8 pass of an odd order: m = 1, s = N/8, no twiddles. With a_k = x_k + x_(k+4) and
+// b_k = x_k - x_(k+4), the even outputs are the 4-point transform of a and the odd ones that of
+// b_k w8^k (w8 = exp(-i pi/4)). Sixteen inputs do not fit the registers next to the work, so the
+// odd half loads its inputs again instead of spilling them.
+template <class S, class Out>
+void PassLast8(size_t s, const typename S::T* xr, const typename S::T* xi, Out out) {
+    using T = typename S::T;
+    using V = typename S::V;
+    const V h = S::Set1(T(0.707106781186547524400844362104849039L));
+    const V mh = S::Set1(T(-0.707106781186547524400844362104849039L));
+    for (size_t j = 0; j < s; j += S::W) {
+        Quad<S> q;
+        for (size_t k = 0; k < 4; ++k) {
+            q.r[k] = S::Add(S::Load(xr + j + k * s), S::Load(xr + j + (k + 4) * s));
+            q.i[k] = S::Add(S::Load(xi + j + k * s), S::Load(xi + j + (k + 4) * s));
+        }
+        Butterfly<S>(q);
+        for (size_t l = 0; l < 4; ++l)
+            out.Put(j + 2 * l * s, q.r[l], q.i[l]);
+        for (size_t k = 0; k < 4; ++k) {
+            q.r[k] = S::Sub(S::Load(xr + j + k * s), S::Load(xr + j + (k + 4) * s));
+            q.i[k] = S::Sub(S::Load(xi + j + k * s), S::Load(xi + j + (k + 4) * s));
+        }
+        // b1 (1 - i)/sqrt2, b2 (-i), b3 (-1 - i)/sqrt2
+        const V b1r = q.r[1], b1i = q.i[1];
+        q.r[1] = S::Mul(S::Add(b1r, b1i), h);
+        q.i[1] = S::Mul(S::Sub(b1i, b1r), h);
+        const V b2r = q.r[2];
+        q.r[2] = q.i[2];
+        q.i[2] = S::Sub(S::Set1(T(0)), b2r);
+        const V b3r = q.r[3], b3i = q.i[3];
+        q.r[3] = S::Mul(S::Sub(b3i, b3r), h);
+        q.i[3] = S::Mul(S::Add(b3r, b3i), mh);
+        Butterfly<S>(q);
+        for (size_t l = 0; l < 4; ++l)
+            out.Put(j + (2 * l + 1) * s, q.r[l], q.i[l]);
+    }
+}
+
+// Pass 0 for the real transforms, which see the half-length complex sequence interleaved:
+// z[n] = (in[2n], in[2n + 1]).
+template <class S>
+void PassFirstInterleaved(size_t m, const typename S::T* tw, const typename S::T* in, typename S::T* yr,
+                          typename S::T* yi) {
+    constexpr size_t W = S::W;
+    for (size_t p = 0; p < m; p += W, tw += 6 * W) {
+        Quad<S> q;
+        for (size_t k = 0; k < 4; ++k)
+            S::LoadDeinterleaved(in + 2 * (p + k * m), &q.r[k], &q.i[k]);
+        Butterfly<S>(q);
+        Twiddle<S>(q.r[1], q.i[1], S::Load(tw), S::Load(tw + W));
+        Twiddle<S>(q.r[2], q.i[2], S::Load(tw + 2 * W), S::Load(tw + 3 * W));
+        Twiddle<S>(q.r[3], q.i[3], S::Load(tw + 4 * W), S::Load(tw + 5 * W));
+        S::StoreTransposed4(yr + 4 * p, q.r[0], q.r[1], q.r[2], q.r[3]);
+        S::StoreTransposed4(yi + 4 * p, q.i[0], q.i[1], q.i[2], q.i[3]);
     }
 }
 
 // Scalar pass for sizes below a vector: m butterflies of stride s (radix 4), or the radix-2 pass.
 template <typename T>
-void PassScalar(int radix, size_t m, size_t s, const T* tw, const T* xr, const T* xi, T* yr,
-                T* yi) {
+void PassScalar(int radix, size_t m, size_t s, const T* tw, const T* xr, const T* xi, T* yr, T* yi) {
     if (radix == 2) {
         for (size_t q = 0; q < s; ++q) {
             const T ar = xr[q], ai = xi[q], br = xr[q + s], bi = xi[q + s];
@@ -345,14 +429,19 @@ private:
     T* mData = nullptr;
 };
 
-enum class PassKind { First, Stride4, Generic, Last4, Last2, Scalar };
+// How a pass's twiddles are laid out: per block of W values of p (pass 0), per pair of p with
+// each factor repeated four times (float pass with s = 4), or six scalars per p.
+enum class TwLayout { Blocks, Pairs, Scalars };
+
+enum class PassKind { First, Stride4, Generic, Last4, Last2, Last8, Scalar };
 
 struct Pass {
     PassKind kind;
-    int radix;
-    size_t m;
-    size_t s;
-    size_t tw;  // offset into the twiddle table, or kNoTwiddle
+    int radix;  // 2, 4 or 8
+    size_t m;   // butterflies per stride
+    size_t s;   // stride
+    size_t tw;  // offset of the twiddles in the table, or kNoTwiddle
+    TwLayout layout;
 };
 
 constexpr size_t kNoTwiddle = ~size_t{0};
@@ -362,65 +451,127 @@ template <class S>
 class ComplexKernel {
 public:
     using T = typename S::T;
+    static constexpr size_t W = S::W;
+    // Distance between the split arrays in the work buffer beyond N, so that the arrays do not
+    // share cache sets and the loads of one do not wait on stores to another at the same 4 KiB
+    // offset.
+    static constexpr size_t kSkew = 320 / sizeof(T);
+    // The work arrays start at one of four 1 KiB windows of a 4 KiB page, chosen per call away
+    // from the caller's arrays (see WorkBase).
+    static constexpr size_t kWindow = 1024 / sizeof(T);
 
     explicit ComplexKernel(int order) : mN(size_t{1} << order) {
-        // The vector passes need m >= W in pass 0 and, in float, m >= 2 in the stride-4 pass.
-        const bool vector = mN >= 4 * S::W;
+        const bool vector = mN >= 4 * W;
+        size_t stages = 0;  // radix-4 stages
+        while ((size_t{1} << (2 * (stages + 1))) <= mN)
+            ++stages;
+        const bool odd = (size_t{1} << (2 * stages)) != mN;
+        // An odd order ends in a radix-8 pass when its stride holds whole vectors and its eight
+        // streams per array do not all fall in one cache set (stride below 4 KiB); else radix 2.
+        const bool last8 = odd && vector && mN / 8 >= W && (mN / 8) * sizeof(T) < 4096;
+        const size_t radix4 = last8 ? stages - 1 : stages;
+
         size_t total = 0;
-        size_t s = 1;
-        size_t n = mN;
-        // First count the twiddle space, then fill.
-        while (n >= 4) {
-            const size_t m = n / 4;
-            Pass pass{PassKind::Scalar, 4, m, s, kNoTwiddle};
+        for (size_t i = 0; i < radix4; ++i) {
+            const size_t s = size_t{1} << (2 * i);
+            const size_t m = mN / (4 * s);
+            Pass pass{PassKind::Scalar, 4, m, s, kNoTwiddle, TwLayout::Scalars};
             if (vector) {
                 if (m == 1)
                     pass.kind = PassKind::Last4;
                 else if (s == 1)
-                    pass.kind = PassKind::First;
-                else if (s < S::W)
-                    pass.kind = PassKind::Stride4;
+                    pass = Pass{PassKind::First, 4, m, s, 0, TwLayout::Blocks};
+                else if (s < W)
+                    pass = Pass{PassKind::Stride4, 4, m, s, 0, TwLayout::Pairs};
                 else
                     pass.kind = PassKind::Generic;
             }
             if (m > 1) {
                 pass.tw = total;
-                const size_t count = pass.kind == PassKind::Stride4 ? 6 * m * 4 : 6 * m;
-                total += (count + 15) & ~size_t{15};
+                const size_t count = pass.layout == TwLayout::Pairs ? 24 * m : 6 * m;
+                total += (count + 15) & ~size_t{15};  // keep every table 64-byte aligned
             }
             mPasses[mCount++] = pass;
-            s *= 4;
-            n /= 4;
         }
-        if (n == 2) mPasses[mCount++] = Pass{vector ? PassKind::Last2 : PassKind::Scalar, 2, 1, s, kNoTwiddle};
+        if (last8) {
+            mPasses[mCount++] = Pass{PassKind::Last8, 8, 1, mN / 8, kNoTwiddle, TwLayout::Scalars};
+        } else if (odd) {
+            mPasses[mCount++] =
+                Pass{vector ? PassKind::Last2 : PassKind::Scalar, 2, 1, mN / 2, kNoTwiddle, TwLayout::Scalars};
+        }
         mTw.Allocate(total);
-        for (int i = 0; i < mCount; ++i) FillTwiddles(mPasses[i]);
+        for (int i = 0; i < mCount; ++i)
+            Fill(mPasses[i]);
     }
 
-    size_t WorkElements() const { return 4 * mN; }
+    // Two split areas of N complex values, skewed, and room to shift them by up to 3 windows.
+    size_t WorkElements() const { return 4 * (mN + kSkew) + 3 * kWindow; }
 
-    void Run(const T* ir, const T* ii, T* orr, T* oi, T* work) const {
+    void Run(const T* ir, const T* ii, T* orr, T* oi, T* work) const { RunImpl<false, false>(ir, ii, orr, oi, work); }
+    // Forward transform of the complex sequence held interleaved in `in` (2N values).
+    void RunFromInterleaved(const T* in, T* orr, T* oi, T* work) const {
+        RunImpl<true, false>(in, nullptr, orr, oi, work);
+    }
+    // Transform of (ir, ii) written to `out` as (im, re) pairs: with the parts swapped on input
+    // this is the inverse transform, interleaved.
+    void RunToSwappedInterleaved(const T* ir, const T* ii, T* out, T* work) const {
+        RunImpl<false, true>(ir, ii, out, nullptr, work);
+    }
+
+private:
+    template <bool InIL, bool OutIL>
+    void RunImpl(const T* ir, const T* ii, T* orr, T* oi, T* work) const {
         if (mCount == 0) {
-            const T r = ir[0], i = ii[0];
-            orr[0] = r;
-            oi[0] = i;
+            const T r = ir[0];
+            const T i = InIL ? ir[1] : ii[0];
+            if (OutIL) {
+                orr[0] = i;
+                orr[1] = r;
+            } else {
+                orr[0] = r;
+                oi[0] = i;
+            }
             return;
         }
+        const size_t stride = mN + kSkew;
+        work += WorkBase(work, ir, ii, orr, oi);
         T* aR = work;
-        T* aI = work + mN;
-        T* bR = work + 2 * mN;
-        T* bI = work + 3 * mN;
-        const bool inPlace = ir == orr || ii == oi;
+        T* aI = work + stride;
+        T* bR = work + 2 * stride;
+        T* bI = work + 3 * stride;
+        const bool vecFirst = mPasses[0].kind == PassKind::First;
+        const PassKind lastKind = mPasses[mCount - 1].kind;
+        const bool vecLast = lastKind == PassKind::Last4 || lastKind == PassKind::Last2 || lastKind == PassKind::Last8;
         const T* sr = ir;
         const T* si = ii;
+        if (InIL && !vecFirst) {
+            for (size_t n = 0; n < mN; ++n) {
+                bR[n] = ir[2 * n];
+                bI[n] = ir[2 * n + 1];
+            }
+            sr = bR;
+            si = bI;
+        }
+        // Where the passes whose parity matches the last one write: the output itself, which for
+        // interleaved output serves as two split halves until the last pass.
+        T* scratchR = orr;
+        T* scratchI = OutIL ? orr + mN : oi;
+        T* finalR = orr;
+        T* finalI = oi;
+        if (OutIL && !vecLast) {
+            finalR = bR;
+            finalI = bI;
+        }
+        const bool inPlace = !InIL && !OutIL && (ir == orr || ii == oi);
         for (int i = 0; i < mCount; ++i) {
+            const bool last = i == mCount - 1;
             T* dr;
             T* di;
             // The last pass lands in the output; earlier ones alternate with the work buffer. A
-            // pass cannot run in place, so an in-place first pass goes to a second work area.
+            // pass cannot run in place, so an in-place first pass goes to a second area.
             if (((mCount - 1 - i) & 1) == 0) {
-                dr = orr;
-                di = oi;
+                dr = last ? finalR : scratchR;
+                di = last ? finalI : scratchI;
                 if (i == 0 && inPlace) {
                     dr = bR;
                     di = bI;
@@ -429,17 +580,56 @@ public:
                 dr = aR;
                 di = aI;
             }
-            RunPass(mPasses[i], sr, si, dr, di);
+            const Pass& pass = mPasses[i];
+            if (InIL && i == 0 && vecFirst) {
+                PassFirstInterleaved<S>(pass.m, mTw.Data() + pass.tw, ir, dr, di);
+            } else if (OutIL && last && vecLast) {
+                const Output<S, true> out{orr, nullptr};
+                if (pass.kind == PassKind::Last4)
+                    PassLast4<S>(pass.s, sr, si, out);
+                else if (pass.kind == PassKind::Last8)
+                    PassLast8<S>(pass.s, sr, si, out);
+                else
+                    PassLast2<S>(pass.s, sr, si, out);
+            } else {
+                RunPass(pass, sr, si, dr, di);
+            }
             sr = dr;
             si = di;
         }
-        if (sr != orr) {
+        if (OutIL) {
+            if (!vecLast) {
+                for (size_t n = 0; n < mN; ++n) {
+                    orr[2 * n] = bI[n];
+                    orr[2 * n + 1] = bR[n];
+                }
+            }
+        } else if (sr != orr) {
             std::memcpy(orr, sr, mN * sizeof(T));
             std::memcpy(oi, si, mN * sizeof(T));
         }
     }
 
-private:
+    // Large arrays from the system allocator tend to start at the same offset within a page, and
+    // a pass touching several streams whose addresses agree modulo 4 KiB overloads one set of the
+    // L1 cache. Places the work arrays (which span under 1 KiB of offsets) in the window of the
+    // page that holds the fewest of the caller's arrays, the outputs counting double.
+    static size_t WorkBase(const T* work, const T* ir, const T* ii, const T* orr, const T* oi) {
+        auto window = [](const void* p) { return (reinterpret_cast<std::uintptr_t>(p) >> 10) & 3; };
+        int load[4] = {0, 0, 0, 0};
+        const size_t home = window(work);
+        const void* ins[2] = {ir, ii};
+        const void* outs[2] = {orr, oi};
+        for (const void* p : ins)
+            if (p != nullptr) load[(window(p) - home) & 3] += 1;
+        for (const void* p : outs)
+            if (p != nullptr) load[(window(p) - home) & 3] += 2;
+        size_t best = 0;
+        for (size_t w = 1; w < 4; ++w)
+            if (load[w] < load[best]) best = w;
+        return best * kWindow;
+    }
+
     void RunPass(const Pass& pass, const T* xr, const T* xi, T* yr, T* yi) const {
         const T* tw = pass.tw == kNoTwiddle ? nullptr : mTw.Data() + pass.tw;
         switch (pass.kind) {
@@ -447,16 +637,19 @@ private:
                 PassFirst<S>(pass.m, tw, xr, xi, yr, yi);
                 break;
             case PassKind::Stride4:
-                if constexpr (S::W == 8) PassStride4(pass.m, tw, xr, xi, yr, yi);
+                if constexpr (W == 8) PassStride4(pass.m, tw, xr, xi, yr, yi);
                 break;
             case PassKind::Generic:
                 PassGeneric<S>(pass.m, pass.s, tw, xr, xi, yr, yi);
                 break;
             case PassKind::Last4:
-                PassLast4<S>(pass.s, xr, xi, yr, yi);
+                PassLast4<S>(pass.s, xr, xi, Output<S, false>{yr, yi});
                 break;
             case PassKind::Last2:
-                PassLast2<S>(pass.s, xr, xi, yr, yi);
+                PassLast2<S>(pass.s, xr, xi, Output<S, false>{yr, yi});
+                break;
+            case PassKind::Last8:
+                PassLast8<S>(pass.s, xr, xi, Output<S, false>{yr, yi});
                 break;
             case PassKind::Scalar:
                 PassScalar<T>(pass.radix, pass.m, pass.s, tw, xr, xi, yr, yi);
@@ -464,7 +657,8 @@ private:
         }
     }
 
-    void FillTwiddles(const Pass& pass) {
+    // Twiddles of a pass with m butterflies per stride: w^p, w^2p, w^3p with w = exp(-2 pi i/4m).
+    void Fill(const Pass& pass) {
         if (pass.tw == kNoTwiddle) return;
         T* tw = mTw.Data() + pass.tw;
         const size_t m = pass.m;
@@ -473,20 +667,23 @@ private:
             T w[6];
             for (int k = 1; k <= 3; ++k)
                 detail::UnitRoot(k * static_cast<long long>(p), n, &w[2 * (k - 1)], &w[2 * k - 1]);
-            switch (pass.kind) {
-                case PassKind::First: {
-                    const size_t block = p / S::W, lane = p % S::W;
-                    for (int c = 0; c < 6; ++c) tw[block * 6 * S::W + c * S::W + lane] = w[c];
+            switch (pass.layout) {
+                case TwLayout::Blocks: {
+                    const size_t block = p / W, lane = p % W;
+                    for (int c = 0; c < 6; ++c)
+                        tw[block * 6 * W + c * W + lane] = w[c];
                     break;
                 }
-                case PassKind::Stride4: {
+                case TwLayout::Pairs: {
                     const size_t block = p / 2, half = p % 2;
                     for (int c = 0; c < 6; ++c)
-                        for (int l = 0; l < 4; ++l) tw[block * 48 + c * 8 + half * 4 + l] = w[c];
+                        for (int l = 0; l < 4; ++l)
+                            tw[block * 48 + c * 8 + half * 4 + l] = w[c];
                     break;
                 }
-                default:
-                    for (int c = 0; c < 6; ++c) tw[6 * p + c] = w[c];
+                case TwLayout::Scalars:
+                    for (int c = 0; c < 6; ++c)
+                        tw[6 * p + c] = w[c];
                     break;
             }
         }
@@ -499,21 +696,19 @@ private:
 };
 
 template <class S>
-class Avx2ComplexPlan final : public ComplexPlan<typename S::T> {
+class Avx2ComplexPlan {
 public:
     using T = typename S::T;
-    explicit Avx2ComplexPlan(int order) : mOrder(order), mKernel(order) {}
-    int Order() const override { return mOrder; }
-    std::size_t WorkBufferBytes() const override { return mKernel.WorkElements() * sizeof(T); }
-    void Forward(const T* inRe, const T* inIm, T* outRe, T* outIm, void* work) const override {
+    explicit Avx2ComplexPlan(int order) : mKernel(order) {}
+    std::size_t WorkBufferBytes() const { return mKernel.WorkElements() * sizeof(T); }
+    void Forward(const T* inRe, const T* inIm, T* outRe, T* outIm, void* work) const {
         mKernel.Run(inRe, inIm, outRe, outIm, static_cast<T*>(work));
     }
-    void Inverse(const T* inRe, const T* inIm, T* outRe, T* outIm, void* work) const override {
+    void Inverse(const T* inRe, const T* inIm, T* outRe, T* outIm, void* work) const {
         mKernel.Run(inIm, inRe, outIm, outRe, static_cast<T*>(work));
     }
 
 private:
-    int mOrder;
     ComplexKernel<S> mKernel;
 };
 
@@ -523,14 +718,14 @@ private:
 // M - k: a vector of k ascending meets a reversed vector of M - k descending.
 
 template <class S>
-class Avx2RealPlan final : public RealPlan<typename S::T> {
+class Avx2RealPlan {
 public:
     using T = typename S::T;
     using V = typename S::V;
     static constexpr size_t W = S::W;
+    static constexpr size_t kSkew = ComplexKernel<S>::kSkew;
 
-    explicit Avx2RealPlan(int order)
-        : mOrder(order), mN(size_t{1} << order), mM(mN / 2), mHalf(order > 0 ? order - 1 : 0) {
+    explicit Avx2RealPlan(int order) : mN(size_t{1} << order), mM(mN / 2), mHalf(order > 0 ? order - 1 : 0) {
         const size_t quarter = mM / 2;
         mV.Allocate(2 * (quarter + W + 1));
         T* vr = mV.Data();
@@ -544,12 +739,9 @@ public:
         mVi = vi;
     }
 
-    int Order() const override { return mOrder; }
-    std::size_t WorkBufferBytes() const override {
-        return (4 * mM + mHalf.WorkElements()) * sizeof(T);
-    }
+    std::size_t WorkBufferBytes() const { return (2 * (mM + kSkew) + mHalf.WorkElements()) * sizeof(T); }
 
-    void Forward(const T* in, T* out, void* work) const override {
+    void Forward(const T* in, T* out, void* work) const {
         if (mN == 1) {
             const T x = in[0];
             out[0] = x;
@@ -557,55 +749,24 @@ public:
             out[2] = 0;
             return;
         }
-        T* zr = static_cast<T*>(work);
-        T* zi = zr + mM;
-        T* Zr = zi + mM;
-        T* Zi = Zr + mM;
-        T* cw = Zi + mM;
-        Deinterleave(in, zr, zi);
-        mHalf.Run(zr, zi, Zr, Zi, cw);
+        T* Zr = static_cast<T*>(work);
+        T* Zi = Zr + mM + kSkew;
+        mHalf.RunFromInterleaved(in, Zr, Zi, Zi + mM + kSkew);
         Post(Zr, Zi, out);
     }
 
-    void Inverse(const T* in, T* out, void* work) const override {
+    void Inverse(const T* in, T* out, void* work) const {
         if (mN == 1) {
             out[0] = in[0];
             return;
         }
         T* Zr = static_cast<T*>(work);
-        T* Zi = Zr + mM;
-        T* zr = Zi + mM;
-        T* zi = zr + mM;
-        T* cw = zi + mM;
+        T* Zi = Zr + mM + kSkew;
         Pre(in, Zr, Zi);
-        mHalf.Run(Zi, Zr, zi, zr, cw);
-        Interleave(zr, zi, out);
+        mHalf.RunToSwappedInterleaved(Zi, Zr, out, Zi + mM + kSkew);
     }
 
 private:
-    void Deinterleave(const T* in, T* zr, T* zi) const {
-        size_t n = 0;
-        for (; n + W <= mM; n += W) {
-            V r, i;
-            S::LoadDeinterleaved(in + 2 * n, &r, &i);
-            S::Store(zr + n, r);
-            S::Store(zi + n, i);
-        }
-        for (; n < mM; ++n) {
-            zr[n] = in[2 * n];
-            zi[n] = in[2 * n + 1];
-        }
-    }
-
-    void Interleave(const T* zr, const T* zi, T* out) const {
-        size_t n = 0;
-        for (; n + W <= mM; n += W) S::StoreInterleaved(out + 2 * n, S::Load(zr + n), S::Load(zi + n));
-        for (; n < mM; ++n) {
-            out[2 * n] = zr[n];
-            out[2 * n + 1] = zi[n];
-        }
-    }
-
     void Post(const T* Zr, const T* Zi, T* out) const {
         const T* vr = mV.Data();
         const T* vi = mVi;
@@ -687,7 +848,6 @@ private:
         }
     }
 
-    int mOrder;
     size_t mN;
     size_t mM;
     ComplexKernel<S> mHalf;
@@ -695,11 +855,53 @@ private:
     const T* mVi = nullptr;
 };
 
+// Plain-function tables over the plans above; the plan classes the library hands out wrap them
+// in fft_kernel_dispatch.cpp.
+template <class P, typename T>
+constexpr detail::ComplexOps<T> MakeComplexOps() {
+    return {
+        [](int order) -> void* { return new P(order); },
+        [](void* plan) { delete static_cast<P*>(plan); },
+        [](const void* plan) { return static_cast<const P*>(plan)->WorkBufferBytes(); },
+        [](const void* plan, const T* ir, const T* ii, T* orr, T* oi, void* work) {
+            static_cast<const P*>(plan)->Forward(ir, ii, orr, oi, work);
+        },
+        [](const void* plan, const T* ir, const T* ii, T* orr, T* oi, void* work) {
+            static_cast<const P*>(plan)->Inverse(ir, ii, orr, oi, work);
+        },
+    };
+}
+
+template <class P, typename T>
+constexpr detail::RealOps<T> MakeRealOps() {
+    return {
+        [](int order) -> void* { return new P(order); },
+        [](void* plan) { delete static_cast<P*>(plan); },
+        [](const void* plan) { return static_cast<const P*>(plan)->WorkBufferBytes(); },
+        [](const void* plan, const T* in, T* out, void* work) { static_cast<const P*>(plan)->Forward(in, out, work); },
+        [](const void* plan, const T* in, T* out, void* work) { static_cast<const P*>(plan)->Inverse(in, out, work); },
+    };
+}
+
+// Constant-initialised, so usable from any static initialiser.
+constexpr detail::ComplexOps<float> kComplexF32 = MakeComplexOps<Avx2ComplexPlan<F32>, float>();
+constexpr detail::ComplexOps<double> kComplexF64 = MakeComplexOps<Avx2ComplexPlan<F64>, double>();
+constexpr detail::RealOps<float> kRealF32 = MakeRealOps<Avx2RealPlan<F32>, float>();
+constexpr detail::RealOps<double> kRealF64 = MakeRealOps<Avx2RealPlan<F64>, double>();
+
 }  // namespace
 
-ComplexPlan<float>* NewComplexPlan(int order, float) { return new Avx2ComplexPlan<F32>(order); }
-ComplexPlan<double>* NewComplexPlan(int order, double) { return new Avx2ComplexPlan<F64>(order); }
-RealPlan<float>* NewRealPlan(int order, float) { return new Avx2RealPlan<F32>(order); }
-RealPlan<double>* NewRealPlan(int order, double) { return new Avx2RealPlan<F64>(order); }
+const detail::ComplexOps<float>& ComplexOps(float) {
+    return kComplexF32;
+}
+const detail::ComplexOps<double>& ComplexOps(double) {
+    return kComplexF64;
+}
+const detail::RealOps<float>& RealOps(float) {
+    return kRealF32;
+}
+const detail::RealOps<double>& RealOps(double) {
+    return kRealF64;
+}
 
 }  // namespace dsp::fft::avx2

@@ -18,11 +18,11 @@ namespace dsp::fft {
 namespace detail {
 
 void* AllocateAligned(std::size_t bytes) {
-    return ::operator new(bytes == 0 ? 64 : bytes, std::align_val_t{64});
+    return ::operator new (bytes == 0 ? 64 : bytes, std::align_val_t{64});
 }
 
 void FreeAligned(void* p) noexcept {
-    if (p != nullptr) ::operator delete(p, std::align_val_t{64});
+    if (p != nullptr) ::operator delete (p, std::align_val_t{64});
 }
 
 namespace {
@@ -118,7 +118,9 @@ bool IsaAvailable(Isa isa) {
     return false;
 }
 
-Isa BestIsa() { return Avx2Usable() ? Isa::Avx2Fma : Isa::Portable; }
+Isa BestIsa() {
+    return Avx2Usable() ? Isa::Avx2Fma : Isa::Portable;
+}
 
 const char* IsaName(Isa isa) {
     if (isa == Isa::Best) isa = BestIsa();
@@ -135,10 +137,53 @@ const char* IsaName(Isa isa) {
 
 namespace {
 
+#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+// Plans of a kernel compiled for a particular instruction set, reached through its function table.
+template <typename T>
+class ComplexOpsPlan final : public ComplexPlan<T> {
+public:
+    ComplexOpsPlan(int order, const detail::ComplexOps<T>& ops) : mOrder(order), mOps(ops), mPlan(ops.create(order)) {}
+    ~ComplexOpsPlan() override { mOps.destroy(mPlan); }
+    ComplexOpsPlan(const ComplexOpsPlan&) = delete;
+    ComplexOpsPlan& operator=(const ComplexOpsPlan&) = delete;
+    int Order() const override { return mOrder; }
+    std::size_t WorkBufferBytes() const override { return mOps.workBytes(mPlan); }
+    void Forward(const T* inRe, const T* inIm, T* outRe, T* outIm, void* work) const override {
+        mOps.forward(mPlan, inRe, inIm, outRe, outIm, work);
+    }
+    void Inverse(const T* inRe, const T* inIm, T* outRe, T* outIm, void* work) const override {
+        mOps.inverse(mPlan, inRe, inIm, outRe, outIm, work);
+    }
+
+private:
+    int mOrder;
+    const detail::ComplexOps<T>& mOps;
+    void* mPlan;
+};
+
+template <typename T>
+class RealOpsPlan final : public RealPlan<T> {
+public:
+    RealOpsPlan(int order, const detail::RealOps<T>& ops) : mOrder(order), mOps(ops), mPlan(ops.create(order)) {}
+    ~RealOpsPlan() override { mOps.destroy(mPlan); }
+    RealOpsPlan(const RealOpsPlan&) = delete;
+    RealOpsPlan& operator=(const RealOpsPlan&) = delete;
+    int Order() const override { return mOrder; }
+    std::size_t WorkBufferBytes() const override { return mOps.workBytes(mPlan); }
+    void Forward(const T* in, T* out, void* work) const override { mOps.forward(mPlan, in, out, work); }
+    void Inverse(const T* in, T* out, void* work) const override { mOps.inverse(mPlan, in, out, work); }
+
+private:
+    int mOrder;
+    const detail::RealOps<T>& mOps;
+    void* mPlan;
+};
+#endif
+
 template <typename T>
 ComplexPlan<T>* NewComplex(int order, Isa isa) {
 #if defined(KESTADSP_HAVE_AVX2_KERNEL)
-    if (isa == Isa::Avx2Fma) return avx2::NewComplexPlan(order, T{});
+    if (isa == Isa::Avx2Fma) return new ComplexOpsPlan<T>(order, avx2::ComplexOps(T{}));
 #endif
     (void)isa;
     return portable::NewComplexPlan(order, T{});
@@ -147,7 +192,7 @@ ComplexPlan<T>* NewComplex(int order, Isa isa) {
 template <typename T>
 RealPlan<T>* NewReal(int order, Isa isa) {
 #if defined(KESTADSP_HAVE_AVX2_KERNEL)
-    if (isa == Isa::Avx2Fma) return avx2::NewRealPlan(order, T{});
+    if (isa == Isa::Avx2Fma) return new RealOpsPlan<T>(order, avx2::RealOps(T{}));
 #endif
     (void)isa;
     return portable::NewRealPlan(order, T{});

@@ -9,8 +9,6 @@
 
 #include <cstddef>
 
-#include "dsp/fft/fft_kernel.h"
-
 namespace dsp::fft::detail {
 
 // 64-byte aligned storage for twiddle tables. Throws std::bad_alloc like operator new.
@@ -21,7 +19,34 @@ void FreeAligned(void* p) noexcept;
 void UnitRoot(long long k, long long n, double* re, double* im);
 void UnitRoot(long long k, long long n, float* re, float* im);
 
+// A kernel compiled for a particular instruction set is reached through plain functions only, so
+// that its translation unit need not see the plan classes (see fft_kernel_avx2.cpp).
+template <typename T>
+struct ComplexOps {
+    void* (*create)(int order);
+    void (*destroy)(void* plan);
+    std::size_t (*workBytes)(const void* plan);
+    void (*forward)(const void* plan, const T* inRe, const T* inIm, T* outRe, T* outIm, void* work);
+    void (*inverse)(const void* plan, const T* inRe, const T* inIm, T* outRe, T* outIm, void* work);
+};
+
+template <typename T>
+struct RealOps {
+    void* (*create)(int order);
+    void (*destroy)(void* plan);
+    std::size_t (*workBytes)(const void* plan);
+    void (*forward)(const void* plan, const T* in, T* out, void* work);
+    void (*inverse)(const void* plan, const T* in, T* out, void* work);
+};
+
 }  // namespace dsp::fft::detail
+
+namespace dsp::fft {
+template <typename T>
+class ComplexPlan;
+template <typename T>
+class RealPlan;
+}  // namespace dsp::fft
 
 namespace dsp::fft::portable {
 
@@ -35,10 +60,10 @@ RealPlan<double>* NewRealPlan(int order, double);
 #if defined(KESTADSP_HAVE_AVX2_KERNEL)
 namespace dsp::fft::avx2 {
 
-ComplexPlan<float>* NewComplexPlan(int order, float);
-ComplexPlan<double>* NewComplexPlan(int order, double);
-RealPlan<float>* NewRealPlan(int order, float);
-RealPlan<double>* NewRealPlan(int order, double);
+const detail::ComplexOps<float>& ComplexOps(float);
+const detail::ComplexOps<double>& ComplexOps(double);
+const detail::RealOps<float>& RealOps(float);
+const detail::RealOps<double>& RealOps(double);
 
 }  // namespace dsp::fft::avx2
 #endif

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "dsp/fft/fft_kernel.h"
 #include "dsp/fft/fft_kernel_internal.h"
 
 namespace dsp::fft::portable {
@@ -29,8 +30,8 @@ using std::size_t;
 // The twiddled variants multiply y1, y2, y3 by w^p, w^2p, w^3p (w = exp(-2 pi i / 4m)).
 
 template <typename T>
-void Radix4FirstPass(size_t m, const T* __restrict tw, const T* __restrict xr,
-                     const T* __restrict xi, T* __restrict yr, T* __restrict yi) {
+void Radix4FirstPass(size_t m, const T* __restrict tw, const T* __restrict xr, const T* __restrict xi, T* __restrict yr,
+                     T* __restrict yi) {
     const T* __restrict w1r = tw;
     const T* __restrict w1i = tw + m;
     const T* __restrict w2r = tw + 2 * m;
@@ -59,11 +60,10 @@ void Radix4FirstPass(size_t m, const T* __restrict tw, const T* __restrict xr,
 }
 
 template <typename T>
-void Radix4Block(size_t s, T w1r, T w1i, T w2r, T w2i, T w3r, T w3i, const T* __restrict ar_,
-                 const T* __restrict ai_, const T* __restrict br_, const T* __restrict bi_,
-                 const T* __restrict cr_, const T* __restrict ci_, const T* __restrict dr_,
-                 const T* __restrict di_, T* __restrict y0r, T* __restrict y0i, T* __restrict y1r,
-                 T* __restrict y1i, T* __restrict y2r, T* __restrict y2i, T* __restrict y3r,
+void Radix4Block(size_t s, T w1r, T w1i, T w2r, T w2i, T w3r, T w3i, const T* __restrict ar_, const T* __restrict ai_,
+                 const T* __restrict br_, const T* __restrict bi_, const T* __restrict cr_, const T* __restrict ci_,
+                 const T* __restrict dr_, const T* __restrict di_, T* __restrict y0r, T* __restrict y0i,
+                 T* __restrict y1r, T* __restrict y1i, T* __restrict y2r, T* __restrict y2i, T* __restrict y3r,
                  T* __restrict y3i) {
     for (size_t q = 0; q < s; ++q) {
         const T ar = ar_[q], ai = ai_[q], br = br_[q], bi = bi_[q];
@@ -85,12 +85,10 @@ void Radix4Block(size_t s, T w1r, T w1i, T w2r, T w2i, T w3r, T w3i, const T* __
 }
 
 template <typename T>
-void Radix4BlockNoTwiddle(size_t s, const T* __restrict ar_, const T* __restrict ai_,
-                          const T* __restrict br_, const T* __restrict bi_,
-                          const T* __restrict cr_, const T* __restrict ci_,
-                          const T* __restrict dr_, const T* __restrict di_, T* __restrict y0r,
-                          T* __restrict y0i, T* __restrict y1r, T* __restrict y1i,
-                          T* __restrict y2r, T* __restrict y2i, T* __restrict y3r,
+void Radix4BlockNoTwiddle(size_t s, const T* __restrict ar_, const T* __restrict ai_, const T* __restrict br_,
+                          const T* __restrict bi_, const T* __restrict cr_, const T* __restrict ci_,
+                          const T* __restrict dr_, const T* __restrict di_, T* __restrict y0r, T* __restrict y0i,
+                          T* __restrict y1r, T* __restrict y1i, T* __restrict y2r, T* __restrict y2i, T* __restrict y3r,
                           T* __restrict y3i) {
     for (size_t q = 0; q < s; ++q) {
         const T ar = ar_[q], ai = ai_[q], br = br_[q], bi = bi_[q];
@@ -113,9 +111,8 @@ template <typename T>
 void Radix4Pass(size_t m, size_t s, const T* tw, const T* xr, const T* xi, T* yr, T* yi) {
     const size_t sm = s * m;
     if (m == 1) {
-        Radix4BlockNoTwiddle(s, xr, xi, xr + sm, xi + sm, xr + 2 * sm, xi + 2 * sm, xr + 3 * sm,
-                             xi + 3 * sm, yr, yi, yr + s, yi + s, yr + 2 * s, yi + 2 * s,
-                             yr + 3 * s, yi + 3 * s);
+        Radix4BlockNoTwiddle(s, xr, xi, xr + sm, xi + sm, xr + 2 * sm, xi + 2 * sm, xr + 3 * sm, xi + 3 * sm, yr, yi,
+                             yr + s, yi + s, yr + 2 * s, yi + 2 * s, yr + 3 * s, yi + 3 * s);
         return;
     }
     for (size_t p = 0; p < m; ++p) {
@@ -123,17 +120,15 @@ void Radix4Pass(size_t m, size_t s, const T* tw, const T* xr, const T* xi, T* yr
         const T* a_i = xi + s * p;
         T* y_r = yr + 4 * s * p;
         T* y_i = yi + 4 * s * p;
-        Radix4Block(s, tw[p], tw[m + p], tw[2 * m + p], tw[3 * m + p], tw[4 * m + p],
-                    tw[5 * m + p], a_r, a_i, a_r + sm, a_i + sm, a_r + 2 * sm, a_i + 2 * sm,
-                    a_r + 3 * sm, a_i + 3 * sm, y_r, y_i, y_r + s, y_i + s, y_r + 2 * s,
-                    y_i + 2 * s, y_r + 3 * s, y_i + 3 * s);
+        Radix4Block(s, tw[p], tw[m + p], tw[2 * m + p], tw[3 * m + p], tw[4 * m + p], tw[5 * m + p], a_r, a_i, a_r + sm,
+                    a_i + sm, a_r + 2 * sm, a_i + 2 * sm, a_r + 3 * sm, a_i + 3 * sm, y_r, y_i, y_r + s, y_i + s,
+                    y_r + 2 * s, y_i + 2 * s, y_r + 3 * s, y_i + 3 * s);
     }
 }
 
 // Final radix-2 pass of an odd order: m = 1, so no twiddles.
 template <typename T>
-void Radix2LastPass(size_t s, const T* __restrict xr, const T* __restrict xi, T* __restrict yr,
-                    T* __restrict yi) {
+void Radix2LastPass(size_t s, const T* __restrict xr, const T* __restrict xi, T* __restrict yr, T* __restrict yi) {
     for (size_t q = 0; q < s; ++q) {
         const T ar = xr[q], ai = xi[q], br = xr[q + s], bi = xi[q + s];
         yr[q] = ar + br;
@@ -261,10 +256,7 @@ template <typename T>
 class PortableRealPlan final : public RealPlan<T> {
 public:
     explicit PortableRealPlan(int order)
-        : mOrder(order),
-          mN(size_t{1} << order),
-          mM(mN / 2),
-          mHalf(order > 0 ? order - 1 : 0) {
+        : mOrder(order), mN(size_t{1} << order), mM(mN / 2), mHalf(order > 0 ? order - 1 : 0) {
         const size_t quarter = mM / 2;
         mVr.resize(quarter + 1);
         mVi.resize(quarter + 1);
@@ -278,9 +270,7 @@ public:
     }
 
     int Order() const override { return mOrder; }
-    std::size_t WorkBufferBytes() const override {
-        return (4 * mM + mHalf.WorkElements()) * sizeof(T);
-    }
+    std::size_t WorkBufferBytes() const override { return (4 * mM + mHalf.WorkElements()) * sizeof(T); }
 
     void Forward(const T* in, T* out, void* work) const override {
         if (mN == 1) {
@@ -382,11 +372,17 @@ private:
 
 }  // namespace
 
-ComplexPlan<float>* NewComplexPlan(int order, float) { return new PortableComplexPlan<float>(order); }
+ComplexPlan<float>* NewComplexPlan(int order, float) {
+    return new PortableComplexPlan<float>(order);
+}
 ComplexPlan<double>* NewComplexPlan(int order, double) {
     return new PortableComplexPlan<double>(order);
 }
-RealPlan<float>* NewRealPlan(int order, float) { return new PortableRealPlan<float>(order); }
-RealPlan<double>* NewRealPlan(int order, double) { return new PortableRealPlan<double>(order); }
+RealPlan<float>* NewRealPlan(int order, float) {
+    return new PortableRealPlan<float>(order);
+}
+RealPlan<double>* NewRealPlan(int order, double) {
+    return new PortableRealPlan<double>(order);
+}
 
 }  // namespace dsp::fft::portable

@@ -3,6 +3,11 @@
 // directions, in place and out of place, on caller arrays that are deliberately not aligned.
 // Also: the plan contract (orders, null plans, no allocation, no state shared between calls).
 
+#include "dsp/fft/fft_kernel.h"
+
+#include <fftw3.h>
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -17,11 +22,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <fftw3.h>
-#include <gtest/gtest.h>
-
-#include "dsp/fft/fft_kernel.h"
 
 // ---------------------------------------------------------------------------------------------
 // Allocation counting: every global operator new goes through here, and on glibc (outside the
@@ -56,8 +56,12 @@ void AlignedFree(void* p) {
 }
 }  // namespace
 
-void* operator new(std::size_t n) { return PlainAlloc(n); }
-void* operator new[](std::size_t n) { return PlainAlloc(n); }
+void* operator new(std::size_t n) {
+    return PlainAlloc(n);
+}
+void* operator new[](std::size_t n) {
+    return PlainAlloc(n);
+}
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
     try {
         return PlainAlloc(n);
@@ -72,16 +76,36 @@ void* operator new[](std::size_t n, const std::nothrow_t&) noexcept {
         return nullptr;
     }
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void* operator new(std::size_t n, std::align_val_t al) { return AlignedAlloc(n, al); }
-void* operator new[](std::size_t n, std::align_val_t al) { return AlignedAlloc(n, al); }
-void operator delete(void* p, std::align_val_t) noexcept { AlignedFree(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { AlignedFree(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { AlignedFree(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { AlignedFree(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void* operator new(std::size_t n, std::align_val_t al) {
+    return AlignedAlloc(n, al);
+}
+void* operator new[](std::size_t n, std::align_val_t al) {
+    return AlignedAlloc(n, al);
+}
+void operator delete(void* p, std::align_val_t) noexcept {
+    AlignedFree(p);
+}
+void operator delete[](void* p, std::align_val_t) noexcept {
+    AlignedFree(p);
+}
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
+    AlignedFree(p);
+}
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept {
+    AlignedFree(p);
+}
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
@@ -131,7 +155,8 @@ public:
         auto addr = reinterpret_cast<std::uintptr_t>(mStore.data());
         const std::uintptr_t aligned = (addr + 63) & ~std::uintptr_t{63};
         mData = reinterpret_cast<T*>(aligned) + misalign;
-        for (std::size_t i = 0; i < kGuard; ++i) mData[mN + i] = Sentinel();
+        for (std::size_t i = 0; i < kGuard; ++i)
+            mData[mN + i] = Sentinel();
     }
     T* data() { return mData; }
     const T* data() const { return mData; }
@@ -218,8 +243,7 @@ private:
 // Relative RMS error of `count` complex values against the oracle's bins 0 ... count - 1, with
 // element k of ours at re[k * stride], im[k * stride].
 template <typename T>
-double RelErrComplex(const Oracle& ref, std::size_t count, const T* re, const T* im,
-                     std::size_t stride = 1) {
+double RelErrComplex(const Oracle& ref, std::size_t count, const T* re, const T* im, std::size_t stride = 1) {
     double num = 0, den = 0;
     for (std::size_t k = 0; k < count; ++k) {
         const double dr = static_cast<double>(re[k * stride]) - ref.Re(k);
@@ -244,19 +268,24 @@ double RelErrReal(const Oracle& ref, std::size_t n, const T* x) {
 template <typename T>
 void FillRandom(Array<T>& a, std::mt19937& rng) {
     std::uniform_real_distribution<double> dist(-1.0, 1.0);
-    for (std::size_t i = 0; i < a.size(); ++i) a[i] = static_cast<T>(dist(rng));
+    for (std::size_t i = 0; i < a.size(); ++i)
+        a[i] = static_cast<T>(dist(rng));
 }
 
 }  // namespace
 
 namespace dsp::fft {
 // Readable test names and messages for the kernel parameter.
-void PrintTo(Isa isa, std::ostream* os) { *os << IsaName(isa); }
+void PrintTo(Isa isa, std::ostream* os) {
+    *os << IsaName(isa);
+}
 }  // namespace dsp::fft
 
 namespace {
 
-std::vector<Isa> KernelIsas() { return {Isa::Portable, Isa::Avx2Fma}; }
+std::vector<Isa> KernelIsas() {
+    return {Isa::Portable, Isa::Avx2Fma};
+}
 
 std::string IsaParamName(const testing::TestParamInfo<Isa>& info) {
     return info.param == Isa::Portable ? "Portable" : "Avx2Fma";
@@ -325,8 +354,7 @@ void CheckEverySize(Isa isa) {
             keep.CopyFrom(x);
             ref.Run(true, x.data(), static_cast<const T*>(nullptr));
             rplan->Forward(x.data(), ccs.data(), work.data());
-            EXPECT_LE(RelErrComplex(ref, n / 2 + 1, ccs.data(), ccs.data() + 1, 2), tol)
-                << "real forward";
+            EXPECT_LE(RelErrComplex(ref, n / 2 + 1, ccs.data(), ccs.data() + 1, 2), tol) << "real forward";
             EXPECT_EQ(ccs[1], T(0));
             EXPECT_EQ(ccs[n + 1], T(0));
             EXPECT_TRUE(x.SameAs(keep)) << "input modified";
@@ -372,8 +400,12 @@ void CheckEverySize(Isa isa) {
     }
 }
 
-TEST_P(FftKernelIsa, FloatMatchesFftwAtEverySize) { CheckEverySize<float>(GetParam()); }
-TEST_P(FftKernelIsa, DoubleMatchesFftwAtEverySize) { CheckEverySize<double>(GetParam()); }
+TEST_P(FftKernelIsa, FloatMatchesFftwAtEverySize) {
+    CheckEverySize<float>(GetParam());
+}
+TEST_P(FftKernelIsa, DoubleMatchesFftwAtEverySize) {
+    CheckEverySize<double>(GetParam());
+}
 
 // ---------------------------------------------------------------------------------------------
 // Alignment of the caller's arrays changes nothing: aligned and misaligned runs agree bit for bit.
@@ -406,7 +438,8 @@ void CheckAlignmentIndependence(Isa isa) {
             EXPECT_TRUE(rb.SameAs(rd)) << "real forward, shift " << shift;
             rplan->Inverse(ra.data(), rb.data(), work.data());
             rplan->Inverse(rc.data(), rd.data(), work.data());
-            for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(rb[i], rd[i]) << "real inverse, shift " << shift;
+            for (std::size_t i = 0; i < n; ++i)
+                ASSERT_EQ(rb[i], rd[i]) << "real inverse, shift " << shift;
         }
     }
 }
