@@ -1,0 +1,63 @@
+#pragma once
+// Streams an audio file through libsndfile as blocks of non-interleaved float channels, so any
+// length of file needs memory for one block. Integer files are scaled exactly (a 16-bit sample s
+// reads as s / 32768), so a file read and written again unchanged is bit-identical.
+
+#include <sndfile.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audio_block.h"
+#include "audio_format.h"
+#include "audio_metadata.h"
+#include "file_identity.h"
+
+namespace kesta {
+
+class BlockReader {
+public:
+    static constexpr std::size_t kDefaultBlockFrames = 4096;
+
+    // Opens the file; throws an input error (missing, unreadable, a directory, not audio).
+    explicit BlockReader(std::string path);
+    ~BlockReader();
+    BlockReader(const BlockReader&) = delete;
+    BlockReader& operator=(const BlockReader&) = delete;
+
+    const std::string& Path() const { return mPath; }
+    const AudioFormat& Format() const { return mFormat; }
+    // The file that was opened, to keep outputs off it.
+    FileIdentity Identity() const { return mIdentity; }
+    // The length the file's header states; nullopt when it is not known in advance (a pipe).
+    std::optional<int64_t> HeaderFrames() const { return mHeaderFrames; }
+    bool Seekable() const { return mSeekable; }
+    AudioMetadata Metadata() const;
+
+    // A block shaped for this file.
+    AudioBlock MakeBlock(std::size_t frames = kDefaultBlockFrames) const { return AudioBlock(mFormat.channels, frames); }
+
+    // Fills the block with the next frames (up to its capacity) and returns true, or returns false
+    // with an empty block once the file is exhausted. Throws an input error on a read failure.
+    bool Read(AudioBlock& block);
+    // Frames delivered since the file was opened or last rewound.
+    int64_t FramesRead() const { return mFramesRead; }
+    // Starts again from the first frame, for a further pass over the file.
+    void Rewind();
+
+private:
+    std::string mPath;
+    SNDFILE* mFile = nullptr;
+    AudioFormat mFormat;
+    FileIdentity mIdentity;
+    std::optional<int64_t> mHeaderFrames;
+    bool mSeekable = false;
+    int mIntegerBits = 0;  // > 0: read integers and scale exactly
+    int64_t mFramesRead = 0;
+    std::vector<float> mInterleavedFloat;
+    std::vector<int32_t> mInterleavedInt;
+};
+
+}  // namespace kesta

@@ -1,0 +1,65 @@
+#pragma once
+// Writes blocks of non-interleaved float channels into an audio file through libsndfile. Integer
+// encodings get exact rounding to their own bit depth and saturate at full scale (never wrap);
+// float encodings keep every value, beyond full scale included.
+
+#include <sndfile.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audio_block.h"
+#include "audio_format.h"
+#include "audio_metadata.h"
+
+namespace kesta {
+
+class BlockWriter {
+public:
+    // Writes into the open descriptor `fd` (left open: its owner syncs and closes it). Messages
+    // name `displayPath`, the file the person asked for. Throws an output error if libsndfile
+    // cannot write this format.
+    BlockWriter(int fd, std::string displayPath, const AudioFormat& format);
+    ~BlockWriter();
+    BlockWriter(const BlockWriter&) = delete;
+    BlockWriter& operator=(const BlockWriter&) = delete;
+
+    const AudioFormat& Format() const { return mFormat; }
+    // Carries tags and broadcast data over; call before the first Write. Fields the output's
+    // container cannot hold are dropped silently.
+    void SetMetadata(const AudioMetadata& metadata);
+
+    // Fails early, before any work, when `frames` cannot fit the output's container (a WAV or
+    // AIFF header cannot describe more than 4 GiB of audio).
+    void ExpectFrames(int64_t frames) const;
+    // The most frames the container can hold; nullopt when there is no practical limit.
+    static std::optional<int64_t> FrameLimit(const AudioFormat& format);
+
+    // Throws an output error if the data does not fit (see ExpectFrames) or cannot be written.
+    void Write(const AudioBlock& block);
+    // Completes the file (header, trailing data). The file is whole only once this returns.
+    void Finish();
+
+    int64_t FramesWritten() const { return mFramesWritten; }
+    // Samples beyond full scale that an integer or lossy encoding had to saturate.
+    uint64_t ClippedSamples() const { return mClipped; }
+
+private:
+    [[noreturn]] void ThrowWriteFailure() const;
+    [[noreturn]] void ThrowTooLong() const;
+
+    std::string mPath;
+    AudioFormat mFormat;
+    SNDFILE* mFile = nullptr;
+    int mIntegerBits = 0;
+    bool mFloatEncoding = false;
+    std::optional<int64_t> mFrameLimit;
+    int64_t mFramesWritten = 0;
+    uint64_t mClipped = 0;
+    std::vector<float> mInterleavedFloat;
+    std::vector<int32_t> mInterleavedInt;
+};
+
+}  // namespace kesta

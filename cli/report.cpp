@@ -1,0 +1,71 @@
+#include "report.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include "errors.h"
+#include "text_table.h"
+#include "units.h"
+
+namespace kesta {
+
+void WriteAudioFields(JsonWriter& json, const AudioFormat& format, int64_t frames) {
+    json.Key("format").BeginObject();
+    json.Key("container").String(ContainerName(format.sndfileFormat));
+    json.Key("encoding").String(EncodingName(format.sndfileFormat));
+    json.Key("description").String(DescribeFormat(format.sndfileFormat));
+    json.EndObject();
+    json.Key("sample_rate").Int(format.sampleRate);
+    json.Key("channels").Int(format.channels);
+    json.Key("frames").Int(frames);
+    json.Key("duration_seconds").Number(double(frames) / format.sampleRate);
+    json.Key("duration").String(FormatLength(frames, format.sampleRate));
+}
+
+void WriteWarnings(JsonWriter& json, const std::vector<std::string>& warnings) {
+    json.Key("warnings").BeginArray();
+    for (const std::string& warning : warnings) json.String(warning);
+    json.EndArray();
+}
+
+void WriteLevels(JsonWriter& json, const std::vector<ChannelLevels>& levels) {
+    json.BeginArray();
+    for (std::size_t c = 0; c < levels.size(); ++c) {
+        json.BeginObject();
+        json.Key("channel").Int(int64_t(c) + 1);
+        json.Key("peak").Number(levels[c].peak);
+        json.Key("peak_dbfs").Number(LinearToDb(levels[c].peak));  // null for silence
+        json.Key("rms_dbfs").Number(LinearToDb(levels[c].rms));
+        json.Key("dc_offset").Number(levels[c].mean);
+        json.EndObject();
+    }
+    json.EndArray();
+}
+
+void PrintLevels(std::ostream& out, const std::vector<ChannelLevels>& levels) {
+    TextTable table;
+    table.AddColumn("Channel", TextTable::Align::Right);
+    table.AddColumn("Peak", TextTable::Align::Right);
+    table.AddColumn("Peak dBFS", TextTable::Align::Right);
+    table.AddColumn("RMS dBFS", TextTable::Align::Right);
+    table.AddColumn("DC offset", TextTable::Align::Right);
+    for (std::size_t c = 0; c < levels.size(); ++c) {
+        char peak[32], mean[32];
+        std::snprintf(peak, sizeof(peak), "%.6f", levels[c].peak);
+        // No "-0.000000": an offset below the shown precision is 0.
+        std::snprintf(mean, sizeof(mean), "%.6f", std::fabs(levels[c].mean) < 5e-7 ? 0.0 : levels[c].mean);
+        table.AddRow({std::to_string(c + 1), peak, FormatDb(LinearToDb(levels[c].peak)),
+                      FormatDb(LinearToDb(levels[c].rms)), mean});
+    }
+    table.Print(out);
+}
+
+std::optional<std::string> LengthMismatch(const std::string& path, std::optional<int64_t> headerFrames,
+                                          int64_t framesRead) {
+    if (!headerFrames || *headerFrames == framesRead) return std::nullopt;
+    return "the header of " + Quoted(path) + " announces " + std::to_string(*headerFrames) +
+           " frames but the file holds " + std::to_string(framesRead) +
+           (framesRead < *headerFrames ? " (it is probably truncated)" : "");
+}
+
+}  // namespace kesta

@@ -1,0 +1,137 @@
+#include "safe_output.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "errors.h"
+#include "signal_cleanup.h"
+
+namespace kesta {
+
+namespace {
+
+std::string DirectoryOf(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string BaseNameOf(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+mode_t DefaultMode() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return 0666 & ~mask;
+}
+
+void RefuseUnsuitableTarget(const std::string& target, const std::vector<SafeOutput::Input>& inputs, bool force,
+                            mode_t& mode) {
+    if (target.empty()) throw UsageError("no output file given", "", "name the file to write");
+    const std::string what = "cannot write output " + Quoted(target);
+    if (target.back() == '/') throw OutputError(what, "the name ends in '/'", "give a file name");
+
+    struct stat link {};
+    if (::lstat(target.c_str(), &link) != 0) {
+        const int error = errno;
+        if (error == ENOENT) return;  // a new file: its directory is checked when the temporary is made
+        throw OutputError(what, SystemReason(error), "check the path");
+    }
+
+    struct stat file {};
+    if (::stat(target.c_str(), &file) == 0) {  // not a dangling symbolic link
+        for (const SafeOutput::Input& input : inputs) {
+            if (FileIdentity::Of(file) != input.identity) continue;
+            const std::string why = input.path == target ? "it is the input file"
+                                                         : "it is the same file as the input " + Quoted(input.path);
+            throw OutputError("refusing to write " + Quoted(target), why,
+                              "choose another output name; kesta never writes onto its input, not even with --force");
+        }
+        if (S_ISDIR(file.st_mode))
+            throw OutputError(what, "it is a directory", "give a file name, such as " + target + "/out.wav");
+        if (!S_ISREG(file.st_mode))
+            throw OutputError(what, "it is not a regular file (a device, pipe or socket)", "choose a regular file name");
+        mode = file.st_mode & 07777;
+    }
+    if (!force)
+        throw OutputError("output " + Quoted(target) + " already exists", "kesta replaces files only when asked",
+                          "add --force to replace it, or choose another name");
+}
+
+[[noreturn]] void ThrowCreateFailure(const std::string& target, int error) {
+    const std::string what = "cannot write output " + Quoted(target);
+    const std::string directory = Quoted(DirectoryOf(target));
+    switch (error) {
+        case ENOENT: throw OutputError(what, "directory " + directory + " does not exist", "create it first or choose another place");
+        case ENOTDIR: throw OutputError(what, "a part of the path is not a directory", "check the path");
+        case EACCES:
+        case EPERM: throw OutputError(what, "no permission to create files in " + directory, "choose a directory you can write to");
+        case EROFS: throw OutputError(what, directory + " is on a read-only file system", "choose another place");
+        case ENOSPC:
+        case EDQUOT: throw OutputError(what, "no space left in " + directory, "free some space or choose another place");
+        default: throw OutputError(what, SystemReason(error), "check the path");
+    }
+}
+
+}  // namespace
+
+SafeOutput::SafeOutput(std::string target, const std::vector<Input>& inputs, bool force)
+    : mTarget(std::move(target)), mMode(DefaultMode()) {
+    RefuseUnsuitableTarget(mTarget, inputs, force, mMode);
+
+    // A hidden, unique name beside the target: <directory>/.<name>.kesta-XXXXXX
+    const std::size_t slash = mTarget.find_last_of('/');
+    const std::string prefix = slash == std::string::npos ? "" : mTarget.substr(0, slash + 1);
+    std::string pattern = prefix + "." + BaseNameOf(mTarget).substr(0, 200) + ".kesta-XXXXXX";
+    {
+        SignalHold hold;
+        mFd = ::mkstemp(pattern.data());
+        if (mFd < 0) ThrowCreateFailure(mTarget, errno);
+        mTemporary = pattern;
+        mSignalSlot = AddSignalCleanup(mTemporary);
+    }
+}
+
+SafeOutput::~SafeOutput() { Discard(); }
+
+void SafeOutput::Discard() noexcept {
+    SignalHold hold;
+    if (mFd >= 0) ::close(mFd);
+    mFd = -1;
+    if (!mCommitted && !mTemporary.empty()) ::unlink(mTemporary.c_str());
+    RemoveSignalCleanup(mSignalSlot);
+    mSignalSlot = -1;
+}
+
+void SafeOutput::Commit() {
+    const std::string what = "cannot write output " + Quoted(mTarget);
+    if (::fsync(mFd) != 0) throw OutputError(what, "saving to disk failed: " + SystemReason(errno), "check the free space and the disk");
+    if (::fchmod(mFd, mMode) != 0) throw OutputError(what, "cannot set its permissions: " + SystemReason(errno), "");
+    const int fd = mFd;
+    mFd = -1;
+    if (::close(fd) != 0) throw OutputError(what, "closing failed: " + SystemReason(errno), "check the free space and the disk");
+    {
+        SignalHold hold;
+        if (::rename(mTemporary.c_str(), mTarget.c_str()) != 0)
+            throw OutputError(what, "cannot move the finished file into place: " + SystemReason(errno), "check the directory's permissions");
+        mCommitted = true;
+        RemoveSignalCleanup(mSignalSlot);
+        mSignalSlot = -1;
+    }
+    // Make the rename itself durable; a file system that cannot sync directories is not an error.
+    const int directory = ::open(DirectoryOf(mTarget).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory >= 0) {
+        ::fsync(directory);
+        ::close(directory);
+    }
+}
+
+}  // namespace kesta

@@ -1,0 +1,54 @@
+#pragma once
+// An output file that appears whole or not at all. The data goes to a temporary file beside the
+// target (same directory, so same file system), which is synced and then renamed over the target.
+// On failure, an exception or a fatal signal (Ctrl-C, kill, hang-up) the temporary is removed and
+// any existing file at the target is left as it was.
+//
+// Before anything is written it refuses:
+//   - a target that is one of the inputs, however spelt (device and inode are compared, so hard
+//     links, symbolic links and `./x.wav` for `x.wav` are caught), even with --force;
+//   - a target that already exists, unless `force`;
+//   - a target that is a directory, or in a directory that is missing or not writable.
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "file_identity.h"
+
+namespace kesta {
+
+class SafeOutput {
+public:
+    struct Input {
+        std::string path;  // for messages
+        FileIdentity identity;
+    };
+
+    // Checks the target and creates the temporary file; throws an output error when refused.
+    SafeOutput(std::string target, const std::vector<Input>& inputs, bool force);
+    ~SafeOutput();  // removes the temporary unless Commit() succeeded
+    SafeOutput(const SafeOutput&) = delete;
+    SafeOutput& operator=(const SafeOutput&) = delete;
+
+    // The temporary file's descriptor, for a writer to fill.
+    int Descriptor() const { return mFd; }
+    const std::string& Target() const { return mTarget; }
+    const std::string& TemporaryPath() const { return mTemporary; }
+
+    // Syncs the temporary to disk, gives it the target's permissions and renames it over the target.
+    void Commit();
+
+private:
+    void Discard() noexcept;
+
+    std::string mTarget;
+    std::string mTemporary;
+    int mFd = -1;
+    int mSignalSlot = -1;
+    mode_t mMode = 0;
+    bool mCommitted = false;
+};
+
+}  // namespace kesta

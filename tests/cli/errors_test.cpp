@@ -1,0 +1,93 @@
+// What a person sees when something is wrong: one line naming the problem, where it is and what to
+// do, and an exit status a script can tell apart (2 usage, 3 input, 4 output). And the help.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli_test.h"
+
+namespace kesta_test {
+namespace {
+
+class ErrorsTest : public CliTest {};
+
+TEST_F(ErrorsTest, BadInputsAreInputErrors) {
+    std::filesystem::create_directory(dir / "folder");
+    WriteBytes(dir / "empty.wav", "");
+    WriteBytes(dir / "notes.txt", "Not audio at all, just a few words of text in a file.\n");
+
+    struct Case {
+        std::string name;
+        std::vector<std::string> mentions;
+    };
+    const Case cases[] = {
+        {"missing.wav", {"missing.wav", "no such file"}},
+        {"folder", {"folder", "directory"}},
+        {"empty.wav", {"empty.wav", "empty"}},
+        {"notes.txt", {"notes.txt", "as audio", "audio file"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ExpectOneErrorLine(RunKesta({"info", P(c.name)}), 3, c.mentions);
+        ExpectOneErrorLine(RunKesta({"gain", P(c.name), P("out.wav"), "--db", "1"}), 3, c.mentions);
+        EXPECT_FALSE(std::filesystem::exists(dir / "out.wav"));
+    }
+}
+
+TEST_F(ErrorsTest, UnreadableInputIsAnInputError) {
+    if (::geteuid() == 0) GTEST_SKIP() << "root reads files whatever their permissions";
+    WriteAudio(dir / "locked.wav", StereoTone16());
+    ::chmod(P("locked.wav").c_str(), 0);
+    ExpectOneErrorLine(RunKesta({"info", P("locked.wav")}), 3, {"locked.wav", "permission denied"});
+}
+
+TEST_F(ErrorsTest, WrongCommandLinesAreUsageErrors) {
+    WriteAudio(dir / "in.wav", StereoTone16());
+    const std::string in = P("in.wav"), out = P("out.wav");
+    struct Case {
+        std::vector<std::string> args;
+        std::vector<std::string> mentions;
+    };
+    const Case cases[] = {
+        {{"denoise", in, out}, {"unknown command 'denoise'", "kesta --help"}},
+        {{"gain", in, out}, {"--db", "kesta gain --help"}},
+        {{"gain", in, out, "--db", "loud"}, {"--db", "kesta gain --help"}},
+        {{"gain", in, out, "--db", "1000"}, {"--db", "out of range"}},
+        {{"gain", in, out, "--db", "nan"}, {"--db"}},
+        {{"gain", in, "--db", "1"}, {"OUTPUT"}},
+        {{"gain", in, out, "extra", "--db", "1"}, {"extra"}},
+        {{"info", in, "--loud"}, {"--loud", "kesta info --help"}},
+        {{"info"}, {"FILE", "kesta info --help"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args[0] + (c.args.size() > 1 ? " " + c.args.back() : ""));
+        ExpectOneErrorLine(RunKesta(c.args), 2, c.mentions);
+    }
+    EXPECT_EQ(dir.Names(), std::vector<std::string>{"in.wav"});
+}
+
+TEST_F(ErrorsTest, HelpTeachesEachCommand) {
+    const RunResult top = RunKesta({"--help"});
+    EXPECT_EQ(top.exitCode, 0);
+    for (const char* word : {"selfcheck", "info", "gain", "--version", "Exit status", "Examples"})
+        EXPECT_NE(top.out.find(word), std::string::npos) << word;
+
+    const RunResult gain = RunKesta({"gain", "--help"});
+    EXPECT_EQ(gain.exitCode, 0);
+    for (const char* word : {"INPUT", "OUTPUT", "--db", "--force", "--quiet", "--json", "Examples"})
+        EXPECT_NE(gain.out.find(word), std::string::npos) << word;
+
+    const RunResult bare = RunKesta({});
+    EXPECT_EQ(bare.exitCode, 2);
+    EXPECT_NE(bare.out.find("kesta COMMAND --help"), std::string::npos);
+}
+
+TEST_F(ErrorsTest, VersionNamesToolAndLibrary) {
+    const RunResult run = RunKesta({"--version"});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.out.substr(0, run.out.find('\n')), std::string("kesta ") + KESTADSP_VERSION);
+    EXPECT_NE(run.out.find(std::string("KestaDSP library ") + KESTADSP_VERSION), std::string::npos) << run.out;
+}
+
+}  // namespace
+}  // namespace kesta_test

@@ -1,0 +1,159 @@
+#include "kesta_process.h"
+
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace kesta_test {
+
+namespace {
+
+int AnonymousFile() {
+    char name[] = "/tmp/kesta-cli-output-XXXXXX";
+    const int fd = ::mkstemp(name);
+    if (fd < 0) throw std::runtime_error("mkstemp failed");
+    ::unlink(name);
+    return fd;
+}
+
+std::string ReadAll(int fd) {
+    std::string text;
+    ::lseek(fd, 0, SEEK_SET);
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0) text.append(buffer, std::size_t(n));
+    ::close(fd);
+    return text;
+}
+
+pid_t Spawn(const std::vector<std::string>& args, const std::filesystem::path& cwd, int out, int err,
+            long fileSizeLimit = 0) {
+    std::vector<std::string> argv = {KESTA_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> raw;
+    for (std::string& arg : argv) raw.push_back(arg.data());
+    raw.push_back(nullptr);
+
+    const pid_t pid = ::fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        if (!cwd.empty() && ::chdir(cwd.c_str()) != 0) ::_exit(126);
+        if (fileSizeLimit > 0) {
+            const struct rlimit limit = {rlim_t(fileSizeLimit), rlim_t(fileSizeLimit)};
+            ::signal(SIGXFSZ, SIG_IGN);
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+        }
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(err, STDERR_FILENO);
+        const int null = ::open("/dev/null", O_RDONLY);
+        ::dup2(null, STDIN_FILENO);
+        ::execv(raw[0], raw.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+RunResult Wait(pid_t pid, int out, int err) {
+    RunResult result;
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+    result.out = ReadAll(out);
+    result.err = ReadAll(err);
+    return result;
+}
+
+}  // namespace
+
+std::vector<std::string> RunResult::ErrLines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(err);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+RunResult RunKesta(const std::vector<std::string>& args, const std::filesystem::path& cwd, long fileSizeLimit) {
+    const int out = AnonymousFile(), err = AnonymousFile();
+    return Wait(Spawn(args, cwd, out, err, fileSizeLimit), out, err);
+}
+
+std::optional<RunResult> RunKestaOnTerminal(const std::vector<std::string>& args) {
+    int master = -1, slave = -1;
+    if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return std::nullopt;
+    const int out = AnonymousFile(), unused = AnonymousFile();
+    const pid_t pid = Spawn(args, {}, out, slave);
+    ::close(slave);
+    std::string terminal;
+    char buffer[4096];
+    ssize_t n;
+    // Until the last writer closes the terminal (Linux then reports EIO).
+    while ((n = ::read(master, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0) terminal.append(buffer, std::size_t(n));
+    ::close(master);
+    RunResult result = Wait(pid, out, unused);
+    result.err = terminal;
+    return result;
+}
+
+RunningKesta::RunningKesta(const std::vector<std::string>& args) : mOut(AnonymousFile()), mErr(AnonymousFile()) {
+    mPid = Spawn(args, {}, mOut, mErr);
+}
+
+RunningKesta::~RunningKesta() {
+    if (mPid > 0) {
+        ::kill(mPid, SIGKILL);
+        Finish();
+    }
+}
+
+RunResult RunningKesta::Finish() {
+    RunResult result = Wait(mPid, mOut, mErr);
+    mPid = -1;
+    return result;
+}
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kesta-cli-test-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    mPath = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
+std::vector<std::string> TempDir::Names() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(mPath)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string ReadBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+}
+
+void WriteBytes(const std::filesystem::path& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary);
+    out << bytes;
+}
+
+}  // namespace kesta_test
