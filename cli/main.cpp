@@ -15,6 +15,7 @@
 #include "command.h"
 #include "errors.h"
 #include "dsp/initializer.h"
+#include "dsp/version.h"
 
 namespace kesta {
 
@@ -42,7 +43,7 @@ Examples:
 void PrintError(const std::string& message) { std::fprintf(stderr, "kesta: error: %s\n", message.c_str()); }
 
 std::string VersionText() {
-    return std::string("kesta ") + KESTADSP_VERSION + "\n" + dsp::kLibraryName + " library " + KESTADSP_VERSION +
+    return std::string("kesta ") + KESTADSP_VERSION + "\n" + dsp::kLibraryName + " library " + dsp::GetLibraryVersion() +
            "\n" + sf_version_string();
 }
 

@@ -14,3 +14,4 @@
 #include "dsp/overlap_save.h"
 #include "dsp/ring_buffer.h"
 #include "dsp/spectrum_packing.h"
+#include "dsp/version.h"
