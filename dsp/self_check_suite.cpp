@@ -8,6 +8,9 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddFftChecks(*suite);
     AddWindowChecks(*suite);
     AddOverlapSaveChecks(*suite);
+    AddFilterChecks(*suite);
+    AddGraphicChecks(*suite);
+    AddParametricChecks(*suite);
     AddNoNoiseChecks(*suite);
     AddNoHissChecks(*suite);
     return suite;

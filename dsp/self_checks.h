@@ -9,6 +9,9 @@ void AddCoreChecks(CheckSuite& suite);
 void AddFftChecks(CheckSuite& suite);
 void AddWindowChecks(CheckSuite& suite);
 void AddOverlapSaveChecks(CheckSuite& suite);
+void AddFilterChecks(CheckSuite& suite);
+void AddGraphicChecks(CheckSuite& suite);
+void AddParametricChecks(CheckSuite& suite);
 void AddNoNoiseChecks(CheckSuite& suite);
 void AddNoHissChecks(CheckSuite& suite);
 

@@ -1,0 +1,1 @@
+// The parametric equaliser is being written.

@@ -1,0 +1,2 @@
+#pragma once
+// The parametric equaliser is being written.
