@@ -27,5 +27,7 @@ struct Command {
 Command AddSelfcheckCommand(CLI::App& kesta);
 Command AddInfoCommand(CLI::App& kesta);
 Command AddGainCommand(CLI::App& kesta);
+Command AddDenoiseCommand(CLI::App& kesta);
+Command AddDehissCommand(CLI::App& kesta);
 
 }  // namespace kesta

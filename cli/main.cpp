@@ -38,7 +38,9 @@ Exit status: 0 success; 1 internal fault or failed self-check; 2 wrong command l
 Examples:
   kesta selfcheck                           check that the library computes correctly here
   kesta info take1.wav                      show format, length and levels of a file
-  kesta gain take1.wav quiet.wav --db -6    write a copy 6 dB quieter)help";
+  kesta gain take1.wav quiet.wav --db -6    write a copy 6 dB quieter
+  kesta denoise take1.wav clean.wav --noise 0:1.5
+                                            remove the noise heard alone in the first 1.5 s)help";
 
 void PrintError(const std::string& message) { std::fprintf(stderr, "kesta: error: %s\n", message.c_str()); }
 
@@ -70,7 +72,8 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->column_width(32);
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
-    const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta), AddGainCommand(kesta)};
+    const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta), AddGainCommand(kesta),
+                                           AddDenoiseCommand(kesta), AddDehissCommand(kesta)};
     for (const Command& command : commands) command.app->group("Commands");
 
     if (argc > 1 && argv[1][0] != '-') {

@@ -49,7 +49,7 @@ TEST_F(ErrorsTest, WrongCommandLinesAreUsageErrors) {
         std::vector<std::string> mentions;
     };
     const Case cases[] = {
-        {{"denoise", in, out}, {"unknown command 'denoise'", "kesta --help"}},
+        {{"polish", in, out}, {"unknown command 'polish'", "kesta --help"}},
         {{"gain", in, out}, {"--db", "kesta gain --help"}},
         {{"gain", in, out, "--db", "loud"}, {"--db", "kesta gain --help"}},
         {{"gain", in, out, "--db", "1000"}, {"--db", "out of range"}},

@@ -1,0 +1,667 @@
+#include "spectral_command.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <vector>
+
+#include "block_reader.h"
+#include "block_writer.h"
+#include "errors.h"
+#include "file_identity.h"
+#include "json_writer.h"
+#include "level_meter.h"
+#include "progress.h"
+#include "report.h"
+#include "safe_output.h"
+#include "units.h"
+
+namespace kesta {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Seconds with millisecond precision, as "1.500".
+std::string FormatSeconds(double seconds) {
+    char text[48];
+    std::snprintf(text, sizeof(text), "%.3f", seconds);
+    return text;
+}
+
+// A length of `frames` frames in seconds, rounded up to the millisecond (so "at least" stays true).
+std::string FormatSecondsUp(int64_t frames, int rate) {
+    return FormatSeconds(std::ceil(double(frames) * 1000.0 / rate) / 1000.0);
+}
+
+bool ParseSeconds(const std::string& text, double& value) {
+    if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return false;
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtod(text.c_str(), &end);
+    return errno == 0 && end == text.c_str() + text.size() && std::isfinite(value);
+}
+
+// Reads a stretch of a file as the overlapping blocks an analyzer asks for: Load(position, n)
+// gives frames position ... position + n - 1, with positions that never go back. The reader only
+// moves forward (skipped frames are read and dropped), and the window holds at most one block.
+class SlidingWindow {
+public:
+    SlidingWindow(BlockReader& reader, std::size_t capacity)
+        : mReader(reader),
+          mCapacity(capacity),
+          mChunk(reader.MakeBlock()),
+          mData(std::size_t(reader.Format().channels), std::vector<float>(capacity)),
+          mPointers(std::size_t(reader.Format().channels)) {
+        mBase = reader.FramesRead();
+    }
+
+    // The frames available from `position` on, at most `frames` (fewer only at the end of the file).
+    std::size_t Load(int64_t position, std::size_t frames) {
+        frames = std::min(frames, mCapacity);
+        const int64_t drop = position - mBase;
+        if (drop >= int64_t(mHeld)) {
+            Skip(drop - int64_t(mHeld));
+            mHeld = 0;
+        } else if (drop > 0) {
+            for (std::vector<float>& channel : mData)
+                std::memmove(channel.data(), channel.data() + drop, (mHeld - std::size_t(drop)) * sizeof(float));
+            mHeld -= std::size_t(drop);
+        }
+        mBase = position;
+        while (mHeld < frames) {
+            if (mChunkUsed == mChunk.Frames()) {
+                if (!mReader.Read(mChunk)) break;
+                mChunkUsed = 0;
+            }
+            const std::size_t take = std::min(frames - mHeld, mChunk.Frames() - mChunkUsed);
+            for (std::size_t c = 0; c < mData.size(); ++c)
+                std::memcpy(mData[c].data() + mHeld, mChunk.Channel(int(c)) + mChunkUsed, take * sizeof(float));
+            mHeld += take;
+            mChunkUsed += take;
+        }
+        return std::min(frames, mHeld);
+    }
+
+    float** Channels() {
+        for (std::size_t c = 0; c < mData.size(); ++c)
+            mPointers[c] = mData[c].data();
+        return mPointers.data();
+    }
+
+private:
+    void Skip(int64_t frames) {
+        while (frames > 0) {
+            if (mChunkUsed == mChunk.Frames()) {
+                if (!mReader.Read(mChunk)) return;
+                mChunkUsed = 0;
+            }
+            const std::size_t take = std::size_t(std::min<int64_t>(frames, int64_t(mChunk.Frames() - mChunkUsed)));
+            mChunkUsed += take;
+            frames -= int64_t(take);
+        }
+    }
+
+    BlockReader& mReader;
+    std::size_t mCapacity;
+    AudioBlock mChunk;
+    std::size_t mChunkUsed = 0;
+    std::vector<std::vector<float>> mData;
+    std::vector<float*> mPointers;
+    int64_t mBase = 0;  // file position of mData's first frame
+    std::size_t mHeld = 0;
+};
+
+// The energy of the frames of a stream that fall inside [start, end), per channel.
+class RangeMeter {
+public:
+    RangeMeter(int channels, int64_t start, int64_t end) : mStart(start), mEnd(end), mSquares(std::size_t(channels)) {}
+
+    void Add(const AudioBlock& block, int64_t position) {
+        const int64_t from = std::max(mStart, position), to = std::min(mEnd, position + int64_t(block.Frames()));
+        if (from >= to) return;
+        for (int c = 0; c < block.Channels(); ++c) {
+            const float* x = block.Channel(c) + (from - position);
+            double sum = 0.0;
+            for (int64_t i = 0; i < to - from; ++i)
+                sum += double(x[i]) * double(x[i]);
+            mSquares[std::size_t(c)] += sum;
+        }
+        mFrames += to - from;
+    }
+    double RmsDb(int channel) const {
+        return mFrames > 0 ? LinearToDb(std::sqrt(mSquares[std::size_t(channel)] / double(mFrames))) : -INFINITY;
+    }
+
+private:
+    int64_t mStart, mEnd;
+    std::vector<double> mSquares;
+    int64_t mFrames = 0;
+};
+
+// Where the print comes from, once resolved.
+struct NoiseSource {
+    enum class Kind { Range, File, Print } kind = Kind::Range;
+    std::string path;  // the file the stretch is in, or the print file
+    int64_t start = 0;
+    int64_t frames = 0;
+    int snapshots = 0;
+};
+
+// Writes all of `bytes` into the descriptor of a SafeOutput.
+void WriteAll(int fd, const std::string& bytes, const std::string& target) {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) {
+            const int error = errno;
+            const bool full = error == ENOSPC || error == EDQUOT;
+            throw OutputError("cannot write " + Quoted(target),
+                              full ? "no space left on the device" : SystemReason(error),
+                              full ? "free some space or choose another place" : "check the disk and the path");
+        }
+        done += std::size_t(wrote);
+    }
+}
+
+// The stretch of `reader`'s file the print is taken from: the --noise range, or the whole file.
+void ResolveStretch(const SpectralOptions& options, const std::optional<TimeRange>& range, const BlockReader& reader,
+                    int64_t minimumFrames, int fftSize, NoiseSource& source) {
+    const int rate = reader.Format().sampleRate;
+    const std::optional<int64_t> total = reader.HeaderFrames();
+    const std::string rangeText = "--noise " + options.noiseRange;
+    if (!range) {
+        if (!total)
+            throw UsageError("cannot tell the length of " + Quoted(reader.Path()), "it is a stream",
+                             "give the stretch to use with --noise START:END");
+        source.start = 0;
+        source.frames = *total;
+    } else {
+        const int64_t start = std::llround(range->start * rate);
+        int64_t end = 0;
+        if (range->hasEnd) {
+            end = std::llround(range->end * rate);
+        } else if (total) {
+            end = *total;
+        } else {
+            throw UsageError(rangeText + " has no end, and the length of " + Quoted(reader.Path()) + " is not known",
+                             "", "give the range as START:END");
+        }
+        if (total && (start >= *total || end > *total)) {
+            const std::string length = FormatSeconds(double(*total) / rate);
+            throw UsageError(rangeText + (start >= *total ? " starts after the end of " : " reaches past the end of ") +
+                                 Quoted(reader.Path()),
+                             "the file is " + length + " s long", "give a range within 0:" + length);
+        }
+        if (end <= start)
+            throw UsageError(rangeText + " holds no whole frame at " + std::to_string(rate) + " Hz", "",
+                             "give a longer stretch");
+        source.start = start;
+        source.frames = end - start;
+    }
+    if (source.frames < minimumFrames) {
+        const std::string what =
+            range ? rangeText + " is too short for a " : Quoted(reader.Path()) + " is too short for a ";
+        throw UsageError(what + "capture",
+                         "it holds " + FormatSeconds(double(source.frames) / rate) +
+                             " s, and the capture needs at least " + FormatSecondsUp(minimumFrames, rate) + " s, " +
+                             std::to_string(minimumFrames) + " frames at " + std::to_string(rate) +
+                             " Hz with FFT size " + std::to_string(fftSize),
+                         "choose a longer noise-only stretch, or a smaller --fft-size");
+    }
+}
+
+// Streams the selection through the capture, reading only forward.
+int RunCapture(dsp::DSPAnalyzer& capture, BlockReader& reader, const NoiseSource& source, Progress& progress) {
+    const int channels = reader.Format().channels;
+    const int64_t end = source.start + source.frames;
+    const std::size_t desired = std::size_t(capture.GetDesiredBlockSize());
+    SlidingWindow window(reader, desired);
+    capture.Start(nullptr);
+    int64_t position = source.start;
+    int64_t reported = reader.FramesRead();
+    int snapshots = 0;
+    while (!capture.IsCompleted()) {
+        // Only frames inside the selection: a block past its end would measure what follows the noise.
+        if (position >= end) throw std::logic_error("the capture asked for frames past the end of its selection");
+        const std::size_t wanted = std::size_t(std::min<int64_t>(int64_t(desired), end - position));
+        const std::size_t got = window.Load(position, wanted);
+        if (got < wanted)  // a file shorter than its header said, or a stream without a length
+            throw InputError("cannot take the noise print from " + Quoted(reader.Path()),
+                             "it ends at " +
+                                 FormatSeconds(double(position + int64_t(got)) / reader.Format().sampleRate) +
+                                 " s, before the end of the noise stretch",
+                             "give a --noise range inside the file");
+        const long long advance = capture.Analyze(window.Channels(), channels, int(got));
+        ++snapshots;
+        progress.Advance(reader.FramesRead() - reported);
+        reported = reader.FramesRead();
+        if (capture.IsCompleted()) break;
+        if (advance <= 0) throw std::logic_error("the capture did not advance");
+        position += advance;
+    }
+    capture.Done();
+    return snapshots;
+}
+
+// What the processing pass measured.
+struct StreamMeasures {
+    LevelMeter input, output;
+    std::optional<RangeMeter> noiseIn, noiseOut;
+    explicit StreamMeasures(int channels) : input(channels), output(channels) {}
+};
+
+// Runs INPUT through the processor into the writer, dropping the first GetLatency() output frames
+// and feeding as many zeros after the input, so the output has the input's length and alignment.
+void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, BlockWriter& writer, Progress& progress,
+                   StreamMeasures& measures) {
+    const int channels = reader.Format().channels;
+    const int64_t latency = process.GetLatency();
+    AudioBlock block = reader.MakeBlock();
+    std::vector<float*> pointers(static_cast<std::size_t>(channels));
+    int64_t toDrop = latency, inPosition = 0, outPosition = 0;
+
+    auto processAndWrite = [&]() {
+        for (int c = 0; c < channels; ++c)
+            pointers[std::size_t(c)] = block.Channel(c);
+        process.Process(pointers.data(), pointers.data(), channels, int(block.Frames()));
+        const std::size_t frames = block.Frames();
+        const std::size_t drop = std::size_t(std::min<int64_t>(toDrop, int64_t(frames)));
+        toDrop -= int64_t(drop);
+        if (drop == frames) return;
+        if (drop > 0) {
+            for (int c = 0; c < channels; ++c)
+                std::memmove(block.Channel(c), block.Channel(c) + drop, (frames - drop) * sizeof(float));
+            block.SetFrames(frames - drop);
+        }
+        measures.output.Add(block);
+        if (measures.noiseOut) measures.noiseOut->Add(block, outPosition);
+        writer.Write(block);
+        outPosition += int64_t(block.Frames());
+    };
+
+    while (reader.Read(block)) {
+        measures.input.Add(block);
+        if (measures.noiseIn) measures.noiseIn->Add(block, inPosition);
+        inPosition += int64_t(block.Frames());
+        const int64_t frames = int64_t(block.Frames());
+        processAndWrite();
+        progress.Advance(frames);
+    }
+    for (int64_t zeros = latency; zeros > 0;) {
+        const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
+        for (int c = 0; c < channels; ++c)
+            std::fill_n(block.Channel(c), frames, 0.0f);
+        block.SetFrames(frames);
+        processAndWrite();
+        zeros -= int64_t(frames);
+    }
+}
+
+bool SameTarget(const std::string& a, const std::string& b) {
+    std::error_code error;
+    const auto pa = std::filesystem::weakly_canonical(a, error);
+    if (error) return a == b;
+    const auto pb = std::filesystem::weakly_canonical(b, error);
+    if (error) return a == b;
+    return pa == pb;
+}
+
+std::vector<double> LevelChanges(const std::vector<ChannelLevels>& before, const std::vector<ChannelLevels>& after) {
+    std::vector<double> change;
+    for (std::size_t c = 0; c < before.size(); ++c)
+        change.push_back(LinearToDb(after[c].rms) - LinearToDb(before[c].rms));
+    return change;
+}
+
+void WriteNumbers(JsonWriter& json, const std::vector<double>& values) {
+    json.BeginArray();
+    for (double v : values)
+        json.Number(v);
+    json.EndArray();
+}
+
+// "38.2 dB quieter" for the mean change over channels (only finite ones count), or "none".
+std::string DescribeChange(const std::vector<double>& changes) {
+    double sum = 0.0;
+    int count = 0;
+    for (double change : changes)
+        if (std::isfinite(change)) sum += change, ++count;
+    if (count == 0) return "none";
+    const double mean = sum / count;
+    if (std::fabs(mean) < 0.05) return "none";
+    return FormatDb(std::fabs(mean), 1) + (mean < 0 ? " dB quieter" : " dB louder");
+}
+
+}  // namespace
+
+std::string FormatValue(double value) {
+    char text[48];
+    std::snprintf(text, sizeof(text), "%g", value);
+    return text;
+}
+
+void CheckSetting(const std::string& option, double value, double low, double high, const std::string& unit) {
+    if (!std::isfinite(value) || value < low || value > high)
+        throw UsageError(option + " " + FormatValue(value) + " is out of range", "",
+                         "give a value from " + FormatValue(low) + " to " + FormatValue(high) + " " + unit);
+}
+
+TimeRange ParseTimeRange(const std::string& text, const std::string& option) {
+    const std::string shown = option + " " + text;
+    const std::string hint = "give START:END in seconds, such as " + option + " 0:1.5";
+    const std::size_t colon = text.find(':');
+    if (colon == std::string::npos || text.find(':', colon + 1) != std::string::npos)
+        throw UsageError(shown + " is not a time range", "", hint);
+    const std::string first = text.substr(0, colon), second = text.substr(colon + 1);
+    TimeRange range;
+    if (first.empty() && second.empty()) throw UsageError(shown + " is not a time range", "", hint);
+    if (!first.empty() && !ParseSeconds(first, range.start))
+        throw UsageError(shown + " is not a time range", Quoted(first) + " is not a number of seconds", hint);
+    if (!second.empty()) {
+        if (!ParseSeconds(second, range.end))
+            throw UsageError(shown + " is not a time range", Quoted(second) + " is not a number of seconds", hint);
+        range.hasEnd = true;
+    }
+    if (range.start < 0.0 || (range.hasEnd && range.end < 0.0))
+        throw UsageError(shown + " has a negative time", "", "times count in seconds from the start of the file");
+    if (range.hasEnd && range.end <= range.start)
+        throw UsageError(shown + (range.end < range.start ? " ends before it starts" : " is empty"), "",
+                         "give START:END with START before END");
+    return range;
+}
+
+void AddSpectralOptions(CLI::App& app, std::shared_ptr<SpectralOptions> options) {
+    app.add_option("INPUT", options->input, "The audio file to clean")->required()->type_name("");
+    app.add_option("OUTPUT", options->output, "The file to write (not INPUT); may be left out with --save-print")
+        ->type_name("");
+    app.add_option("--noise", options->noiseRange,
+                   "A noise-only stretch of INPUT (or of --noise-file) in seconds, START:END, such as 0:1.5")
+        ->type_name("START:END");
+    app.add_option("--noise-file", options->noiseFile,
+                   "Take the print from this file instead (all of it, or the --noise stretch in it)")
+        ->type_name("FILE");
+    app.add_option("--print", options->printPath, "Use a print saved before with --save-print")->type_name("FILE");
+    app.add_option("--save-print", options->savePrint, "Keep the print taken by this run in FILE")->type_name("FILE");
+    app.add_option("--fft-size", options->fftSize,
+                   "FFT length of capture and processing, a power of two from 256 to 16384 (default 4096; with "
+                   "--print, the print's)")
+        ->type_name("N")
+        ->each([options](const std::string&) { options->fftSizeGiven = true; });
+    app.add_flag("--residual", options->residual, "Write what is removed instead of the cleaned audio");
+    AddForceOption(app, options->force);
+    AddReportOptions(app, options->report);
+}
+
+int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
+    const auto started = Clock::now();
+    const std::string command = tool.Command();
+
+    // 1. The command line by itself.
+    tool.CheckSettings();
+    if (options.fftSize < kSmallestFftSize || options.fftSize > kLargestFftSize ||
+        (options.fftSize & (options.fftSize - 1)) != 0)
+        throw UsageError("--fft-size " + std::to_string(options.fftSize) + " is not usable", "",
+                         "give a power of two from 256 to 16384, such as 4096");
+    const bool fromPrint = !options.printPath.empty();
+    if (fromPrint && (!options.noiseRange.empty() || !options.noiseFile.empty()))
+        throw UsageError("--print cannot be combined with --noise or --noise-file", "",
+                         "use a saved print, or take a new one from a noise stretch");
+    if (fromPrint && !options.savePrint.empty())
+        throw UsageError("--print cannot be combined with --save-print", "",
+                         "--save-print keeps a print taken by this run; a run with --print takes none");
+    if (!fromPrint && options.noiseRange.empty() && options.noiseFile.empty())
+        throw UsageError("no noise source given", "",
+                         "give --noise START:END (a noise-only stretch of INPUT), --noise-file FILE or --print FILE");
+    if (options.output.empty() && options.savePrint.empty())
+        throw UsageError("no output file given", "",
+                         "name the file to write, or give --save-print FILE to keep only the print");
+    if (!options.output.empty() && !options.savePrint.empty() && SameTarget(options.output, options.savePrint))
+        throw UsageError("--save-print names the same file as OUTPUT", "", "keep the print in a file of its own");
+    std::optional<TimeRange> range;
+    if (!options.noiseRange.empty()) range = ParseTimeRange(options.noiseRange, "--noise");
+
+    // 2. The input and the noise source.
+    BlockReader reader(options.input);
+    const AudioFormat& format = reader.Format();
+    if (format.channels > kPrintMaxChannels)
+        throw InputError("cannot " + command + " " + Quoted(options.input),
+                         "it has " + std::to_string(format.channels) + " channels; kesta handles up to " +
+                             std::to_string(kPrintMaxChannels),
+                         "split the file into groups of channels");
+
+    NoiseSource source;
+    int fftSize = options.fftSize;
+    std::unique_ptr<BlockReader> noiseReader;  // when the print comes from another file
+    BlockReader* captureReader = nullptr;
+    std::unique_ptr<dsp::DSPAnalyzer> capture;
+    if (fromPrint) {
+        PrintFile print = ReadPrintFile(options.printPath);
+        CheckPrintMatches(print, options.printPath, tool.Kind(), format.channels, format.sampleRate,
+                          options.fftSizeGiven ? options.fftSize : 0, options.input);
+        source.kind = NoiseSource::Kind::Print;
+        source.path = options.printPath;
+        source.start = print.span.start;
+        source.frames = print.span.frames;
+        fftSize = print.fftSize;
+        tool.TakePrint(std::move(print));
+    } else {
+        if (!options.noiseFile.empty()) {
+            noiseReader = std::make_unique<BlockReader>(options.noiseFile);
+            const AudioFormat& noise = noiseReader->Format();
+            if (noise.channels != format.channels)
+                throw UsageError(
+                    "cannot take a print for " + Quoted(options.input) + " from " + Quoted(options.noiseFile),
+                    "it has " + std::to_string(noise.channels) + " channel(s), the input " +
+                        std::to_string(format.channels),
+                    "give a noise file with as many channels as the input");
+            if (noise.sampleRate != format.sampleRate)
+                throw UsageError(
+                    "cannot take a print for " + Quoted(options.input) + " from " + Quoted(options.noiseFile),
+                    "it is at " + std::to_string(noise.sampleRate) + " Hz, the input at " +
+                        std::to_string(format.sampleRate) + " Hz",
+                    "give a noise file at the input's sample rate");
+            captureReader = noiseReader.get();
+            source.kind = NoiseSource::Kind::File;
+        } else {
+            captureReader = &reader;
+            source.kind = NoiseSource::Kind::Range;
+            if (!options.output.empty() && !reader.Seekable())
+                throw InputError("cannot read " + Quoted(options.input) + " twice", "it is a stream, not a file",
+                                 "save it to a file first, or take the print from --noise-file");
+        }
+        source.path = captureReader->Path();
+        ResolveStretch(options, range, *captureReader, tool.MinimumCaptureFrames(fftSize), fftSize, source);
+        capture = tool.MakeCapture(format.channels, format.sampleRate, fftSize);
+        if (!capture->SetSelection(source.start, source.frames))
+            throw UsageError("the noise stretch is too short for a capture", "", "choose a longer noise-only stretch");
+    }
+
+    // 3. The outputs, refused now rather than after the work.
+    std::vector<SafeOutput::Input> inputs = {{options.input, reader.Identity()}};
+    if (noiseReader) inputs.push_back({options.noiseFile, noiseReader->Identity()});
+    if (fromPrint)
+        if (auto identity = IdentityOfPath(options.printPath)) inputs.push_back({options.printPath, *identity});
+    std::unique_ptr<SafeOutput> printOutput;
+    if (!options.savePrint.empty())
+        printOutput = std::make_unique<SafeOutput>(options.savePrint, inputs, options.force);
+    std::optional<AudioFormat> outputFormat;
+    std::unique_ptr<SafeOutput> output;
+    std::unique_ptr<BlockWriter> writer;
+    if (!options.output.empty()) {
+        outputFormat = ChooseOutputFormat(format, options.output);
+        output = std::make_unique<SafeOutput>(options.output, inputs, options.force);
+        writer = std::make_unique<BlockWriter>(output->Descriptor(), options.output, *outputFormat);
+        writer->SetMetadata(reader.Metadata());
+        if (reader.HeaderFrames()) writer->ExpectFrames(*reader.HeaderFrames());
+    }
+
+    Console console(options.report);
+
+    // 4. The capture.
+    double captureSeconds = 0.0;
+    if (capture) {
+        const auto captureStart = Clock::now();
+        {
+            Progress progress("capture", source.start + source.frames, format.sampleRate, console.ShowsProgress());
+            source.snapshots = RunCapture(*capture, *captureReader, source, progress);
+        }
+        tool.TakeCapture(*capture);
+        capture.reset();
+        captureSeconds = SecondsSince(captureStart);
+        if (printOutput)
+            WriteAll(printOutput->Descriptor(), tool.EncodePrint(format.sampleRate, {source.start, source.frames}),
+                     options.savePrint);
+    }
+
+    // 5. The processing.
+    double processSeconds = 0.0;
+    StreamMeasures measures(format.channels);
+    if (output) {
+        if (captureReader == &reader) reader.Rewind();
+        if (source.kind == NoiseSource::Kind::Range) {
+            // The stretch less one frame at either end, where the processing also hears what lies
+            // beyond the stretch (when that leaves a frame or more).
+            int64_t from = source.start, to = source.start + source.frames;
+            if (to - from >= 3 * int64_t(fftSize)) from += fftSize, to -= fftSize;
+            measures.noiseIn.emplace(format.channels, from, to);
+            measures.noiseOut.emplace(format.channels, from, to);
+        }
+        const auto processStart = Clock::now();
+        std::unique_ptr<dsp::OverlapSave> process = tool.MakeProcess();
+        {
+            Progress progress(command, reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
+            StreamThrough(*process, reader, *writer, progress, measures);
+        }
+        writer->Finish();
+        processSeconds = SecondsSince(processStart);
+    }
+
+    // 6. Into place.
+    if (printOutput) printOutput->Commit();
+    if (output) output->Commit();
+
+    const int rate = format.sampleRate;
+    const int64_t frames = reader.FramesRead();
+    if (output) {
+        if (auto mismatch = LengthMismatch(options.input, reader.HeaderFrames(), frames)) console.Warn(*mismatch);
+        if (writer->ClippedSamples() > 0)
+            console.Warn(std::to_string(writer->ClippedSamples()) +
+                         " samples went beyond full scale and were clipped in " + Quoted(options.output) +
+                         " (write a float file, such as a .wav made from a float input, to keep them)");
+    }
+    std::vector<double> levelChange, noiseChange;
+    if (output) {
+        levelChange = LevelChanges(measures.input.Levels(), measures.output.Levels());
+        if (measures.noiseIn)
+            for (int c = 0; c < format.channels; ++c)
+                noiseChange.push_back(measures.noiseOut->RmsDb(c) - measures.noiseIn->RmsDb(c));
+    }
+    const double seconds = SecondsSince(started);
+
+    const char* sourceName = source.kind == NoiseSource::Kind::Range  ? "range"
+                             : source.kind == NoiseSource::Kind::File ? "file"
+                                                                      : "print";
+    if (console.Json()) {
+        JsonWriter json(std::cout);
+        json.BeginObject();
+        json.Key("command").String(command);
+        json.Key("input").BeginObject();
+        json.Key("file").String(options.input);
+        WriteAudioFields(json, format, output ? frames : reader.HeaderFrames().value_or(0));
+        json.EndObject();
+        json.Key("noise").BeginObject();
+        json.Key("source").String(sourceName);
+        json.Key("file").String(source.path);
+        json.Key("kind").String(PrintKindName(tool.Kind()));
+        json.Key("fft_size").Int(fftSize);
+        json.Key("start_seconds").Number(double(source.start) / rate);
+        json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
+        json.Key("start_frame").Int(source.start);
+        json.Key("frames").Int(source.frames);
+        if (source.kind == NoiseSource::Kind::Print)
+            json.Key("snapshots").Null();
+        else
+            json.Key("snapshots").Int(source.snapshots);
+        json.EndObject();
+        json.Key("settings").BeginObject();
+        tool.WriteSettings(json);
+        json.Key("residual").Bool(options.residual);
+        json.EndObject();
+        if (printOutput)
+            json.Key("saved_print").String(options.savePrint);
+        else
+            json.Key("saved_print").Null();
+        if (output) {
+            json.Key("output").BeginObject();
+            json.Key("file").String(options.output);
+            WriteAudioFields(json, *outputFormat, writer->FramesWritten());
+            json.Key("clipped_samples").Int(int64_t(writer->ClippedSamples()));
+            json.Key("levels");
+            WriteLevels(json, measures.output.Levels());
+            json.Key("level_change_db");
+            WriteNumbers(json, levelChange);
+            json.Key("noise_level_change_db");
+            if (measures.noiseIn)
+                WriteNumbers(json, noiseChange);
+            else
+                json.Null();
+            json.EndObject();
+        } else {
+            json.Key("output").Null();
+        }
+        json.Key("timings").BeginObject();
+        json.Key("capture_seconds").Number(captureSeconds);
+        json.Key("process_seconds").Number(processSeconds);
+        json.Key("total_seconds").Number(seconds);
+        if (output && processSeconds > 0)
+            json.Key("realtime_factor").Number(double(frames) / rate / processSeconds);
+        else
+            json.Key("realtime_factor").Null();
+        json.EndObject();
+        WriteWarnings(json, console.Warnings());
+        json.Key("seconds").Number(seconds);
+        json.EndObject();
+    } else if (console.ShowsText()) {
+        const std::string stretch = FormatSeconds(double(source.start) / rate) + "-" +
+                                    FormatSeconds(double(source.start + source.frames) / rate) + " s";
+        if (source.kind == NoiseSource::Kind::Print)
+            std::cout << "Using the " << PrintKindName(tool.Kind()) << " in " << options.printPath << " (taken from "
+                      << stretch << ", FFT size " << fftSize << ")\n";
+        else
+            std::cout << "Took a " << PrintKindName(tool.Kind()) << " from " << stretch << " of " << source.path << " ("
+                      << source.snapshots << " snapshots, FFT size " << fftSize << ")\n";
+        if (printOutput) std::cout << "Saved the print in " << options.savePrint << "\n";
+        if (output) {
+            std::cout << "Wrote " << options.output << ": " << DescribeFormat(outputFormat->sndfileFormat) << ", "
+                      << outputFormat->sampleRate << " Hz, " << outputFormat->channels << " channel(s), "
+                      << FormatLength(frames, rate) << ", " << tool.DescribeSettings()
+                      << (options.residual ? ", what was removed" : "") << "\n";
+            std::cout << "Level change: " << DescribeChange(levelChange) << " overall";
+            if (measures.noiseIn) std::cout << ", " << DescribeChange(noiseChange) << " in the noise stretch";
+            std::cout << " (" << FormatElapsed(processSeconds) << ", "
+                      << (processSeconds > 0 ? std::to_string(int(std::lround(double(frames) / rate / processSeconds)))
+                                             : std::string("-"))
+                      << "x real time)\n";
+        }
+    }
+    return kExitOk;
+}
+
+}  // namespace kesta
