@@ -4,6 +4,7 @@
 // Also: the plan contract (orders, null plans, no allocation, no state shared between calls).
 
 #include "dsp/fft/fft_kernel.h"
+#include "support/allocation_counter.h"
 
 #include <fftw3.h>
 #include <gtest/gtest.h>
@@ -23,118 +24,6 @@
 #include <thread>
 #include <vector>
 
-// ---------------------------------------------------------------------------------------------
-// Allocation counting: every global operator new goes through here, and on glibc (outside the
-// sanitizers, which own malloc) so does malloc.
-
-namespace {
-std::atomic<bool> gCounting{false};
-std::atomic<long> gAllocations{0};
-void NoteAllocation() {
-    if (gCounting.load(std::memory_order_relaxed)) gAllocations.fetch_add(1, std::memory_order_relaxed);
-}
-
-void* PlainAlloc(std::size_t n) {
-    NoteAllocation();
-    if (void* p = std::malloc(n == 0 ? 1 : n)) return p;
-    throw std::bad_alloc();
-}
-
-// Over-allocates and keeps the malloc pointer just below the aligned block.
-void* AlignedAlloc(std::size_t n, std::align_val_t al) {
-    NoteAllocation();
-    const std::size_t a = std::max(static_cast<std::size_t>(al), sizeof(void*));
-    void* raw = std::malloc(n + a + sizeof(void*));
-    if (raw == nullptr) throw std::bad_alloc();
-    const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(raw) + sizeof(void*);
-    void* p = reinterpret_cast<void*>((base + a - 1) & ~(static_cast<std::uintptr_t>(a) - 1));
-    static_cast<void**>(p)[-1] = raw;
-    return p;
-}
-void AlignedFree(void* p) {
-    if (p != nullptr) std::free(static_cast<void**>(p)[-1]);
-}
-}  // namespace
-
-void* operator new(std::size_t n) {
-    return PlainAlloc(n);
-}
-void* operator new[](std::size_t n) {
-    return PlainAlloc(n);
-}
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
-    try {
-        return PlainAlloc(n);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept {
-    try {
-        return PlainAlloc(n);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void* operator new(std::size_t n, std::align_val_t al) {
-    return AlignedAlloc(n, al);
-}
-void* operator new[](std::size_t n, std::align_val_t al) {
-    return AlignedAlloc(n, al);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-    AlignedFree(p);
-}
-void operator delete[](void* p, std::align_val_t) noexcept {
-    AlignedFree(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    AlignedFree(p);
-}
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept {
-    AlignedFree(p);
-}
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define KESTA_TEST_SANITIZED 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define KESTA_TEST_SANITIZED 1
-#endif
-
-#if defined(__GLIBC__) && !defined(KESTA_TEST_SANITIZED)
-extern "C" {
-void* __libc_malloc(std::size_t);
-void* __libc_calloc(std::size_t, std::size_t);
-void* __libc_realloc(void*, std::size_t);
-void* malloc(std::size_t n) {
-    NoteAllocation();
-    return __libc_malloc(n);
-}
-void* calloc(std::size_t n, std::size_t size) {
-    NoteAllocation();
-    return __libc_calloc(n, size);
-}
-void* realloc(void* p, std::size_t n) {
-    NoteAllocation();
-    return __libc_realloc(p, n);
-}
-}
-#endif
 
 namespace {
 
@@ -490,7 +379,7 @@ TEST_P(FftKernelIsa, OrderLimitsAndTheOnePointTransform) {
 }
 
 template <typename T>
-long CountAllocationsDuringTransforms(Isa isa) {
+long long CountAllocationsDuringTransforms(Isa isa) {
     std::vector<std::unique_ptr<ComplexPlan<T>>> cplans;
     std::vector<std::unique_ptr<RealPlan<T>>> rplans;
     std::size_t bytes = 0;
@@ -506,8 +395,7 @@ long CountAllocationsDuringTransforms(Isa isa) {
     FillRandom(a, rng);
     FillRandom(b, rng);
 
-    gAllocations = 0;
-    gCounting = true;
+    kesta::test::AllocationCounter allocations;
     for (auto& p : cplans) {
         p->Forward(a.data(), b.data(), c.data(), d.data(), work.data());
         p->Inverse(c.data(), d.data(), c.data(), d.data(), work.data());
@@ -517,8 +405,7 @@ long CountAllocationsDuringTransforms(Isa isa) {
         p->Inverse(c.data(), d.data(), work.data());
         p->Forward(c.data(), c.data(), work.data());
     }
-    gCounting = false;
-    return gAllocations.load();
+    return allocations.Count();
 }
 
 TEST_P(FftKernelIsa, TransformsAllocateNothing) {

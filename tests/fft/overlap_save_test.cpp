@@ -13,63 +13,9 @@
 #include <numbers>
 #include <vector>
 
+#include "support/allocation_counter.h"
 #include "support/metrics.h"
 #include "support/signals.h"
-
-// Counts every allocation of the test program, so a test can assert that a stretch of code made
-// none. The array and nothrow forms forward to these by default.
-namespace {
-std::atomic<long long> gAllocations{0};
-}
-
-// GCC pairs the malloc inside operator new with the free inside operator delete and warns; the
-// pairing is exactly what a replacement allocator does.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(std::size_t size) {
-    ++gAllocations;
-    if (void* p = std::malloc(size != 0 ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    ++gAllocations;
-    const auto a = static_cast<std::size_t>(alignment);
-#ifdef _WIN32
-    if (void* p = _aligned_malloc(size != 0 ? size : 1, a)) return p;
-#else
-    if (void* p = std::aligned_alloc(a, (size + a - 1) / a * a + (size == 0 ? a : 0))) return p;
-#endif
-    throw std::bad_alloc();
-}
-
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-#ifdef _WIN32
-void operator delete(void* p, std::align_val_t) noexcept {
-    _aligned_free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    _aligned_free(p);
-}
-#else
-void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-#endif
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 namespace {
 
@@ -355,7 +301,7 @@ TEST(OverlapSave, ProcessAllocatesNothing) {
     float* in[3];
     float* out[3];
 
-    const long long before = gAllocations.load();
+    kesta::test::AllocationCounter allocations;
     std::size_t pos = 0;
     for (std::size_t b = 0; pos < input[0].size(); ++b) {
         const int n = static_cast<int>(
@@ -367,7 +313,7 @@ TEST(OverlapSave, ProcessAllocatesNothing) {
         engine.Process(in, out, 3, n);
         pos += static_cast<std::size_t>(n);
     }
-    EXPECT_EQ(gAllocations.load() - before, 0);
+    EXPECT_EQ(allocations.Count(), 0);
     EXPECT_GT(kesta::test::Rms(std::span(output[2]).subspan(kN)), 0.0) << "the engine did run";
 }
 

@@ -15,53 +15,9 @@
 #include <numbers>
 #include <vector>
 
+#include "support/allocation_counter.h"
 #include "support/metrics.h"
 #include "support/signals.h"
-
-// ---- Allocation counting ------------------------------------------------------------------------
-
-namespace {
-std::atomic<bool> gCounting{false};
-std::atomic<long> gAllocations{0};
-
-void* Allocate(std::size_t bytes, std::size_t alignment) {
-    if (gCounting.load(std::memory_order_relaxed)) gAllocations.fetch_add(1, std::memory_order_relaxed);
-    bytes = std::max<std::size_t>(bytes, 1);
-    void* p = alignment <= alignof(std::max_align_t)
-                  ? std::malloc(bytes)
-                  : std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-}  // namespace
-
-// GCC pairs the malloc inside operator new with the free inside operator delete and warns; that
-// pairing is exactly what a replacement allocator does.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-void* operator new(std::size_t bytes) {
-    return Allocate(bytes, 0);
-}
-void* operator new(std::size_t bytes, std::align_val_t a) {
-    return Allocate(bytes, static_cast<std::size_t>(a));
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 namespace {
 
@@ -563,8 +519,7 @@ TEST(GraphicStreaming, ProcessAllocatesNothing) {
     float* io[2] = {buffer[0].data(), buffer[1].data()};
     eq.Process(io, io, 2, 4096);  // the first call sets everything up
 
-    gAllocations = 0;
-    gCounting = true;
+    kesta::test::AllocationCounter allocations;
     for (int round = 0; round < 8; ++round) {
         switch (round) {
             case 2:
@@ -583,8 +538,7 @@ TEST(GraphicStreaming, ProcessAllocatesNothing) {
         float in[2] = {0.1f, -0.1f}, out[2];
         eq.ProcessOneSample(in, out);
     }
-    gCounting = false;
-    EXPECT_EQ(gAllocations.load(), 0);
+    EXPECT_EQ(allocations.Count(), 0);
 }
 
 }  // namespace

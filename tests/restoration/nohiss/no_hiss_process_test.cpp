@@ -17,58 +17,9 @@
 
 #include "dsp/nohiss.h"
 #include "dsp/restoration/nohiss/hiss_kernels.h"
+#include "support/allocation_counter.h"
 #include "support/metrics.h"
 #include "support/signals.h"
-
-// Counts every allocation of the test program, so a test can assert that a stretch of code made
-// none. The array and nothrow forms forward to these by default.
-namespace {
-std::atomic<long long> gAllocations{0};
-}
-
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-void* operator new(std::size_t size) {
-    ++gAllocations;
-    if (void* p = std::malloc(size != 0 ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    ++gAllocations;
-    const auto a = static_cast<std::size_t>(alignment);
-#ifdef _WIN32
-    if (void* p = _aligned_malloc(size != 0 ? size : 1, a)) return p;
-#else
-    if (void* p = std::aligned_alloc(a, (size + a - 1) / a * a + (size == 0 ? a : 0))) return p;
-#endif
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-#ifdef _WIN32
-void operator delete(void* p, std::align_val_t) noexcept {
-    _aligned_free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    _aligned_free(p);
-}
-#else
-void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-#endif
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 namespace {
 
@@ -425,13 +376,13 @@ TEST(NoHissProcess, ProcessDoesNotAllocate) {
     float* in[2] = {input[0].data(), input[1].data()};
     float* out[2] = {output[0].data(), output[1].data()};
     process.Resume();
-    const long long before = gAllocations.load();
+    kesta::test::AllocationCounter allocations;
     for (int pos = 0; pos < 20000; pos += 1000) {
         float* i2[2] = {in[0] + pos, in[1] + pos};
         float* o2[2] = {out[0] + pos, out[1] + pos};
         process.Process(i2, o2, 2, 1000);
     }
-    EXPECT_EQ(gAllocations.load() - before, 0);
+    EXPECT_EQ(allocations.Count(), 0);
 }
 
 // Hann-windowed periodogram power, averaged over half-overlapping segments, summed over bins

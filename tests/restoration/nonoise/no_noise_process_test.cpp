@@ -18,62 +18,9 @@
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/noise_reducer.h"
 #include "dsp/self_checks.h"
+#include "support/allocation_counter.h"
 #include "support/metrics.h"
 #include "support/signals.h"
-
-// Counts every allocation of the test program, so a test can assert that a stretch of code made
-// none. The array and nothrow forms forward to these by default.
-namespace {
-std::atomic<long long> gAllocations{0};
-}
-
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(std::size_t size) {
-    ++gAllocations;
-    if (void* p = std::malloc(size != 0 ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    ++gAllocations;
-    const auto a = static_cast<std::size_t>(alignment);
-#ifdef _WIN32
-    if (void* p = _aligned_malloc(size != 0 ? size : 1, a)) return p;
-#else
-    if (void* p = std::aligned_alloc(a, (size + a - 1) / a * a + (size == 0 ? a : 0))) return p;
-#endif
-    throw std::bad_alloc();
-}
-
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-#ifdef _WIN32
-void operator delete(void* p, std::align_val_t) noexcept {
-    _aligned_free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    _aligned_free(p);
-}
-#else
-void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-#endif
-
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 namespace {
 
@@ -624,13 +571,13 @@ TEST(NoNoiseProcess, ProcessDoesNotAllocate) {
         process.GetParam()->outputMode = static_cast<int16_t>(mode);
         process.Resume();
         Channels in = x, out = kesta::test::ZeroChannels(2, x[0].size());
-        const long long before = gAllocations.load();
+        kesta::test::AllocationCounter allocations;
         for (std::size_t pos = 0; pos < x[0].size(); pos += 1000) {
             float* i[2] = {in[0].data() + pos, in[1].data() + pos};
             float* o[2] = {out[0].data() + pos, out[1].data() + pos};
             process.Process(i, o, 2, static_cast<int>(std::min<std::size_t>(1000, x[0].size() - pos)));
         }
-        EXPECT_EQ(gAllocations.load(), before) << "outputMode " << mode;
+        EXPECT_EQ(allocations.Count(), 0) << "outputMode " << mode;
     }
 }
 
