@@ -7,6 +7,7 @@
 #include <numbers>
 
 #include "dsp/fft/aligned_array.h"
+#include "dsp/fft/spectrum_packing_internal.h"
 #include "dsp/fft_window.h"
 #include "dsp/spectrum_packing.h"
 
@@ -308,7 +309,7 @@ void OverlapSave::TransformFrameToSpectra(float** frame, int numChannels) {
         }
         // For an odd last channel this also fills the spare spectrum ch + 1 (mNumChannelsEven
         // covers it); hooks see only numChannels channels and it is dropped on the way back.
-        SplitComplexSpectrumToLR(mTransformRe, mTransformIm, ch, mSpectrumRe.data(), mSpectrumIm.data(), N);
+        detail::SplitToHalfSpectra(mTransformRe, mTransformIm, ch, mSpectrumRe.data(), mSpectrumIm.data(), N);
     }
 }
 

@@ -1,10 +1,14 @@
 #include "dsp/spectrum_packing.h"
 
+#include "dsp/fft/spectrum_packing_internal.h"
+
 namespace dsp {
 
 namespace {
 
-template <typename T>
+// Bins above n/2 mirror the lower ones; the streaming engines read only bins 0 ... n/2 and skip
+// writing the mirror.
+template <typename T, bool kWriteMirror>
 int SplitSpectrum(const T* re, const T* im, int ch, T** outRe, T** outIm, int n) {
     const int h = n / 2;
     T* aRe = outRe[ch];
@@ -30,13 +34,15 @@ int SplitSpectrum(const T* re, const T* im, int ch, T** outRe, T** outIm, int n)
         const T br = im[k] * half + im[j] * half;
         const T bi = re[j] * half - re[k] * half;
         aRe[k] = ar;
-        aRe[j] = ar;
         aIm[k] = ai;
-        aIm[j] = -ai;
         bRe[k] = br;
-        bRe[j] = br;
         bIm[k] = bi;
-        bIm[j] = -bi;
+        if constexpr (kWriteMirror) {
+            aRe[j] = ar;
+            aIm[j] = -ai;
+            bRe[j] = br;
+            bIm[j] = -bi;
+        }
     }
     return h;
 }
@@ -44,12 +50,20 @@ int SplitSpectrum(const T* re, const T* im, int ch, T** outRe, T** outIm, int n)
 }  // namespace
 
 int SplitComplexSpectrumToLR(float* re, float* im, int ch, float** outRe, float** outIm, int n) {
-    return SplitSpectrum(re, im, ch, outRe, outIm, n);
+    return SplitSpectrum<float, true>(re, im, ch, outRe, outIm, n);
 }
 
 int SplitComplexSpectrumToLR(double* re, double* im, int ch, double** outRe, double** outIm, int n) {
-    return SplitSpectrum(re, im, ch, outRe, outIm, n);
+    return SplitSpectrum<double, true>(re, im, ch, outRe, outIm, n);
 }
+
+namespace detail {
+
+int SplitToHalfSpectra(const float* re, const float* im, int ch, float** outRe, float** outIm, int n) {
+    return SplitSpectrum<float, false>(re, im, ch, outRe, outIm, n);
+}
+
+}  // namespace detail
 
 void CombineLRSpectrumToComplex(int ch, float** inRe, float** inIm, float* outRe, float* outIm, int n) {
     const int h = n / 2;
