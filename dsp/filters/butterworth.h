@@ -18,6 +18,9 @@
 // double, sharing memory between neighbours (a section's output history is the next one's input
 // history). Each sample passes through the whole cascade before the next is read, so block
 // partitions never change the output. Fixed-size storage: no allocation anywhere.
+//
+// Reference: the bilinear transform with frequency prewarping, A. V. Oppenheim and R. W. Schafer,
+// Discrete-Time Signal Processing, ch. 7 (design of IIR filters from continuous-time filters).
 
 #include <array>
 
@@ -40,7 +43,7 @@ struct Section {
 
 struct Design {
     int order = 1;
-    int sectionCount = 0;        // ceil(order / 2); the first-order section, if any, is the last
+    int sectionCount = 0;  // ceil(order / 2); the first-order section, if any, is the last
     bool lowPass = true;
     double normalisedCutoff = 0.0;  // as held, fc/fs
     double prewarped = 0.0;         // K
