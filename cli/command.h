@@ -29,5 +29,7 @@ Command AddInfoCommand(CLI::App& kesta);
 Command AddGainCommand(CLI::App& kesta);
 Command AddDenoiseCommand(CLI::App& kesta);
 Command AddDehissCommand(CLI::App& kesta);
+Command AddEqCommand(CLI::App& kesta);
+Command AddGeqCommand(CLI::App& kesta);
 
 }  // namespace kesta

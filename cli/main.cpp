@@ -73,7 +73,8 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
     const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta), AddGainCommand(kesta),
-                                           AddDenoiseCommand(kesta), AddDehissCommand(kesta)};
+                                           AddDenoiseCommand(kesta), AddDehissCommand(kesta),
+                                           AddEqCommand(kesta), AddGeqCommand(kesta)};
     for (const Command& command : commands) command.app->group("Commands");
 
     if (argc > 1 && argv[1][0] != '-') {

@@ -1,26 +1,22 @@
 #include "spectral_command.h"
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <vector>
 
 #include "block_reader.h"
 #include "block_writer.h"
+#include "command_support.h"
 #include "errors.h"
 #include "file_identity.h"
 #include "json_writer.h"
+#include "latency_stream.h"
 #include "level_meter.h"
 #include "progress.h"
 #include "report.h"
@@ -47,14 +43,6 @@ std::string FormatSeconds(double seconds) {
 // A length of `frames` frames in seconds, rounded up to the millisecond (so "at least" stays true).
 std::string FormatSecondsUp(int64_t frames, int rate) {
     return FormatSeconds(std::ceil(double(frames) * 1000.0 / rate) / 1000.0);
-}
-
-bool ParseSeconds(const std::string& text, double& value) {
-    if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return false;
-    char* end = nullptr;
-    errno = 0;
-    value = std::strtod(text.c_str(), &end);
-    return errno == 0 && end == text.c_str() + text.size() && std::isfinite(value);
 }
 
 // Reads a stretch of a file as the overlapping blocks an analyzer asks for: Load(position, n)
@@ -163,23 +151,6 @@ struct NoiseSource {
     int snapshots = 0;
 };
 
-// Writes all of `bytes` into the descriptor of a SafeOutput.
-void WriteAll(int fd, const std::string& bytes, const std::string& target) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (wrote < 0 && errno == EINTR) continue;
-        if (wrote < 0) {
-            const int error = errno;
-            const bool full = error == ENOSPC || error == EDQUOT;
-            throw OutputError("cannot write " + Quoted(target),
-                              full ? "no space left on the device" : SystemReason(error),
-                              full ? "free some space or choose another place" : "check the disk and the path");
-        }
-        done += std::size_t(wrote);
-    }
-}
-
 // The stretch of `reader`'s file the print is taken from: the --noise range, or the whole file.
 void ResolveStretch(const SpectralOptions& options, const std::optional<TimeRange>& range, const BlockReader& reader,
                     int64_t minimumFrames, int fftSize, NoiseSource& source) {
@@ -267,67 +238,23 @@ struct StreamMeasures {
     explicit StreamMeasures(int channels) : input(channels), output(channels) {}
 };
 
-// Runs INPUT through the processor into the writer, dropping the first GetLatency() output frames
-// and feeding as many zeros after the input, so the output has the input's length and alignment.
+// Runs INPUT through the processor into the writer with its latency compensated (see
+// latency_stream.h), measuring the levels on the way.
 void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, BlockWriter& writer, Progress& progress,
                    StreamMeasures& measures) {
-    const int channels = reader.Format().channels;
-    const int64_t latency = process.GetLatency();
-    AudioBlock block = reader.MakeBlock();
-    std::vector<float*> pointers(static_cast<std::size_t>(channels));
-    int64_t toDrop = latency, inPosition = 0, outPosition = 0;
-
-    auto processAndWrite = [&]() {
-        for (int c = 0; c < channels; ++c)
-            pointers[std::size_t(c)] = block.Channel(c);
-        process.Process(pointers.data(), pointers.data(), channels, int(block.Frames()));
-        const std::size_t frames = block.Frames();
-        const std::size_t drop = std::size_t(std::min<int64_t>(toDrop, int64_t(frames)));
-        toDrop -= int64_t(drop);
-        if (drop == frames) return;
-        if (drop > 0) {
-            for (int c = 0; c < channels; ++c)
-                std::memmove(block.Channel(c), block.Channel(c) + drop, (frames - drop) * sizeof(float));
-            block.SetFrames(frames - drop);
-        }
-        measures.output.Add(block);
-        if (measures.noiseOut) measures.noiseOut->Add(block, outPosition);
-        writer.Write(block);
-        outPosition += int64_t(block.Frames());
-    };
-
-    while (reader.Read(block)) {
+    StreamWatchers watchers;
+    watchers.input = [&](const AudioBlock& block, int64_t position) {
         measures.input.Add(block);
-        if (measures.noiseIn) measures.noiseIn->Add(block, inPosition);
-        inPosition += int64_t(block.Frames());
-        const int64_t frames = int64_t(block.Frames());
-        processAndWrite();
-        progress.Advance(frames);
-    }
-    for (int64_t zeros = latency; zeros > 0;) {
-        const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
-        for (int c = 0; c < channels; ++c)
-            std::fill_n(block.Channel(c), frames, 0.0f);
-        block.SetFrames(frames);
-        processAndWrite();
-        zeros -= int64_t(frames);
-    }
-}
-
-bool SameTarget(const std::string& a, const std::string& b) {
-    std::error_code error;
-    const auto pa = std::filesystem::weakly_canonical(a, error);
-    if (error) return a == b;
-    const auto pb = std::filesystem::weakly_canonical(b, error);
-    if (error) return a == b;
-    return pa == pb;
-}
-
-std::vector<double> LevelChanges(const std::vector<ChannelLevels>& before, const std::vector<ChannelLevels>& after) {
-    std::vector<double> change;
-    for (std::size_t c = 0; c < before.size(); ++c)
-        change.push_back(LinearToDb(after[c].rms) - LinearToDb(before[c].rms));
-    return change;
+        if (measures.noiseIn) measures.noiseIn->Add(block, position);
+    };
+    watchers.output = [&](const AudioBlock& block, int64_t position) {
+        measures.output.Add(block);
+        if (measures.noiseOut) measures.noiseOut->Add(block, position);
+    };
+    StreamWithLatency(
+        reader, writer, progress, process.GetLatency(),
+        [&](float** channels, int channelCount, int frames) { process.Process(channels, channels, channelCount, frames); },
+        watchers);
 }
 
 void WriteNumbers(JsonWriter& json, const std::vector<double>& values) {
@@ -337,31 +264,7 @@ void WriteNumbers(JsonWriter& json, const std::vector<double>& values) {
     json.EndArray();
 }
 
-// "38.2 dB quieter" for the mean change over channels (only finite ones count), or "none".
-std::string DescribeChange(const std::vector<double>& changes) {
-    double sum = 0.0;
-    int count = 0;
-    for (double change : changes)
-        if (std::isfinite(change)) sum += change, ++count;
-    if (count == 0) return "none";
-    const double mean = sum / count;
-    if (std::fabs(mean) < 0.05) return "none";
-    return FormatDb(std::fabs(mean), 1) + (mean < 0 ? " dB quieter" : " dB louder");
-}
-
 }  // namespace
-
-std::string FormatValue(double value) {
-    char text[48];
-    std::snprintf(text, sizeof(text), "%g", value);
-    return text;
-}
-
-void CheckSetting(const std::string& option, double value, double low, double high, const std::string& unit) {
-    if (!std::isfinite(value) || value < low || value > high)
-        throw UsageError(option + " " + FormatValue(value) + " is out of range", "",
-                         "give a value from " + FormatValue(low) + " to " + FormatValue(high) + " " + unit);
-}
 
 TimeRange ParseTimeRange(const std::string& text, const std::string& option) {
     const std::string shown = option + " " + text;
@@ -372,10 +275,10 @@ TimeRange ParseTimeRange(const std::string& text, const std::string& option) {
     const std::string first = text.substr(0, colon), second = text.substr(colon + 1);
     TimeRange range;
     if (first.empty() && second.empty()) throw UsageError(shown + " is not a time range", "", hint);
-    if (!first.empty() && !ParseSeconds(first, range.start))
+    if (!first.empty() && !ParseNumber(first, range.start))
         throw UsageError(shown + " is not a time range", Quoted(first) + " is not a number of seconds", hint);
     if (!second.empty()) {
-        if (!ParseSeconds(second, range.end))
+        if (!ParseNumber(second, range.end))
             throw UsageError(shown + " is not a time range", Quoted(second) + " is not a number of seconds", hint);
         range.hasEnd = true;
     }

@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 
+#include "command_support.h"  // FormatValue, CheckSetting
 #include "console.h"
 #include "dsp/dsp_analyzer.h"
 #include "dsp/overlap_save.h"
@@ -89,11 +90,6 @@ public:
     virtual void WriteSettings(JsonWriter& json) const = 0;
     virtual std::string DescribeSettings() const = 0;
 };
-
-// A setting's value as typed: "40", "2.5", "-inf".
-std::string FormatValue(double value);
-// Throws a usage error "OPTION VALUE is out of range (give ...)" unless low <= value <= high.
-void CheckSetting(const std::string& option, double value, double low, double high, const std::string& unit);
 
 // Adds INPUT, OUTPUT and the options every spectral command has: --noise, --noise-file, --print,
 // --save-print, --fft-size, --residual, --force, --quiet, --json.
