@@ -9,29 +9,18 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <vector>
-
+#include "bench_support.h"
 #include "dsp/graphic.h"
 #include "support/signals.h"
 
 namespace {
 
 using dsp::Graphic;
+using kesta::bench::SetRates;
 using kesta::test::Channels;
 
 constexpr double kRate = 44100.0;
 constexpr std::size_t kFrames = 10 * static_cast<std::size_t>(kRate);
-
-void SetRates(benchmark::State& state, std::size_t frames, int channels) {
-    const double iterations = static_cast<double>(state.iterations());
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(frames));
-    state.counters["x_realtime"] =
-        benchmark::Counter(iterations * static_cast<double>(frames) / kRate, benchmark::Counter::kIsRate);
-    state.counters["samples_per_second"] =
-        benchmark::Counter(iterations * static_cast<double>(frames) * channels, benchmark::Counter::kIsRate);
-}
 
 // A typical curve: every band of the layout at some gain.
 void Configure(Graphic& eq, int layout, int accuracy) {
@@ -52,20 +41,13 @@ void BM_GraphicProcess(benchmark::State& state) {
     eq.UpdateImpulses();
     Channels in = kesta::test::NoiseChannels(channels, kFrames, 31, 0.5);
     Channels out = kesta::test::ZeroChannels(channels, kFrames);
-    std::vector<float*> inPtrs(static_cast<std::size_t>(channels)), outPtrs(static_cast<std::size_t>(channels));
     for (auto _ : state) {
-        for (std::size_t pos = 0; pos < kFrames; pos += static_cast<std::size_t>(block)) {
-            for (int c = 0; c < channels; ++c) {
-                inPtrs[static_cast<std::size_t>(c)] = in[static_cast<std::size_t>(c)].data() + pos;
-                outPtrs[static_cast<std::size_t>(c)] = out[static_cast<std::size_t>(c)].data() + pos;
-            }
-            const int n = static_cast<int>(std::min<std::size_t>(static_cast<std::size_t>(block), kFrames - pos));
-            eq.Process(inPtrs.data(), outPtrs.data(), channels, n);
-        }
+        kesta::bench::StreamBlocks(in, out, block,
+                                   [&eq](float** i, float** o, int c, int n) { eq.Process(i, o, c, n); });
         benchmark::DoNotOptimize(out[0].data());
         benchmark::ClobberMemory();
     }
-    SetRates(state, kFrames, channels);
+    SetRates(state, kFrames, channels, kRate);
 }
 BENCHMARK(BM_GraphicProcess)
     ->ArgNames({"channels", "block", "N", "layout"})
@@ -94,7 +76,7 @@ void BM_GraphicProcessOneSample(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(sink);
     }
-    SetRates(state, kFrames, 2);
+    SetRates(state, kFrames, 2, kRate);
 }
 BENCHMARK(BM_GraphicProcessOneSample)->Unit(benchmark::kMillisecond)->UseRealTime();
 

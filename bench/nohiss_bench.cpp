@@ -1,7 +1,9 @@
 // Hiss reduction speed: NoHissProcess on ten seconds of stereo 44.1 kHz (tones in hiss, thresholds
 // from a captured floor by the dehiss tool's default rule, so every region of the gain rule is
-// visited), in host-sized blocks; and CaptureNoiseFloor over the same audio. Each reports samples
-// per second (frames x channels) and x_realtime = audio seconds / wall seconds on one core.
+// visited), in host-sized blocks; and CaptureNoiseFloor over the same audio.
+//
+// Counters: x_realtime = seconds of audio handled per second of wall time; samples_per_second
+// counts every channel's samples; items_per_second counts frames.
 
 #include <benchmark/benchmark.h>
 
@@ -9,6 +11,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "bench_support.h"
 #include "dsp/nohiss.h"
 #include "support/signals.h"
 
@@ -17,6 +20,8 @@ namespace {
 using dsp::nohiss::CaptureNoiseFloor;
 using dsp::nohiss::NOHISS;
 using dsp::nohiss::NoHissProcess;
+using kesta::bench::SetRates;
+using kesta::bench::Tone;
 using kesta::test::Channels;
 
 constexpr double kRate = 44100.0;
@@ -25,19 +30,9 @@ constexpr std::size_t kFrames = 10 * 44100;
 
 // Hiss at -40 dBFS RMS with three tones 20, 30 and 40 dB above it.
 const Channels& Audio() {
-    static const Channels audio = [] {
-        Channels x(kChannels);
-        for (int c = 0; c < kChannels; ++c) {
-            x[static_cast<std::size_t>(c)] = kesta::test::GaussianNoise(kFrames, 500 + static_cast<uint64_t>(c), 0.01);
-            const double tones[3][2] = {{440.0, 0.1}, {1000.0, 0.03}, {2500.0, 0.01}};
-            for (const auto& tone : tones) {
-                const kesta::test::Signal s = kesta::test::Sine(kFrames, tone[0], kRate, tone[1], 0.5 * c);
-                for (std::size_t i = 0; i < kFrames; ++i)
-                    x[static_cast<std::size_t>(c)][i] += s[i];
-            }
-        }
-        return x;
-    }();
+    static const Channels audio = kesta::bench::TonesOverNoise(kChannels, kFrames, kRate, 500, 0.01, [](int c) {
+        return std::vector<Tone>{{440.0, 0.1, 0.5 * c}, {1000.0, 0.03, 0.5 * c}, {2500.0, 0.01, 0.5 * c}};
+    });
     return audio;
 }
 
@@ -57,12 +52,6 @@ void Capture(CaptureNoiseFloor& capture, std::size_t frames) {
     capture.Done();
 }
 
-void Report(benchmark::State& state, std::size_t frames) {
-    const double audioSeconds = static_cast<double>(frames) / kRate;
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(frames) * kChannels);
-    state.counters["x_realtime"] = benchmark::Counter(audioSeconds, benchmark::Counter::kIsIterationInvariantRate);
-}
-
 void BM_NoHissProcessStereo(benchmark::State& state) {
     const int block = static_cast<int>(state.range(0));
     NOHISS record{};
@@ -78,21 +67,14 @@ void BM_NoHissProcessStereo(benchmark::State& state) {
 
     Channels in = Audio();
     Channels out = kesta::test::ZeroChannels(kChannels, kFrames);
-    std::vector<float*> inP(kChannels), outP(kChannels);
     for (auto _ : state) {
         process.Resume();
-        for (std::size_t pos = 0; pos < kFrames; pos += static_cast<std::size_t>(block)) {
-            const int n = static_cast<int>(std::min<std::size_t>(static_cast<std::size_t>(block), kFrames - pos));
-            for (int c = 0; c < kChannels; ++c) {
-                inP[static_cast<std::size_t>(c)] = in[static_cast<std::size_t>(c)].data() + pos;
-                outP[static_cast<std::size_t>(c)] = out[static_cast<std::size_t>(c)].data() + pos;
-            }
-            process.Process(inP.data(), outP.data(), kChannels, n);
-        }
+        kesta::bench::StreamBlocks(in, out, block,
+                                   [&process](float** i, float** o, int c, int n) { process.Process(i, o, c, n); });
         benchmark::DoNotOptimize(out[0].data());
         benchmark::ClobberMemory();
     }
-    Report(state, kFrames);
+    SetRates(state, kFrames, kChannels, kRate);
     dsp::nohiss::FreeArrays(&record);
 }
 BENCHMARK(BM_NoHissProcessStereo)->Arg(512)->Arg(4096)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -106,7 +88,7 @@ void BM_CaptureNoiseFloorStereo(benchmark::State& state) {
         Capture(capture, kFrames);
         benchmark::DoNotOptimize(capture.GetParam()->floorRows[0]);
     }
-    Report(state, kFrames);
+    SetRates(state, kFrames, kChannels, kRate);
     dsp::nohiss::FreeArrays(&record);
 }
 BENCHMARK(BM_CaptureNoiseFloorStereo)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -13,6 +13,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/noise_reducer.h"
 #include "support/signals.h"
@@ -20,6 +21,8 @@
 namespace {
 
 using dsp::nonoise::NONOISE;
+using kesta::bench::SetRates;
+using kesta::bench::Tone;
 using kesta::test::Channels;
 
 constexpr double kRate = 44100.0;
@@ -28,17 +31,9 @@ constexpr std::size_t kFrames = kSeconds * static_cast<std::size_t>(kRate);
 
 // Tones over white noise 30 dB down, per channel a different set.
 Channels MakeProgramme(int channels) {
-    Channels x;
-    for (int c = 0; c < channels; ++c) {
-        kesta::test::Signal s = kesta::test::GaussianNoise(kFrames, 21 + static_cast<uint64_t>(c), 0.1 * 0.0316);
-        for (double f : {330.0 + 100.0 * c, 1200.0 + 150.0 * c, 2900.0 + 300.0 * c}) {
-            const kesta::test::Signal tone = kesta::test::Sine(kFrames, f, kRate, 0.1);
-            for (std::size_t n = 0; n < kFrames; ++n)
-                s[n] += tone[n];
-        }
-        x.push_back(std::move(s));
-    }
-    return x;
+    return kesta::bench::TonesOverNoise(channels, kFrames, kRate, 21, 0.1 * 0.0316, [](int c) {
+        return std::vector<Tone>{{330.0 + 100.0 * c, 0.1}, {1200.0 + 150.0 * c, 0.1}, {2900.0 + 300.0 * c, 0.1}};
+    });
 }
 
 // A print of `channels` channels taken from the first two seconds of noise alone.
@@ -68,15 +63,6 @@ struct Print {
     NONOISE record;
 };
 
-void SetRates(benchmark::State& state, std::size_t frames, int channels) {
-    const double iterations = static_cast<double>(state.iterations());
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(frames));
-    state.counters["x_realtime"] =
-        benchmark::Counter(iterations * static_cast<double>(frames) / kRate, benchmark::Counter::kIsRate);
-    state.counters["samples_per_second"] =
-        benchmark::Counter(iterations * static_cast<double>(frames) * channels, benchmark::Counter::kIsRate);
-}
-
 // args: channels, block size, outputMode
 void BM_NoNoiseProcess(benchmark::State& state) {
     const int channels = static_cast<int>(state.range(0));
@@ -87,21 +73,14 @@ void BM_NoNoiseProcess(benchmark::State& state) {
     dsp::nonoise::NoNoiseProcess process(&record);
     Channels in = MakeProgramme(channels);
     Channels out = kesta::test::ZeroChannels(channels, kFrames);
-    std::vector<float*> inPtrs(static_cast<std::size_t>(channels)), outPtrs(static_cast<std::size_t>(channels));
     process.Resume();
     for (auto _ : state) {
-        for (std::size_t pos = 0; pos < kFrames; pos += static_cast<std::size_t>(block)) {
-            for (int c = 0; c < channels; ++c) {
-                inPtrs[static_cast<std::size_t>(c)] = in[static_cast<std::size_t>(c)].data() + pos;
-                outPtrs[static_cast<std::size_t>(c)] = out[static_cast<std::size_t>(c)].data() + pos;
-            }
-            const int n = static_cast<int>(std::min<std::size_t>(static_cast<std::size_t>(block), kFrames - pos));
-            process.Process(inPtrs.data(), outPtrs.data(), channels, n);
-        }
+        kesta::bench::StreamBlocks(in, out, block,
+                                   [&process](float** i, float** o, int c, int n) { process.Process(i, o, c, n); });
         benchmark::DoNotOptimize(out[0].data());
         benchmark::ClobberMemory();
     }
-    SetRates(state, kFrames, channels);
+    SetRates(state, kFrames, channels, kRate);
 }
 BENCHMARK(BM_NoNoiseProcess)
     ->ArgNames({"channels", "block", "outputMode"})
@@ -186,7 +165,7 @@ void BM_CaptureNoisePrint(benchmark::State& state) {
         capture.Done();
         benchmark::DoNotOptimize(capture.GetParam()->binRms[0][100]);
     }
-    SetRates(state, kFrames, channels);
+    SetRates(state, kFrames, channels, kRate);
     dsp::nonoise::FreeArrays(&record);
 }
 BENCHMARK(BM_CaptureNoisePrint)->Unit(benchmark::kMillisecond)->UseRealTime();

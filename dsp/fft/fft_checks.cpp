@@ -4,10 +4,10 @@
 #include <cmath>
 #include <algorithm>
 #include <complex>
-#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "dsp/check_measures.h"
 #include "dsp/fft.h"
 #include "dsp/fft/fft_kernel.h"
 #include "dsp/self_checks.h"
@@ -16,12 +16,6 @@
 namespace dsp::checks {
 
 namespace {
-
-std::string Format(const char* fmt, double a, double b) {
-    char text[160];
-    std::snprintf(text, sizeof text, fmt, a, b);
-    return text;
-}
 
 // A deterministic test signal without a random engine: a sum of incommensurate sines.
 double TestSignal(int i, int salt) {

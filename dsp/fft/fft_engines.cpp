@@ -2,8 +2,8 @@
 #include <new>
 
 #include "dsp/fft.h"
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/fft/fft_kernel.h"
-#include "dsp/fft/fft_memory.h"
 
 namespace dsp {
 
@@ -68,7 +68,7 @@ void FFTEngineState::SetUp(int size, PlanKind kind) {
     }
     // A failed plan is not reported here: the engine counts as set up and its transforms answer
     // with the null-plan status.
-    mWorkBuffer = fft::AllocateAlignedShared(workBytes != 0 ? workBytes : kDefaultWorkBufferBytes);
+    mWorkBuffer = detail::AllocateAlignedShared(workBytes != 0 ? workBytes : kDefaultWorkBufferBytes);
     mSize = size;
     mInitialized = true;
 }

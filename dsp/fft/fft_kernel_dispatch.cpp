@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/fft/fft_kernel.h"
 #include "dsp/fft/fft_kernel_internal.h"
 
@@ -18,11 +19,11 @@ namespace dsp::fft {
 namespace detail {
 
 void* AllocateAligned(std::size_t bytes) {
-    return ::operator new (bytes == 0 ? 64 : bytes, std::align_val_t{64});
+    return dsp::detail::AllocateAlignedBytes(bytes == 0 ? dsp::detail::kAlignment : bytes).release();
 }
 
 void FreeAligned(void* p) noexcept {
-    if (p != nullptr) ::operator delete (p, std::align_val_t{64});
+    dsp::detail::AlignedDeleter{}(p);
 }
 
 namespace {

@@ -1,8 +1,8 @@
 #include <vector>
 
 #include "dsp/fft.h"
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/fft/fft_kernel.h"
-#include "dsp/fft/fft_memory.h"
 #include "dsp/spectrum_packing.h"
 
 namespace dsp {
@@ -14,7 +14,7 @@ struct FFTPlanHolder {
     virtual ~FFTPlanHolder() = default;
     std::unique_ptr<fft::ComplexPlan<T>> plan;
     int length = 0;
-    fft::AlignedBytes workBuffer;
+    detail::AlignedBytes workBuffer;
 
     void Transform(const T* srcRe, const T* srcIm, T* dstRe, T* dstIm, int32_t direction) const {
         // -1 is the inverse; anything else, 0 included, is the forward transform.
@@ -57,7 +57,7 @@ std::unique_ptr<Holder> MakeHolder(int32_t n) {
     if (!holder->plan) return nullptr;
     holder->length = 1 << order;
     // Exactly the size the plan asks for; no fallback block here.
-    holder->workBuffer = fft::AllocateAligned(holder->plan->WorkBufferBytes());
+    holder->workBuffer = detail::AllocateAlignedBytes(holder->plan->WorkBufferBytes());
     return holder;
 }
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <numbers>
 
-#include "dsp/fft/aligned_array.h"
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/fft/spectrum_packing_internal.h"
 #include "dsp/fft_window.h"
 #include "dsp/spectrum_packing.h"
@@ -53,7 +53,7 @@ OverlapSave::~OverlapSave() {
 }
 
 void OverlapSave::ReleaseStorage() {
-    detail::FreeAlignedFloats(mStorage);
+    detail::FreeAlignedArray(mStorage);
     mStorage = nullptr;
     mStorageFloats = 0;
     mAnalysisWindow = mSynthesisWindow = mRising = mFalling = nullptr;
@@ -65,7 +65,7 @@ void OverlapSave::ReleaseStorage() {
 }
 
 void OverlapSave::CopyFrom(const OverlapSave& other) {
-    float* storage = detail::AllocateAlignedFloats(other.mStorageFloats);
+    float* storage = detail::AllocateAlignedArray<float>(other.mStorageFloats);
     if (other.mStorageFloats != 0) std::memcpy(storage, other.mStorage, other.mStorageFloats * sizeof(float));
     ReleaseStorage();
     mStorage = storage;
@@ -115,15 +115,15 @@ void OverlapSave::Init(int N, int C, int P, int L, FFTWindowType type) {
     assert(L >= 1 && P >= L && P + 2 * L <= N);
 
     const int channelsEven = C + (C & 1);
-    const std::size_t strideN = detail::AlignedFloatStride(static_cast<std::size_t>(N));
-    const std::size_t strideL = detail::AlignedFloatStride(static_cast<std::size_t>(L));
+    const std::size_t strideN = detail::AlignedStride<float>(static_cast<std::size_t>(N));
+    const std::size_t strideL = detail::AlignedStride<float>(static_cast<std::size_t>(L));
     const std::size_t total = 2 * strideN                                             // windows
                               + 2 * strideL                                           // curves
                               + static_cast<std::size_t>(C) * strideL                 // tails
                               + static_cast<std::size_t>(C) * strideN                 // work frames
                               + 2 * static_cast<std::size_t>(channelsEven) * strideN  // spectra
                               + 2 * strideN;                                          // transform
-    float* storage = detail::AllocateAlignedFloats(total);
+    float* storage = detail::AllocateAlignedArray<float>(total);
     ReleaseStorage();
     mStorage = storage;
     mStorageFloats = total;

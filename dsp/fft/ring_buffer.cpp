@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "dsp/fft/aligned_array.h"
+#include "dsp/fft/aligned_memory.h"
 
 namespace dsp {
 
@@ -34,7 +34,7 @@ RingBuffer::RingBuffer(const RingBuffer& other)
       mReadIndex(other.mReadIndex),
       mChannelStride(other.mChannelStride) {
     const std::size_t total = static_cast<std::size_t>(mNumChannels) * static_cast<std::size_t>(mChannelStride);
-    mStorage = detail::AllocateAlignedFloats(total);
+    mStorage = detail::AllocateAlignedArray<float>(total);
     if (total != 0) std::memcpy(mStorage, other.mStorage, total * sizeof(float));
     mBuffers.resize(static_cast<std::size_t>(mNumChannels));
     for (int ch = 0; ch < mNumChannels; ++ch)
@@ -62,8 +62,9 @@ RingBuffer::~RingBuffer() {
 void RingBuffer::Allocate(int numChannels, int capacity) {
     assert(numChannels >= 0 && capacity >= 0);
     Deallocate();
-    const auto stride = static_cast<int32_t>(detail::AlignedFloatStride(static_cast<std::size_t>(capacity)));
-    mStorage = detail::AllocateAlignedFloats(static_cast<std::size_t>(numChannels) * static_cast<std::size_t>(stride));
+    const auto stride = static_cast<int32_t>(detail::AlignedStride<float>(static_cast<std::size_t>(capacity)));
+    mStorage =
+        detail::AllocateAlignedArray<float>(static_cast<std::size_t>(numChannels) * static_cast<std::size_t>(stride));
     mBuffers.resize(static_cast<std::size_t>(numChannels));
     for (int ch = 0; ch < numChannels; ++ch)
         mBuffers[ch] = mStorage + static_cast<std::size_t>(ch) * stride;
@@ -74,7 +75,7 @@ void RingBuffer::Allocate(int numChannels, int capacity) {
 }
 
 void RingBuffer::Deallocate() {
-    detail::FreeAlignedFloats(mStorage);
+    detail::FreeAlignedArray(mStorage);
     mStorage = nullptr;
     mBuffers.clear();
     mNumChannels = 0;

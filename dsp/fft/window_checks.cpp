@@ -2,10 +2,10 @@
 // a closed form evaluated here, or with a known exact value.
 
 #include <cmath>
-#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "dsp/check_measures.h"
 #include "dsp/fades.h"
 #include "dsp/fft_window.h"
 #include "dsp/self_checks.h"
@@ -16,13 +16,6 @@ namespace {
 
 constexpr const char* kWindowFamily = "windows";
 constexpr const char* kFadeFamily = "fades";
-
-template <typename... Args>
-std::string Format(const char* format, Args... args) {
-    char text[256];
-    std::snprintf(text, sizeof text, format, args...);
-    return text;
-}
 
 // Hann over 1024 samples against 0.5 (1 - cos(2 pi j / 1024)) in long double; edge 0, peak 1,
 // and the periodic symmetry w[512 + k] == w[512 - k].

@@ -4,15 +4,13 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
-#include <new>
 #include <numbers>
+
+#include "dsp/fft/aligned_memory.h"
 
 namespace dsp {
 
 namespace {
-
-constexpr std::size_t kAlignment = 64;
-constexpr std::size_t kDoublesPerAlignment = kAlignment / sizeof(double);
 
 // Lowest band centre; every layout's centres are kBaseFrequency * r^k.
 constexpr double kBaseFrequency = 31.25;
@@ -21,10 +19,6 @@ constexpr double kTopEdge = 50000.0;
 
 constexpr int kMinHalfLength = 8;  // L = 2N is at least 16
 constexpr int kMaxHalfLength = 8192;
-
-std::size_t AlignedStride(std::size_t count) {
-    return (count + kDoublesPerAlignment - 1) / kDoublesPerAlignment * kDoublesPerAlignment;
-}
 
 int BandsOfLayout(float layout) {
     if (layout < 0.5f) return 10;
@@ -131,7 +125,7 @@ void Graphic::CopyFrom(const Graphic& other) {
         // Same geometry, same layout: one copy of the block carries the whole state. The engines
         // get plans of their own (an engine copy would share its scratch buffer).
         const std::size_t doubles = CarveBuffers();
-        mStorage = static_cast<double*>(::operator new (doubles * sizeof(double), std::align_val_t{kAlignment}));
+        mStorage = detail::AllocateAlignedArrayUninitialised<double>(doubles);
         CarveBuffers();
         std::memcpy(mStorage, other.mStorage, doubles * sizeof(double));
         mFFT.Init(mFFTSize);
@@ -150,7 +144,7 @@ std::size_t Graphic::CarveBuffers() {
     std::size_t offset = 0;
     auto take = [&](std::size_t count) -> double* {
         double* p = (mStorage != nullptr) ? mStorage + offset : nullptr;
-        offset += AlignedStride(count);
+        offset += detail::AlignedStride<double>(count);
         return p;
     };
     mImpulse = take(static_cast<std::size_t>(mImpulseLength));
@@ -177,13 +171,12 @@ void Graphic::AllocateBuffers() {
     ReleaseBuffers();
     mAllocatedChannels = std::max(mChannelCount, 0);
     const std::size_t doubles = CarveBuffers();
-    mStorage = static_cast<double*>(::operator new (doubles * sizeof(double), std::align_val_t{kAlignment}));
-    std::memset(mStorage, 0, doubles * sizeof(double));
+    mStorage = detail::AllocateAlignedArray<double>(doubles);  // zeroed
     CarveBuffers();
 }
 
 void Graphic::ReleaseBuffers() {
-    if (mStorage != nullptr) ::operator delete (mStorage, std::align_val_t{kAlignment});
+    detail::FreeAlignedArray(mStorage);
     mStorage = nullptr;
     mImpulse = mWindow = mBinBand = mBinFalling = nullptr;
     mFilterRe = mFilterIm = mWorkRe = mWorkIm = mZero = mDiscard = nullptr;

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "dsp/fft/aligned_array.h"
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/nohiss.h"
 #include "dsp/restoration/nohiss/hiss_kernels.h"
 
@@ -86,7 +86,7 @@ NoHissProcess& NoHissProcess::operator=(const NoHissProcess& other) {
 }
 
 NoHissProcess::~NoHissProcess() {
-    detail::FreeAlignedFloats(mStorage);
+    detail::FreeAlignedArray(mStorage);
     FreeArrays(&mParam);
 }
 
@@ -99,12 +99,12 @@ void NoHissProcess::InitEngine(int numChannels) {
 }
 
 void NoHissProcess::AllocateArrays() {
-    const std::size_t rowStride = detail::AlignedFloatStride(static_cast<std::size_t>(mFrameLength) + 2 * kGuard);
+    const std::size_t rowStride = detail::AlignedStride<float>(static_cast<std::size_t>(mFrameLength) + 2 * kGuard);
     const std::size_t rows = static_cast<std::size_t>(mNumChannels);
-    const std::size_t magnitudeStride = detail::AlignedFloatStride(static_cast<std::size_t>(mFrameLength / 2 + 1));
+    const std::size_t magnitudeStride = detail::AlignedStride<float>(static_cast<std::size_t>(mFrameLength / 2 + 1));
     const std::size_t total = rows * rowStride + 2 * magnitudeStride;
-    float* storage = detail::AllocateAlignedFloats(total);  // zeroed
-    detail::FreeAlignedFloats(mStorage);
+    float* storage = detail::AllocateAlignedArray<float>(total);  // zeroed
+    detail::FreeAlignedArray(mStorage);
     mStorage = storage;
     mStorageFloats = total;
     mSmoothing.resize(rows);

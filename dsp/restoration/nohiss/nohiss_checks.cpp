@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstdio>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include "dsp/check_measures.h"
 #include "dsp/nohiss.h"
 #include "dsp/self_checks.h"
 
@@ -25,12 +24,6 @@ using nohiss::NoHissProcess;
 constexpr double kRate = 44100.0;
 constexpr int kN = 4096;
 
-std::string Format(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.4g", value);
-    return text;
-}
-
 // A mono default record with arrays, released on scope exit.
 struct MonoRecord {
     NOHISS r{};
@@ -43,17 +36,6 @@ struct MonoRecord {
     MonoRecord& operator=(const MonoRecord&) = delete;
     ~MonoRecord() { nohiss::FreeArrays(&r); }
 };
-
-// Uniform noise in [-amplitude, amplitude) from a fixed linear congruential sequence.
-std::vector<float> Noise(std::size_t frames, uint32_t seed, double amplitude) {
-    std::vector<float> x(frames);
-    uint32_t state = seed;
-    for (float& v : x) {
-        state = state * 1664525u + 1013904223u;
-        v = static_cast<float>(amplitude * (static_cast<double>(state) / 2147483648.0 - 1.0));
-    }
-    return x;
-}
 
 void AddTone(std::vector<float>& x, std::size_t from, double f, double amplitude) {
     for (std::size_t i = from; i < x.size(); ++i)
@@ -73,48 +55,17 @@ std::vector<float> RunAligned(NoHissProcess& process, std::vector<float> x) {
     return std::vector<float>(y.begin() + kN, y.end());
 }
 
-// Amplitude of the tone at f in x[from, to) by least squares on sin and cos under a
-// Blackman-Harris weight (keeps other components out).
-double ToneAmplitude(const std::vector<float>& x, std::size_t from, std::size_t to, double f) {
-    const double w0 = 2.0 * std::numbers::pi * f / kRate;
-    const std::size_t n = to - from;
-    double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        const double t = 2.0 * std::numbers::pi * static_cast<double>(i) / static_cast<double>(n - 1);
-        const double w = 0.35875 - 0.48829 * std::cos(t) + 0.14128 * std::cos(2 * t) - 0.01168 * std::cos(3 * t);
-        const double s = std::sin(w0 * static_cast<double>(from + i));
-        const double c = std::cos(w0 * static_cast<double>(from + i));
-        const double v = x[from + i];
-        ss += w * s * s;
-        cc += w * c * c;
-        sc += w * s * c;
-        xs += w * v * s;
-        xc += w * v * c;
-    }
-    const double det = ss * cc - sc * sc;
-    const double a = (xs * cc - xc * sc) / det;
-    const double b = (xc * ss - xs * sc) / det;
-    return std::sqrt(a * a + b * b);
-}
-
-double Rms(const std::vector<float>& x, std::size_t from, std::size_t to) {
-    double sum = 0.0;
-    for (std::size_t i = from; i < to; ++i)
-        sum += static_cast<double>(x[i]) * x[i];
-    return std::sqrt(sum / static_cast<double>(to - from));
-}
-
 CheckOutcome ZeroThresholdsAreADelayOfOneFrame() {
     MonoRecord rec;
     NoHissProcess process(&rec.r);
-    const std::vector<float> x = Noise(20000, 4242u, 0.9);
+    const std::vector<float> x = UniformNoise(20000, 4242u, 0.9);
     const std::vector<float> y = RunAligned(process, x);
     double error = 0.0;
     for (std::size_t i = 0; i < x.size(); ++i)
         error = std::max(error, std::fabs(static_cast<double>(y[i]) - x[i]));
     const bool ok = error <= 1e-5 && process.GetLatency() == kN;
-    return {ok, "latency " + std::to_string(process.GetLatency()) + " (expect 4096); max error against the input " +
-                    "delayed by 4096 " + Format(error) + " (bound 1e-5)"};
+    return {ok, Format("latency %d (expect 4096); max error against the input delayed by 4096 %.4g (bound 1e-5)",
+                       process.GetLatency(), error)};
 }
 
 CheckOutcome ToneUnderTheKneeIsScaledByTheFloorGain() {
@@ -124,10 +75,10 @@ CheckOutcome ToneUnderTheKneeIsScaledByTheFloorGain() {
     std::vector<float> x(30000, 0.0f);
     AddTone(x, 0, 3000.0, 0.01);
     const std::vector<float> y = RunAligned(process, x);
-    const double measuredDb = 20.0 * std::log10(ToneAmplitude(y, kN, x.size(), 3000.0) / 0.01);
+    const double measuredDb = 20.0 * std::log10(ToneAmplitude(y.data() + kN, x.size() - kN, 3000.0, kRate) / 0.01);
     const double expectedDb = -24.0 / 2.0;  // 20 log10(10^(-24/40))
     const bool ok = std::fabs(measuredDb - expectedDb) <= 0.02;
-    return {ok, "tone below the knee " + Format(measuredDb) + " dB (expect " + Format(expectedDb) + " +- 0.02)"};
+    return {ok, Format("tone below the knee %.4g dB (expect %.4g +- 0.02)", measuredDb, expectedDb)};
 }
 
 CheckOutcome SilentCaptureReadsMinus400Db() {
@@ -143,14 +94,13 @@ CheckOutcome SilentCaptureReadsMinus400Db() {
     const double level = capture.GetParam()->floorLevel[0];
     const double peak = *std::max_element(capture.GetParam()->floorRows[0], capture.GetParam()->floorRows[0] + kN);
     const bool ok = level == -400.0 && peak == 0.0;
-    return {ok,
-            "floor level " + Format(level) + " dB (expect -400); largest floor entry " + Format(peak) + " (expect 0)"};
+    return {ok, Format("floor level %.4g dB (expect -400); largest floor entry %.4g (expect 0)", level, peak)};
 }
 
 CheckOutcome DefaultThresholdsRemoveHissAndKeepATone() {
     // 1 s of hiss alone (captured), then 1.5 s of the same hiss with a 1 kHz tone 20 dB above it.
     const std::size_t lead = 44100, frames = lead + 66150;
-    std::vector<float> x = Noise(frames, 99u, 0.02);
+    std::vector<float> x = UniformNoise(frames, 99u, 0.02);
     AddTone(x, lead, 1000.0, 0.1);
 
     MonoRecord rec;
@@ -173,12 +123,13 @@ CheckOutcome DefaultThresholdsRemoveHissAndKeepATone() {
     const std::vector<float> y = RunAligned(process, x);
 
     // Hiss in the hiss-only stretch after the first frame; the tone over its steady part.
-    const double hissDb = 20.0 * std::log10(Rms(x, kN, lead) / Rms(y, kN, lead));
-    const double toneDb =
-        20.0 * std::log10(ToneAmplitude(y, lead + kN, frames, 1000.0) / ToneAmplitude(x, lead + kN, frames, 1000.0));
+    const double hissDb = 20.0 * std::log10(Rms(x.data() + kN, lead - kN) / Rms(y.data() + kN, lead - kN));
+    const std::size_t toneFrom = lead + kN;
+    const double toneDb = 20.0 * std::log10(ToneAmplitude(y.data() + toneFrom, frames - toneFrom, 1000.0, kRate) /
+                                            ToneAmplitude(x.data() + toneFrom, frames - toneFrom, 1000.0, kRate));
     const bool ok = hissDb >= 10.0 && std::fabs(toneDb) < 1.0;
-    return {ok, "hiss reduced by " + Format(hissDb) + " dB (expect >= 10); tone changed by " + Format(toneDb) +
-                    " dB (expect within +-1)"};
+    return {ok, Format("hiss reduced by %.4g dB (expect >= 10); tone changed by %.4g dB (expect within +-1)", hissDb,
+                       toneDb)};
 }
 
 }  // namespace

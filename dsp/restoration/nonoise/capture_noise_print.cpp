@@ -4,8 +4,8 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
-#include <new>
 
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/record_storage.h"
 #include "dsp/spectrum_packing.h"
@@ -16,18 +16,6 @@ namespace {
 
 // binMin starts at the largest single-precision value, so the first snapshot always lowers it.
 constexpr double kLargestFloat = 3.4028234663852886e38;
-
-constexpr std::size_t kDoubleAlignment = 64;
-
-double* AllocateDoubles(std::size_t count) {
-    auto* p = static_cast<double*>(::operator new(count * sizeof(double), std::align_val_t{kDoubleAlignment}));
-    std::memset(p, 0, count * sizeof(double));
-    return p;
-}
-
-void FreeDoubles(double* p) {
-    if (p != nullptr) ::operator delete(p, std::align_val_t{kDoubleAlignment});
-}
 
 }  // namespace
 
@@ -96,7 +84,7 @@ void CaptureNoisePrint::Allocate() {
     const std::size_t rows = static_cast<std::size_t>(std::max(mChannelsEven, 0));
     // N is a power of two, so with 64-byte alignment of the block every row starts aligned too
     // once N >= 8.
-    mStorage = AllocateDoubles(N * (1 + 4 * rows) + 1);
+    mStorage = dsp::detail::AllocateAlignedArray<double>(N * (1 + 4 * rows) + 1);  // zeroed
     mWindow = mStorage;
     double** tables = new double*[4 * rows + 1];
     mSplitRe = tables;
@@ -109,7 +97,7 @@ void CaptureNoisePrint::Allocate() {
 
 void CaptureNoisePrint::Release() {
     delete[] mSplitRe;  // the four row tables are one allocation
-    FreeDoubles(mStorage);
+    dsp::detail::FreeAlignedArray(mStorage);
     mSplitRe = mSplitIm = mInputRe = mInputIm = nullptr;
     mStorage = mWindow = nullptr;
 }

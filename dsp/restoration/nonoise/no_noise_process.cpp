@@ -15,9 +15,9 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
-#include <new>
 
 #include "dsp/core/denormal_guard.h"
+#include "dsp/fft/aligned_memory.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/noise_reducer.h"
 #include "dsp/restoration/nonoise/record_storage.h"
@@ -33,12 +33,11 @@ namespace dsp::nonoise {
 
 namespace {
 
-constexpr std::size_t kAlignment = 64;
-constexpr int kDoublesPerAlignment = static_cast<int>(kAlignment / sizeof(double));
 constexpr int kRowGuard = 4;  // smoothing rows reach 4 bins past either edge
 
-int AlignedStride(int count) {
-    return (count + kDoublesPerAlignment - 1) / kDoublesPerAlignment * kDoublesPerAlignment;
+// Doubles one array takes in the storage block, so that the next one stays 64-byte aligned.
+std::size_t AlignedStride(int count) {
+    return dsp::detail::AlignedStride<double>(static_cast<std::size_t>(count));
 }
 
 int CrossfadeLength(const NONOISE* p) {
@@ -58,11 +57,11 @@ int GroupLanes(int first, int channels) {
 }
 
 std::size_t StorageDoubles(int N, int C, int bins) {
-    std::size_t total = static_cast<std::size_t>(AlignedStride(N));
+    std::size_t total = AlignedStride(N);
     for (int first = 0; first < C; first += 2) {
         const int lanes = GroupLanes(first, C);
-        total += static_cast<std::size_t>(AlignedStride((N + 2 * kRowGuard) * lanes));
-        total += 5 * static_cast<std::size_t>(lanes) * static_cast<std::size_t>(AlignedStride(bins));
+        total += AlignedStride((N + 2 * kRowGuard) * lanes);
+        total += 5 * static_cast<std::size_t>(lanes) * AlignedStride(bins);
     }
     return total;
 }
@@ -95,16 +94,6 @@ void Carve(NOISEREDUCER& r, double* storage) {
     }
 }
 
-double* AllocateStorage(std::size_t doubles) {
-    auto* p = static_cast<double*>(::operator new(doubles * sizeof(double), std::align_val_t{kAlignment}));
-    std::memset(p, 0, doubles * sizeof(double));
-    return p;
-}
-
-void FreeStorage(double* p) {
-    if (p != nullptr) ::operator delete(p, std::align_val_t{kAlignment});
-}
-
 NOISEREDUCER* NewReducer(int N, int C) {
     auto* r = new NOISEREDUCER;
     r->size = N;
@@ -113,10 +102,10 @@ NOISEREDUCER* NewReducer(int N, int C) {
     try {
         r->active.assign(static_cast<std::size_t>(C), 0);
         r->groups.reserve(static_cast<std::size_t>((C + 1) / 2));
-        r->storage = AllocateStorage(StorageDoubles(N, C, r->bins));
+        r->storage = dsp::detail::AllocateAlignedArray<double>(StorageDoubles(N, C, r->bins));  // zeroed
         Carve(*r, r->storage);
     } catch (...) {
-        FreeStorage(r->storage);
+        dsp::detail::FreeAlignedArray(r->storage);
         delete r;
         throw;
     }
@@ -526,7 +515,7 @@ NOISEREDUCER* NoNoiseProcess::CreateNoiseReducer() {
 }
 
 void NoNoiseProcess::DestroyNoiseReducer(NOISEREDUCER* reducer) {
-    FreeStorage(reducer->storage);
+    dsp::detail::FreeAlignedArray(reducer->storage);
     delete reducer;
 }
 

@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstdio>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include "dsp/check_measures.h"
 #include "dsp/nonoise.h"
 #include "dsp/self_checks.h"
 
@@ -24,24 +23,6 @@ constexpr int kN = 4096;
 constexpr double kRate = 44100.0;
 constexpr std::size_t kNoiseOnly = 66150;  // 1.5 s
 constexpr std::size_t kFrames = 154350;    // 3.5 s
-
-std::string Format(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3g", value);
-    return text;
-}
-
-// Uniform noise of RMS `rms` from a fixed linear congruential sequence.
-std::vector<float> Noise(std::size_t frames, uint32_t seed, double rms) {
-    std::vector<float> x(frames);
-    uint32_t state = seed;
-    const double scale = rms * std::sqrt(3.0);
-    for (float& v : x) {
-        state = state * 1664525u + 1013904223u;
-        v = static_cast<float>(scale * (static_cast<double>(state) / 2147483648.0 - 1.0));
-    }
-    return x;
-}
 
 // Mono record with arrays and defaults; freed on scope exit.
 struct MonoRecord {
@@ -82,38 +63,11 @@ std::vector<float> Reduce(const NONOISE* record, std::vector<float> x) {
     return y;
 }
 
-double Power(const std::vector<float>& x, std::size_t from, std::size_t to) {
-    double sum = 0.0;
-    for (std::size_t i = from; i < to; ++i)
-        sum += static_cast<double>(x[i]) * x[i];
-    return sum / static_cast<double>(to - from);
-}
-
-// Amplitude of a tone of known frequency by least squares on sin and cos, Hann-weighted.
-double ToneAmplitude(const std::vector<float>& x, std::size_t from, std::size_t to, double f) {
-    const double w0 = 2.0 * std::numbers::pi * f / kRate;
-    const std::size_t n = to - from;
-    double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        const double w = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / static_cast<double>(n));
-        const double s = std::sin(w0 * static_cast<double>(from + i));
-        const double c = std::cos(w0 * static_cast<double>(from + i));
-        const double v = x[from + i];
-        ss += w * s * s;
-        cc += w * c * c;
-        sc += w * s * c;
-        xs += w * v * s;
-        xc += w * v * c;
-    }
-    const double det = ss * cc - sc * sc;
-    const double a = (xs * cc - xc * sc) / det;
-    const double b = (xc * ss - xs * sc) / det;
-    return std::sqrt(a * a + b * b);
-}
-
 // Noise 30 dB below a 0.2-amplitude tone at 1 kHz that enters after the noise-only stretch.
 std::vector<float> Programme() {
-    std::vector<float> x = Noise(kFrames, 4242u, 0.2 / std::sqrt(2.0) * std::pow(10.0, -30.0 / 20.0));
+    // Uniform noise of RMS r has amplitude r sqrt(3).
+    const double noiseRms = 0.2 / std::sqrt(2.0) * std::pow(10.0, -30.0 / 20.0);
+    std::vector<float> x = UniformNoise(kFrames, 4242u, noiseRms * std::sqrt(3.0));
     for (std::size_t n = kNoiseOnly; n < kFrames; ++n)
         x[n] += static_cast<float>(0.2 * std::sin(2.0 * std::numbers::pi * 1000.0 * static_cast<double>(n) / kRate));
     return x;
@@ -138,8 +92,8 @@ CheckOutcome CapturedToneReadsItsWindowedMagnitude() {
     const double measured = record.p.binMax[0][bin];
     const double expected = static_cast<double>(a / 2 * sum * 4 / kN);
     const double error = std::fabs(measured / expected - 1.0);
-    return {error <= 1e-5, "bin " + std::to_string(bin) + " reads " + Format(measured) + " (expect " +
-                               Format(expected) + ", relative error " + Format(error) + ", bound 1e-5)"};
+    return {error <= 1e-5,
+            Format("bin %d reads %.3g (expect %.3g, relative error %.3g, bound 1e-5)", bin, measured, expected, error)};
 }
 
 CheckOutcome PrintedNoiseIsRemovedAndToneKept() {
@@ -148,12 +102,15 @@ CheckOutcome PrintedNoiseIsRemovedAndToneKept() {
     Capture(x, kNoiseOnly, &record.p);
     const std::vector<float> y = Reduce(&record.p, x);
     const std::size_t d = kN;  // latency
-    const double reductionDb = 10.0 * std::log10(Power(x, 4410, 59535) / Power(y, 4410 + d, 59535 + d));
-    const double toneDb = 20.0 * std::log10(ToneAmplitude(y, 88200 + d, kFrames, 1000.0) /
-                                            ToneAmplitude(x, 88200, kFrames - d, 1000.0));
+    const std::size_t noiseFrom = 4410, noiseTo = 59535, toneFrom = 88200;
+    const double reductionDb = 10.0 * std::log10(MeanSquare(x.data() + noiseFrom, noiseTo - noiseFrom) /
+                                                 MeanSquare(y.data() + noiseFrom + d, noiseTo - noiseFrom));
+    const double toneDb =
+        20.0 * std::log10(ToneAmplitude(y.data() + toneFrom + d, kFrames - toneFrom - d, 1000.0, kRate) /
+                          ToneAmplitude(x.data() + toneFrom, kFrames - toneFrom - d, 1000.0, kRate));
     const bool ok = reductionDb >= 20.0 && std::fabs(toneDb) <= 0.5;
-    return {ok, "noise-only stretch falls by " + Format(reductionDb) + " dB (bound 20); 1 kHz tone changes by " +
-                    Format(toneDb) + " dB (bound 0.5)"};
+    return {ok, Format("noise-only stretch falls by %.3g dB (bound 20); 1 kHz tone changes by %.3g dB (bound 0.5)",
+                       reductionDb, toneDb)};
 }
 
 CheckOutcome CleanedPlusRemovedIsTheDelayedInput() {
@@ -173,8 +130,9 @@ CheckOutcome CleanedPlusRemovedIsTheDelayedInput() {
         bypassError = std::max(bypassError, std::fabs(bypassed[n] - delayed));
     }
     const bool ok = sumError <= 1e-4 && bypassError <= 1e-5;
-    return {ok, "cleaned + removed against the input delayed by 4096: max error " + Format(sumError) +
-                    " (bound 1e-4); reduction 0 against it: " + Format(bypassError) + " (bound 1e-5)"};
+    return {ok, Format("cleaned + removed against the input delayed by 4096: max error %.3g (bound 1e-4); reduction 0 "
+                       "against it: %.3g (bound 1e-5)",
+                       sumError, bypassError)};
 }
 
 }  // namespace

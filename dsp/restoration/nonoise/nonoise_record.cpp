@@ -93,16 +93,7 @@ void FreeArrays(NONOISE* p) {
     // zeroed record frees harmlessly, and a record whose channel count was cleared keeps its
     // arrays (the owner must release them another way).
     if (p->channels == 0) return;
-    p->printFlag = false;
-    DeleteRows(p->binRms, p->channels);
-    DeleteRows(p->binMin, p->channels);
-    DeleteRows(p->binMax, p->channels);
-    delete[] p->dcMin;
-    delete[] p->dcMax;
-    delete[] p->thresholdCurve;
-    p->dcMin = nullptr;
-    p->dcMax = nullptr;
-    p->thresholdCurve = nullptr;
+    detail::ReleaseRecordArrays(p);
 }
 
 void CopyNoNoise(const NONOISE* src, NONOISE* dst, bool allocate) {
