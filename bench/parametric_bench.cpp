@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "bench_support.h"
 #include "dsp/parametric.h"
 #include "support/signals.h"
 
@@ -29,15 +30,6 @@ using kesta::test::Channels;
 constexpr double kRate = 44100.0;
 constexpr std::size_t kFrames = 10 * static_cast<std::size_t>(kRate);
 constexpr int kBlock = 512;
-
-void SetRates(benchmark::State& state, std::size_t frames, int channels) {
-    const double iterations = static_cast<double>(state.iterations());
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(frames));
-    state.counters["x_realtime"] =
-        benchmark::Counter(iterations * static_cast<double>(frames) / kRate, benchmark::Counter::kIsRate);
-    state.counters["samples_per_second"] =
-        benchmark::Counter(iterations * static_cast<double>(frames) * channels, benchmark::Counter::kIsRate);
-}
 
 // Every band and both shelves audible (second-order shelves), optionally both cut filters at
 // order 4.
@@ -80,17 +72,9 @@ Channels Tail(int channels) {
 
 // One pass of the whole input through the block path.
 void Stream(Parametric& eq, const Channels& in, Channels& out) {
-    const int channels = static_cast<int>(in.size());
-    float* inPtrs[8];
-    float* outPtrs[8];
-    for (std::size_t pos = 0; pos < kFrames; pos += kBlock) {
-        for (int c = 0; c < channels; ++c) {
-            inPtrs[c] = const_cast<float*>(in[static_cast<std::size_t>(c)].data()) + pos;
-            outPtrs[c] = out[static_cast<std::size_t>(c)].data() + pos;
-        }
-        const int n = static_cast<int>(std::min<std::size_t>(kBlock, kFrames - pos));
-        eq.Process(inPtrs, outPtrs, channels, n);
-    }
+    kesta::bench::StreamBlocks(in, out, kBlock, [&eq](float** i, float** o, int channels, int frames) {
+        eq.Process(i, o, channels, frames);
+    });
 }
 
 // args: cut filters (0/1), state-variable realisation (0/1), input (0 = music, 1 = tail)
@@ -104,7 +88,7 @@ void BM_ParametricStereo(benchmark::State& state) {
         benchmark::DoNotOptimize(out[0].data());
         benchmark::ClobberMemory();
     }
-    SetRates(state, kFrames, 2);
+    kesta::bench::SetRates(state, kFrames, 2, kRate);
 }
 BENCHMARK(BM_ParametricStereo)
     ->ArgNames({"cut", "sv", "tail"})
@@ -130,7 +114,7 @@ void BM_ParametricMono(benchmark::State& state) {
         benchmark::DoNotOptimize(out[0].data());
         benchmark::ClobberMemory();
     }
-    SetRates(state, kFrames, 1);
+    kesta::bench::SetRates(state, kFrames, 1, kRate);
 }
 BENCHMARK(BM_ParametricMono)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -150,7 +134,7 @@ void BM_ParametricStereoOneSample(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(sink);
     }
-    SetRates(state, kFrames, 2);
+    kesta::bench::SetRates(state, kFrames, 2, kRate);
 }
 BENCHMARK(BM_ParametricStereoOneSample)->Unit(benchmark::kMillisecond)->UseRealTime();
 

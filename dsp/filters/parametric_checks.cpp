@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <complex>
-#include <cstdio>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include "dsp/check_measures.h"
 #include "dsp/filters/butterworth.h"
 #include "dsp/parametric.h"
 #include "dsp/self_checks.h"
@@ -20,12 +19,6 @@ namespace {
 
 constexpr double kRate = 44100.0;
 
-std::string Format(const char* fmt, double a, double b) {
-    char text[160];
-    std::snprintf(text, sizeof text, fmt, a, b);
-    return text;
-}
-
 std::vector<float> Sine(std::size_t n, double frequency, double amplitude) {
     std::vector<float> x(n);
     for (std::size_t i = 0; i < n; ++i)
@@ -34,20 +27,8 @@ std::vector<float> Sine(std::size_t n, double frequency, double amplitude) {
     return x;
 }
 
-// Amplitude of the tone of `frequency` in x[from ... end): Hann-windowed projection on
-// e^(-i w n), normalised by the window's sum.
-double ToneAmplitude(const std::vector<float>& x, std::size_t from, double frequency) {
-    const std::size_t n = x.size() - from;
-    const double w = 2.0 * std::numbers::pi * frequency / kRate;
-    std::complex<double> sum = 0.0;
-    double weights = 0.0;
-    for (std::size_t i = 0; i < n; ++i) {
-        const double h =
-            0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / static_cast<double>(n - 1));
-        sum += h * static_cast<double>(x[from + i]) * std::polar(1.0, -w * static_cast<double>(from + i));
-        weights += h;
-    }
-    return 2.0 * std::abs(sum) / weights;
+double ToneAmplitudeFrom(const std::vector<float>& x, std::size_t from, double frequency) {
+    return ToneAmplitude(x.data() + from, x.size() - from, frequency, kRate);
 }
 
 CheckOutcome CutFiltersAreThreeDbDownAtTheCutoff() {
@@ -60,7 +41,7 @@ CheckOutcome CutFiltersAreThreeDbDownAtTheCutoff() {
             filter.SetDesign(butterworth::DesignCutFilter(lowPass, order, cutoff / kRate));
             std::vector<float> x = Sine(20000, cutoff, amplitude);
             filter.ProcessInplace(x.data(), static_cast<int>(x.size()));
-            const double db = 20.0 * std::log10(ToneAmplitude(x, 8000, cutoff) / amplitude);
+            const double db = 20.0 * std::log10(ToneAmplitudeFrom(x, 8000, cutoff) / amplitude);
             worst = std::max(worst, std::fabs(db - expected));
         }
     }
@@ -88,7 +69,7 @@ CheckOutcome DrawnCurveMatchesProcessedSines() {
         Parametric run(eq);
         std::vector<float> x = Sine(30000, f, 0.5);
         run.Process(x.data(), x.data(), static_cast<int>(x.size()));
-        const double measured = 20.0 * std::log10(ToneAmplitude(x, 12000, f) / 0.5);
+        const double measured = 20.0 * std::log10(ToneAmplitudeFrom(x, 12000, f) / 0.5);
         const double drawn = 20.0 * std::log10(static_cast<double>(eq.ComputeFilterResponse(f)));
         worst = std::max(worst, std::fabs(measured - drawn));
     }
