@@ -1,5 +1,5 @@
-// The block reader and writer as later commands use them: any block size delivers every frame once,
-// in order, and reads back exactly what was written; containers with a size limit refuse up front.
+// The block reader and writer: any block size delivers every frame once, in order, also after a
+// rewind; containers with a size limit refuse long audio up front.
 
 #include <sndfile.h>
 
@@ -21,26 +21,19 @@ TEST_F(BlockIoTest, AwkwardBlockSizesCoverTheFileExactlyAndRewind) {
     ASSERT_EQ(reader.HeaderFrames(), std::optional<int64_t>(48000));
     ASSERT_TRUE(reader.Seekable());
 
-    // Read twice (the second time after a rewind), in blocks of 997 frames, copying to a new file.
     kesta::AudioBlock block = reader.MakeBlock(997);
     for (int pass = 0; pass < 2; ++pass) {
         SCOPED_TRACE("pass " + std::to_string(pass));
         if (pass == 1) reader.Rewind();
         kesta::SafeOutput output(P("copy.wav"), {{P("in.wav"), reader.Identity()}}, true);
         kesta::BlockWriter writer(output.Descriptor(), P("copy.wav"), reader.Format());
-        std::size_t blocks = 0, lastFrames = 0;
-        while (reader.Read(block)) {
-            ++blocks;
-            lastFrames = block.Frames();
+        std::size_t blocks = 0;
+        for (; reader.Read(block); ++blocks)
             writer.Write(block);
-        }
-        EXPECT_EQ(block.Frames(), 0u);
         EXPECT_FALSE(reader.Read(block));  // stays at the end
         writer.Finish();
         output.Commit();
-
         EXPECT_EQ(blocks, 49u);  // 48 full blocks of 997 and one of 144
-        EXPECT_EQ(lastFrames, 48000u - 48u * 997u);
         EXPECT_EQ(reader.FramesRead(), 48000);
         const Audio copy = ReadAudio(dir / "copy.wav");
         EXPECT_EQ(copy.format, audio.format);

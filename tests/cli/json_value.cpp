@@ -1,15 +1,15 @@
-#include "json_value.h"
-
+#include <algorithm>
 #include <cctype>
-#include <cstdlib>
+#include <regex>
 #include <stdexcept>
+
+#include "cli_test.h"
 
 namespace kesta_test {
 
 const JsonValue& JsonValue::operator[](const std::string& key) const {
-    if (type != Type::Object) throw std::runtime_error("not an object, looking for '" + key + "'");
     const auto it = object.find(key);
-    if (it == object.end()) throw std::runtime_error("no key '" + key + "'");
+    if (type != Type::Object || it == object.end()) throw std::runtime_error("no key '" + key + "'");
     return it->second;
 }
 
@@ -20,163 +20,112 @@ const JsonValue& JsonValue::operator[](std::size_t index) const {
 
 namespace {
 
-class Parser {
-public:
-    explicit Parser(const std::string& text) : mText(text) {}
+struct Parser {
+    const std::string& s;
+    std::size_t i = 0;
 
-    JsonValue Document() {
-        JsonValue value = Value();
-        Space();
-        if (mPos != mText.size()) Fail("text after the document");
-        return value;
-    }
-
-private:
     [[noreturn]] void Fail(const std::string& what) const {
-        throw std::runtime_error("invalid JSON at offset " + std::to_string(mPos) + ": " + what);
+        throw std::runtime_error("invalid JSON at offset " + std::to_string(i) + ": " + what);
     }
-    void Space() {
-        while (mPos < mText.size() && (mText[mPos] == ' ' || mText[mPos] == '\n' || mText[mPos] == '\t' || mText[mPos] == '\r'))
-            ++mPos;
+    char Peek() {
+        while (i < s.size() && (s[i] == ' ' || s[i] == '\n' || s[i] == '\t' || s[i] == '\r'))
+            ++i;
+        return i < s.size() ? s[i] : '\0';
     }
-    bool Take(char c) {
-        Space();
-        if (mPos < mText.size() && mText[mPos] == c) return ++mPos, true;
-        return false;
-    }
+    bool Take(char c) { return Peek() == c && (++i, true); }
     void Expect(char c) {
         if (!Take(c)) Fail(std::string("expected '") + c + "'");
     }
-    bool Word(const char* word) {
-        const std::string w = word;
-        if (mText.compare(mPos, w.size(), w) != 0) return false;
-        mPos += w.size();
-        return true;
-    }
+    bool Word(const std::string& w) { return s.compare(i, w.size(), w) == 0 && (i += w.size(), true); }
 
     JsonValue Value() {
-        Space();
-        if (mPos >= mText.size()) Fail("unexpected end");
-        JsonValue value;
-        const char c = mText[mPos];
-        if (c == '{') {
-            value.type = JsonValue::Type::Object;
-            ++mPos;
-            if (Take('}')) return value;
+        using T = JsonValue::Type;
+        JsonValue v;
+        const char c = Peek();
+        if (Take('{')) {
+            v.type = T::Object;
+            if (Take('}')) return v;
             do {
-                Space();
+                if (Peek() != '"') Fail("expected a key");
                 const std::string key = String();
                 Expect(':');
-                value.object[key] = Value();
+                v.object[key] = Value();
             } while (Take(','));
             Expect('}');
-        } else if (c == '[') {
-            value.type = JsonValue::Type::Array;
-            ++mPos;
-            if (Take(']')) return value;
-            do value.array.push_back(Value());
+        } else if (Take('[')) {
+            v.type = T::Array;
+            if (Take(']')) return v;
+            do
+                v.array.push_back(Value());
             while (Take(','));
             Expect(']');
         } else if (c == '"') {
-            value.type = JsonValue::Type::String;
-            value.string = String();
+            v.type = T::String;
+            v.string = String();
         } else if (Word("true")) {
-            value.type = JsonValue::Type::Bool;
-            value.boolean = true;
+            v.type = T::Bool;
+            v.boolean = true;
         } else if (Word("false")) {
-            value.type = JsonValue::Type::Bool;
-        } else if (Word("null")) {
-            value.type = JsonValue::Type::Null;
-        } else {
-            value.type = JsonValue::Type::Number;
-            value.number = Number();
+            v.type = T::Bool;
+        } else if (!Word("null")) {
+            static const std::regex number(R"(-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?)");
+            std::smatch m;
+            if (!std::regex_search(s.begin() + long(i), s.end(), m, number, std::regex_constants::match_continuous))
+                Fail("expected a value");
+            v.type = T::Number;
+            v.number = std::stod(m.str());
+            i += std::size_t(m.length());
         }
-        return value;
-    }
-
-    double Number() {
-        const std::size_t start = mPos;
-        if (mText[mPos] == '-') ++mPos;
-        const auto digits = [&] {
-            const std::size_t from = mPos;
-            while (mPos < mText.size() && std::isdigit(static_cast<unsigned char>(mText[mPos]))) ++mPos;
-            return mPos - from;
-        };
-        if (digits() == 0) Fail("expected a value");
-        if (mPos < mText.size() && mText[mPos] == '.') {
-            ++mPos;
-            if (digits() == 0) Fail("digits expected after '.'");
-        }
-        if (mPos < mText.size() && (mText[mPos] == 'e' || mText[mPos] == 'E')) {
-            ++mPos;
-            if (mPos < mText.size() && (mText[mPos] == '+' || mText[mPos] == '-')) ++mPos;
-            if (digits() == 0) Fail("digits expected in exponent");
-        }
-        return std::strtod(mText.substr(start, mPos - start).c_str(), nullptr);
+        return v;
     }
 
     std::string String() {
-        if (mPos >= mText.size() || mText[mPos] != '"') Fail("expected a string");
-        ++mPos;
+        ++i;  // the opening quote
         std::string out;
-        while (true) {
-            if (mPos >= mText.size()) Fail("unterminated string");
-            const unsigned char c = static_cast<unsigned char>(mText[mPos++]);
+        for (;;) {
+            if (i >= s.size()) Fail("unterminated string");
+            const auto c = static_cast<unsigned char>(s[i++]);
             if (c == '"') return out;
-            if (c < 0x20) Fail("control character in string");
-            if (c == '\\') {
-                if (mPos >= mText.size()) Fail("unterminated escape");
-                const char e = mText[mPos++];
-                switch (e) {
-                    case '"': out += '"'; break;
-                    case '\\': out += '\\'; break;
-                    case '/': out += '/'; break;
-                    case 'b': out += '\b'; break;
-                    case 'f': out += '\f'; break;
-                    case 'n': out += '\n'; break;
-                    case 'r': out += '\r'; break;
-                    case 't': out += '\t'; break;
-                    case 'u': {
-                        if (mPos + 4 > mText.size()) Fail("short \\u escape");
-                        const unsigned long code = std::strtoul(mText.substr(mPos, 4).c_str(), nullptr, 16);
-                        mPos += 4;
-                        AppendUtf8(out, code);
-                        break;
-                    }
-                    default: Fail("unknown escape");
-                }
-            } else if (c >= 0x80) {
-                const std::size_t length = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
-                if (length == 0 || mPos - 1 + length > mText.size()) Fail("invalid UTF-8");
-                for (std::size_t k = 1; k < length; ++k)
-                    if ((static_cast<unsigned char>(mText[mPos - 1 + k]) & 0xC0) != 0x80) Fail("invalid UTF-8");
-                out.append(mText, mPos - 1, length);
-                mPos += length - 1;
-            } else {
+            if (c < 0x20) Fail("control character in a string");
+            if (c >= 0x80) {  // a whole UTF-8 sequence
+                const std::size_t more = c >= 0xF5 ? 9 : c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC2 ? 1 : 9;
+                if (more == 9 || i + more > s.size()) Fail("invalid UTF-8");
                 out += char(c);
+                for (std::size_t k = 0; k < more; ++k, ++i) {
+                    if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) Fail("invalid UTF-8");
+                    out += s[i];
+                }
+            } else if (c != '\\') {
+                out += char(c);
+            } else if (const auto k = std::string("\"\\/bfnrt").find(i < s.size() ? s[i] : 'x');
+                       k != std::string::npos) {
+                out += "\"\\/\b\f\n\r\t"[k];
+                ++i;
+            } else if (s.compare(i, 1, "u") == 0 && i + 5 <= s.size() &&
+                       std::all_of(s.begin() + long(i) + 1, s.begin() + long(i) + 5, ::isxdigit)) {
+                const unsigned long code = std::stoul(s.substr(i + 1, 4), nullptr, 16);
+                i += 5;
+                if (code < 0x80)
+                    out += char(code);
+                else if (code < 0x800)
+                    out += {char(0xC0 | code >> 6), char(0x80 | (code & 0x3F))};
+                else
+                    out += {char(0xE0 | code >> 12), char(0x80 | (code >> 6 & 0x3F)), char(0x80 | (code & 0x3F))};
+            } else {
+                Fail("unknown escape");
             }
         }
     }
-
-    static void AppendUtf8(std::string& out, unsigned long code) {
-        if (code < 0x80) {
-            out += char(code);
-        } else if (code < 0x800) {
-            out += char(0xC0 | (code >> 6));
-            out += char(0x80 | (code & 0x3F));
-        } else {
-            out += char(0xE0 | (code >> 12));
-            out += char(0x80 | ((code >> 6) & 0x3F));
-            out += char(0x80 | (code & 0x3F));
-        }
-    }
-
-    const std::string& mText;
-    std::size_t mPos = 0;
 };
 
 }  // namespace
 
-JsonValue ParseJson(const std::string& text) { return Parser(text).Document(); }
+JsonValue ParseJson(const std::string& text) {
+    Parser parser{text};
+    JsonValue value = parser.Value();
+    parser.Peek();
+    if (parser.i != text.size()) parser.Fail("text after the document");
+    return value;
+}
 
 }  // namespace kesta_test

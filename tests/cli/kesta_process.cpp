@@ -1,5 +1,3 @@
-#include "kesta_process.h"
-
 #include <fcntl.h>
 #include <pty.h>
 #include <sys/resource.h>
@@ -9,11 +7,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "cli_test.h"
 
 namespace kesta_test {
 
@@ -32,7 +31,8 @@ std::string ReadAll(int fd) {
     ::lseek(fd, 0, SEEK_SET);
     char buffer[4096];
     ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0) text.append(buffer, std::size_t(n));
+    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0)
+        text.append(buffer, std::size_t(n));
     ::close(fd);
     return text;
 }
@@ -42,7 +42,8 @@ pid_t Spawn(const std::vector<std::string>& args, const std::filesystem::path& c
     std::vector<std::string> argv = {KESTA_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> raw;
-    for (std::string& arg : argv) raw.push_back(arg.data());
+    for (std::string& arg : argv)
+        raw.push_back(arg.data());
     raw.push_back(nullptr);
 
     const pid_t pid = ::fork();
@@ -78,10 +79,11 @@ RunResult Wait(pid_t pid, int out, int err) {
 
 }  // namespace
 
-std::vector<std::string> RunResult::ErrLines() const {
+std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
-    std::istringstream in(err);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
     return lines;
 }
 
@@ -99,7 +101,6 @@ std::optional<RunResult> RunKestaOnTerminal(const std::vector<std::string>& args
     std::string terminal;
     char buffer[4096];
     ssize_t n;
-    // Until the last writer closes the terminal (Linux then reports EIO).
     while ((n = ::read(master, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))
         if (n > 0) terminal.append(buffer, std::size_t(n));
     ::close(master);
@@ -139,7 +140,8 @@ TempDir::~TempDir() {
 
 std::vector<std::string> TempDir::Names() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(mPath)) names.push_back(entry.path().filename().string());
+    for (const auto& entry : std::filesystem::directory_iterator(mPath))
+        names.push_back(entry.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
 }

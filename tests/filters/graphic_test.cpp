@@ -1,18 +1,16 @@
-// Graphic equaliser: parameters and their limits, the settings chunk, the designed response
-// (measured on processed sines), the single-band update against a full redesign, and streaming
-// (latency, block partitions, channels, copies, allocation).
+// Graphic equaliser: parameter limits, the settings chunk, the response measured on processed
+// sines, the single-band update against a full redesign, and streaming (latency, block
+// partitions, channels, copies, allocation).
 
 #include "dsp/graphic.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <new>
-#include <numbers>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "support/allocation_counter.h"
@@ -25,11 +23,6 @@ using dsp::Graphic;
 using namespace kesta::test;
 
 constexpr double kRate = 44100.0;
-
-// Layout index (parameter 34) -> band ratio r, from the band spacing: octave, half, third.
-double Ratio(int layout) {
-    return std::pow(2.0, 1.0 / (layout + 1));
-}
 
 BlockFunction Feed(Graphic& eq, int channels) {
     return [&eq, channels](float** in, float** out, int frames) { eq.Process(in, out, channels, frames); };
@@ -47,122 +40,13 @@ void ExpectSameImpulse(const Graphic& a, const Graphic& b, double tolerance) {
     EXPECT_LE(worst, tolerance);
 }
 
-// Gain in dB of `eq` at `frequency`, measured on a processed sine once the impulse is full.
+// Gain in dB at `frequency`, measured on a processed sine once the impulse is full.
 double MeasuredGainDb(Graphic& eq, double frequency, double rate = kRate) {
     const double amplitude = 0.25;
-    const std::size_t settle = static_cast<std::size_t>(eq.GetLatency() + eq.GetParameter(Graphic::kAccuracy) * 2);
-    const std::size_t measured = 32768;
-    const Channels out = Stream(eq, {Sine(settle + measured, frequency, rate, amplitude)}, 8192);
+    const auto settle = static_cast<std::size_t>(eq.GetLatency() + eq.GetParameter(Graphic::kAccuracy) * 2);
+    const Channels out = Stream(eq, {Sine(settle + 32768, frequency, rate, amplitude)}, 8192);
     return ToDb(LevelAt(std::span<const float>(out[0]).subspan(settle), frequency, rate) / amplitude);
 }
-
-// ---- Parameters ---------------------------------------------------------------------------------
-
-TEST(GraphicParameters, DefaultsAndBoundsFollowTheTable) {
-    Graphic eq;
-    struct Row {
-        int index;
-        float value, min, max;
-    };
-    for (const Row& row :
-         {Row{0, 1000, 10, 8192}, Row{1, 0, -64, 64}, Row{2, 48, 1.5f, 120}, Row{34, 0, -0.5f, 2.49f}}) {
-        float lo = 0, hi = 0;
-        eq.GetBounds(row.index, lo, hi);
-        EXPECT_EQ(eq.GetParameter(row.index), row.value) << row.index;
-        EXPECT_EQ(lo, row.min) << row.index;
-        EXPECT_EQ(hi, row.max) << row.index;
-    }
-    for (int k = 0; k < 30; ++k) {
-        float lo = 0, hi = 0;
-        eq.GetBounds(4 + k, lo, hi);
-        EXPECT_EQ(eq.GetParameter(4 + k), 0.0f);
-        EXPECT_EQ(lo, -70.0f);
-        EXPECT_EQ(hi, 70.0f);
-    }
-    // Outside the table: ignored.
-    float lo = 123, hi = 456;
-    eq.GetBounds(35, lo, hi);
-    eq.GetBounds(-1, lo, hi);
-    EXPECT_EQ(lo, 123);
-    EXPECT_EQ(hi, 456);
-    eq.SetParameter(35, 5.0f);
-    eq.SetParameter(-1, 5.0f);
-    EXPECT_EQ(eq.GetParameter(35), 0.0f);
-    EXPECT_EQ(eq.GetBandCount(), 10);
-}
-
-TEST(GraphicParameters, OutOfRangeValueBecomesTheMidpointNotTheNearestEnd) {
-    Graphic eq;
-    eq.SetParameter(4, 7.0f);
-    eq.SetParameter(4, 100.0f);  // [-70, 70] -> 0
-    EXPECT_EQ(eq.GetParameter(4), 0.0f);
-    eq.SetParameter(1, -65.0f);  // [-64, 64] -> 0
-    EXPECT_EQ(eq.GetParameter(1), 0.0f);
-    eq.SetParameter(0, 5.0f);  // [10, 8192] -> 4101
-    EXPECT_EQ(eq.GetParameter(0), 4101.0f);
-    eq.SetParameter(34, 7.0f);  // [-0.5, 2.49] -> 0.995 -> the 20-band layout
-    EXPECT_EQ(eq.GetParameter(34), 1.0f);
-    EXPECT_EQ(eq.GetBandCount(), 20);
-    eq.SetParameter(5, std::nanf(""));
-    EXPECT_EQ(eq.GetParameter(5), 0.0f);
-}
-
-TEST(GraphicParameters, BandGainsStayInsideHalfTheRange) {
-    Graphic eq;
-    eq.SetParameter(4, 30.0f);
-    EXPECT_EQ(eq.GetParameter(4), 23.99f);
-    eq.SetParameter(5, -24.0f);
-    EXPECT_EQ(eq.GetParameter(5), -23.99f);
-    eq.SetParameter(6, 23.5f);
-    EXPECT_EQ(eq.GetParameter(6), 23.5f);
-    eq.SetParameter(19, 30.0f);  // band 16: outside the 10-band layout
-
-    // Narrowing the range pulls the current layout's bands inside it, and nothing else.
-    eq.SetParameter(2, 20.04f);  // rounded to one decimal: 20.0
-    EXPECT_EQ(eq.GetParameter(2), 20.0f);
-    EXPECT_EQ(eq.GetParameter(4), 9.99f);
-    EXPECT_EQ(eq.GetParameter(5), -9.99f);
-    EXPECT_EQ(eq.GetParameter(6), 9.99f);
-    EXPECT_EQ(eq.GetParameter(19), 23.99f);
-    eq.SetParameter(2, 30.26f);
-    EXPECT_EQ(eq.GetParameter(2), 30.3f);
-
-    // A change of at most 1e-7 dB is not a change.
-    eq.SetParameter(7, 0.001f);
-    eq.SetParameter(7, 0.001f + 5e-8f);
-    EXPECT_EQ(eq.GetParameter(7), 0.001f);
-}
-
-TEST(GraphicParameters, ResetCommandZeroesEveryBandAndIsNotStored) {
-    Graphic eq;
-    for (int k = 0; k < 30; ++k)
-        eq.SetParameter(4 + k, static_cast<float>(k % 7) - 3.0f);
-    eq.SetParameter(1, 5.0f);
-    eq.SetParameter(3, 1.0f);
-    for (int k = 0; k < 30; ++k)
-        EXPECT_EQ(eq.GetParameter(4 + k), 0.0f);
-    EXPECT_EQ(eq.GetParameter(3), 0.0f);
-    EXPECT_EQ(eq.GetParameter(1), 5.0f);
-}
-
-TEST(GraphicParameters, LayoutSelectsBandCountAndCentres) {
-    struct Case {
-        float value;
-        int bands;
-    };
-    for (const Case& c :
-         {Case{-0.4f, 10}, Case{0.49f, 10}, Case{0.5f, 20}, Case{1.49f, 20}, Case{1.5f, 30}, Case{2.49f, 30}}) {
-        Graphic eq;
-        eq.SetParameter(34, c.value);
-        ASSERT_EQ(eq.GetBandCount(), c.bands) << c.value;
-        const int layout = c.bands / 10 - 1;
-        for (int k = 0; k < c.bands; ++k)
-            EXPECT_NEAR(eq.GetBandFrequency(k), 31.25 * std::pow(2.0, static_cast<double>(k) / (layout + 1)), 1e-9);
-        EXPECT_EQ(eq.GetBandFrequency(c.bands), 0.0);
-    }
-}
-
-// ---- Chunk --------------------------------------------------------------------------------------
 
 void RandomSettings(Graphic& eq, uint64_t seed) {
     Random random(seed);
@@ -174,48 +58,102 @@ void RandomSettings(Graphic& eq, uint64_t seed) {
         eq.SetParameter(4 + k, static_cast<float>(random.Uniform() * 28.0 - 14.0));
 }
 
-TEST(GraphicChunk, IsTheParametersAsFloatsInIndexOrder) {
+// ---- Parameters ---------------------------------------------------------------------------------
+
+// An out-of-range value becomes the midpoint of the range, not the nearest end; indices outside
+// the table are ignored.
+TEST(GraphicParameters, OutOfRangeValueBecomesTheMidpointAndOutsideIndicesAreIgnored) {
+    struct Row {
+        int index;
+        float value, stored;
+    };
     Graphic eq;
-    RandomSettings(eq, 1);
-    void* data = nullptr;
-    ASSERT_EQ(eq.GetChunk(&data, true), 140);
-    ASSERT_NE(data, nullptr);
-    float values[35];
-    std::memcpy(values, data, sizeof values);
-    for (int i = 0; i < 35; ++i)
-        EXPECT_EQ(values[i], eq.GetParameter(i)) << i;
-    EXPECT_EQ(eq.GetChunk(nullptr, false), 140);
+    for (const Row& row : {Row{4, 100.0f, 0.0f}, Row{1, -65.0f, 0.0f}, Row{0, 5.0f, 4101.0f}, Row{34, 7.0f, 1.0f},
+                           Row{5, std::nanf(""), 0.0f}}) {
+        eq.SetParameter(row.index, 7.0f);
+        eq.SetParameter(row.index, row.value);
+        EXPECT_EQ(eq.GetParameter(row.index), row.stored) << row.index;
+    }
+    EXPECT_EQ(eq.GetBandCount(), 20);
+    float lo = 123, hi = 456;
+    eq.GetBounds(35, lo, hi);
+    eq.GetBounds(-1, lo, hi);
+    EXPECT_TRUE(lo == 123 && hi == 456);
+    eq.SetParameter(35, 5.0f);
+    eq.SetParameter(-1, 5.0f);
+    EXPECT_EQ(eq.GetParameter(35), 0.0f);
 }
+
+// Band gains stay inside half the range; narrowing the range pulls the current layout's bands in
+// (and nothing else); a change of at most 1e-7 dB is no change; the reset command zeroes every band
+// and is not stored.
+TEST(GraphicParameters, BandGainsStayInsideHalfTheRangeAndResetZeroesThem) {
+    Graphic eq;
+    eq.SetParameter(4, 30.0f);
+    eq.SetParameter(5, -24.0f);
+    eq.SetParameter(6, 23.5f);
+    eq.SetParameter(19, 30.0f);  // band 16: outside the 10-band layout
+    EXPECT_EQ(eq.GetParameter(4), 23.99f);
+    EXPECT_EQ(eq.GetParameter(5), -23.99f);
+    EXPECT_EQ(eq.GetParameter(6), 23.5f);
+    eq.SetParameter(2, 20.04f);  // rounded to one decimal
+    EXPECT_EQ(eq.GetParameter(2), 20.0f);
+    EXPECT_EQ(eq.GetParameter(4), 9.99f);
+    EXPECT_EQ(eq.GetParameter(5), -9.99f);
+    EXPECT_EQ(eq.GetParameter(6), 9.99f);
+    EXPECT_EQ(eq.GetParameter(19), 23.99f);
+    eq.SetParameter(7, 0.001f);
+    eq.SetParameter(7, 0.001f + 5e-8f);
+    EXPECT_EQ(eq.GetParameter(7), 0.001f);
+
+    eq.SetParameter(1, 5.0f);
+    eq.SetParameter(3, 1.0f);
+    for (int k = 0; k < 30; ++k)
+        EXPECT_EQ(eq.GetParameter(4 + k), 0.0f) << k;
+    EXPECT_EQ(eq.GetParameter(3), 0.0f);
+    EXPECT_EQ(eq.GetParameter(1), 5.0f);
+}
+
+TEST(GraphicParameters, LayoutSelectsBandCountAndCentres) {
+    for (const auto& [value, bands] : {std::pair{-0.4f, 10}, std::pair{0.49f, 10}, std::pair{0.5f, 20},
+                                       std::pair{1.49f, 20}, std::pair{1.5f, 30}, std::pair{2.49f, 30}}) {
+        Graphic eq;
+        eq.SetParameter(34, value);
+        ASSERT_EQ(eq.GetBandCount(), bands) << value;
+        for (int k = 0; k < bands; ++k)
+            EXPECT_NEAR(eq.GetBandFrequency(k), 31.25 * std::pow(2.0, k / (bands / 10.0)), 1e-9);
+        EXPECT_EQ(eq.GetBandFrequency(bands), 0.0);
+    }
+}
+
+// ---- Chunk --------------------------------------------------------------------------------------
 
 TEST(GraphicChunk, RoundTripRestoresEveryParameterAndTheSameOutput) {
     Graphic a;
     RandomSettings(a, 2);
     void* data = nullptr;
-    a.GetChunk(&data, true);
-    std::vector<unsigned char> saved(static_cast<unsigned char*>(data), static_cast<unsigned char*>(data) + 140);
+    ASSERT_EQ(a.GetChunk(&data, true), 140);
+    float values[35];  // the parameters as floats in index order
+    std::memcpy(values, data, sizeof values);
+    for (int i = 0; i < 35; ++i)
+        EXPECT_EQ(values[i], a.GetParameter(i)) << i;
 
     Graphic b;
     b.SetParameter(7, 4.0f);
-    ASSERT_EQ(b.SetChunk(saved.data(), 140, true), 140);
+    ASSERT_EQ(b.SetChunk(data, 140, true), 140);
     for (int i = 0; i < 35; ++i)
         EXPECT_EQ(b.GetParameter(i), a.GetParameter(i)) << i;
     EXPECT_EQ(b.GetBandCount(), 30);
-    EXPECT_EQ(b.GetLatency(), a.GetLatency());
-
     const Channels input = NoiseChannels(2, 20000, 3, 0.5);
     EXPECT_EQ(Stream(b, input), Stream(a, input));
 }
 
+// A short chunk sets only the parameters it holds; bytes past 140 are not taken.
 TEST(GraphicChunk, ShortChunkCopiesOnlyItsBytesAndLongChunkIsTruncated) {
-    EXPECT_EQ(Graphic().SetChunk(nullptr, 500, true), 140);
-    EXPECT_EQ(Graphic().SetChunk(nullptr, 20, true), 20);
-
     Graphic source;
-    source.SetParameter(0, 600.0f);
-    source.SetParameter(1, -2.0f);
-    source.SetParameter(2, 40.0f);
-    source.SetParameter(4, -3.0f);
-    source.SetParameter(5, -5.0f);
+    for (const auto& [index, value] :
+         {std::pair{0, 600.0f}, std::pair{1, -2.0f}, std::pair{2, 40.0f}, std::pair{4, -3.0f}, std::pair{5, -5.0f}})
+        source.SetParameter(index, value);
     void* data = nullptr;
     source.GetChunk(&data, false);
 
@@ -224,35 +162,21 @@ TEST(GraphicChunk, ShortChunkCopiesOnlyItsBytesAndLongChunkIsTruncated) {
     for (int k = 0; k < 30; ++k)
         target.SetParameter(4 + k, 6.0f);
     ASSERT_EQ(target.SetChunk(data, 20, false), 20);  // parameters 0 ... 4
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(target.GetParameter(i), source.GetParameter(i)) << i;
-    for (int k = 1; k < 30; ++k)
-        EXPECT_EQ(target.GetParameter(4 + k), 6.0f) << k;
-    EXPECT_EQ(target.GetBandCount(), 20);
+    for (int i = 0; i < 35; ++i)
+        EXPECT_EQ(target.GetParameter(i), i < 5 ? source.GetParameter(i) : i < 34 ? 6.0f : 1.0f) << i;
     EXPECT_EQ(target.GetLatency(), source.GetLatency());  // the accuracy came with the chunk
 
-    // Bytes past 140 are not taken.
     std::vector<float> longChunk(125, 9.0f);
     std::memcpy(longChunk.data(), data, 140);
     ASSERT_EQ(target.SetChunk(longChunk.data(), 500, false), 140);
     for (int i = 0; i < 35; ++i)
         EXPECT_EQ(target.GetParameter(i), source.GetParameter(i)) << i;
-    EXPECT_EQ(target.GetBandCount(), 10);
 }
 
 // ---- Response -----------------------------------------------------------------------------------
 
-TEST(GraphicResponse, DefaultImpulseHas2000TapsAndAn8192PointTransform) {
-    Graphic eq;
-    eq.UpdateImpulses();
-    EXPECT_EQ(eq.GetImpulseLength(), 2000);
-    EXPECT_EQ(eq.GetFFTSize(), 8192);
-    EXPECT_EQ(eq.GetBlockLength(), 8192 - 2000 + 2);
-}
-
-// Design accuracy that resolves band k: the Blackman-Harris main lobe of the 2N - 1 taps is
-// +-4 rate / (2N) Hz; keep it within half the distance fk ln r on the log axis to the neighbours'
-// centres. That is N = 1000 from about 500 Hz (octaves) and N up to 8192 for a third-octave 125 Hz.
+// Design accuracy that resolves band k: the window's main lobe (+-4 rate / 2N Hz) within half the
+// log-axis distance fk ln r to the neighbours' centres.
 int AccuracyFor(double centre, double ratio, double rate) {
     const double n = 4.0 * rate / (centre * std::log(ratio));
     return std::clamp(static_cast<int>(std::ceil(n)), 1000, 8192);
@@ -261,9 +185,8 @@ int AccuracyFor(double centre, double ratio, double rate) {
 class GraphicLayout : public ::testing::TestWithParam<int> {};
 
 TEST_P(GraphicLayout, BoostedBandReachesItsGainAtItsCentre) {
-    const int layout = GetParam();
-    const int bands = 10 * (layout + 1);
-    const double ratio = Ratio(layout);
+    const int layout = GetParam(), bands = 10 * (layout + 1);
+    const double ratio = std::pow(2.0, 1.0 / (layout + 1));
     for (int k = 0; k < bands; ++k) {
         const double centre = 31.25 * std::pow(ratio, k);
         if (centre < 125.0 || centre >= kRate / 2) continue;
@@ -274,7 +197,6 @@ TEST_P(GraphicLayout, BoostedBandReachesItsGainAtItsCentre) {
         eq.SetParameter(4 + k, 12.0f);
         const double gain = MeasuredGainDb(eq, centre);
         EXPECT_NEAR(gain, 12.0, 0.5) << bands << " bands, band " << k << " at " << centre << " Hz";
-        // The response the host reads is the one the audio gets.
         EXPECT_NEAR(eq.ComputeFilterResponse(static_cast<float>(centre)), gain, 0.02) << centre;
     }
 }
@@ -282,10 +204,9 @@ TEST_P(GraphicLayout, BoostedBandReachesItsGainAtItsCentre) {
 INSTANTIATE_TEST_SUITE_P(Layouts, GraphicLayout, ::testing::Values(0, 1, 2),
                          [](const auto& info) { return std::to_string(10 * (info.param + 1)) + "Bands"; });
 
+// Third octaves at 48 kHz: a -12 dB band leaves the centres two bands away untouched.
 TEST(GraphicResponse, CutBandsStayLocalAtAnotherSampleRate) {
-    // Third octaves at 48 kHz: -12 dB on two bands; the centres two bands away are untouched
-    // (each band's share ends at its neighbours' centres).
-    const double rate = 48000.0, ratio = Ratio(2);
+    const double rate = 48000.0, ratio = std::pow(2.0, 1.0 / 3.0);
     for (int band : {14, 22}) {
         Graphic eq;
         eq.SetChannels(1);
@@ -295,15 +216,15 @@ TEST(GraphicResponse, CutBandsStayLocalAtAnotherSampleRate) {
         eq.SetParameter(4 + band, -12.0f);
         const double centre = 31.25 * std::pow(ratio, band);
         EXPECT_NEAR(MeasuredGainDb(eq, centre, rate), -12.0, 0.5) << centre;
-        eq.Resume();
-        EXPECT_NEAR(MeasuredGainDb(eq, centre * ratio * ratio, rate), 0.0, 0.1);
-        eq.Resume();
-        EXPECT_NEAR(MeasuredGainDb(eq, centre / ratio / ratio, rate), 0.0, 0.1);
+        for (double away : {ratio * ratio, 1 / (ratio * ratio)}) {
+            eq.Resume();
+            EXPECT_NEAR(MeasuredGainDb(eq, centre * away, rate), 0.0, 0.1) << centre * away;
+        }
     }
 }
 
+// Everything below the first centre belongs to band 1, so it acts as a low shelf.
 TEST(GraphicResponse, FirstBandReachesDownToDc) {
-    // Everything below the first centre belongs to band 1, so it acts as a low shelf.
     Graphic eq;
     eq.SetChannels(1);
     eq.SetParameter(0, 8192.0f);
@@ -326,27 +247,27 @@ TEST(GraphicResponse, ImpulseIsSymmetricSoThePhaseIsLinear) {
     }
 }
 
+// The master gain needs no redesign: output from the next call on carries it.
 TEST(GraphicResponse, MasterGainScalesTheOutputFromTheNextCall) {
     Graphic eq;
     eq.SetChannels(1);
     const int latency = eq.GetLatency();
     const Signal x = WhiteNoise(static_cast<std::size_t>(latency) * 3, 4, 0.5);
     Signal y(x.size());
-    float* in = const_cast<float*>(x.data());
-    float* out = y.data();
-    eq.Process(&in, &out, 1, latency);
-    eq.SetParameter(1, -6.0f);  // no change flag: picked up by the next call
-    float* in2 = in + latency;
-    float* out2 = out + latency;
-    eq.Process(&in2, &out2, 1, latency * 2);
+    float* in[2] = {const_cast<float*>(x.data()), const_cast<float*>(x.data()) + latency};
+    float* out[2] = {y.data(), y.data() + latency};
+    eq.Process(&in[0], &out[0], 1, latency);
+    eq.SetParameter(1, -6.0f);
+    eq.Process(&in[1], &out[1], 1, latency * 2);
     const double gain = std::pow(10.0, -6.0 / 20.0);
-    // Output from the block after the change on carries the gain.
     for (std::size_t i = 2 * static_cast<std::size_t>(latency); i < y.size(); ++i)
         ASSERT_NEAR(y[i], gain * x[i - latency], 1e-6) << i;
 }
 
 // ---- Single-band update -------------------------------------------------------------------------
 
+// Random single-band changes (every fifth back to 0 dB, which a redesign leaves out) give the
+// impulse of a full redesign; a band outside the layout leaves the impulse alone.
 TEST(GraphicUpdate, SingleBandUpdateEqualsAFullRedesign) {
     for (int layout = 0; layout < 3; ++layout) {
         const int bands = 10 * (layout + 1);
@@ -357,12 +278,10 @@ TEST(GraphicUpdate, SingleBandUpdateEqualsAFullRedesign) {
             incremental.SetParameter(4 + k, static_cast<float>(random.Uniform() * 40.0 - 20.0));
         incremental.UpdateImpulses();
         for (int step = 0; step < 25; ++step) {
-            const int band = random.UniformInt(0, bands - 1);
-            // Every fifth step takes a band back to 0 dB, which a redesign leaves out altogether.
+            const int band = step == 23 ? bands : random.UniformInt(0, bands - 1);
             const double gain = step % 5 == 4 ? 0.0 : random.Uniform() * 40.0 - 20.0;
-            incremental.SetParameter(4 + band, static_cast<float>(gain));
+            if (band < 30) incremental.SetParameter(4 + band, static_cast<float>(gain));
             incremental.UpdateImpulses();
-
             Graphic full;
             for (int i : {2, 34})
                 full.SetParameter(i, incremental.GetParameter(i));
@@ -372,17 +291,6 @@ TEST(GraphicUpdate, SingleBandUpdateEqualsAFullRedesign) {
             ExpectSameImpulse(incremental, full, 1e-9);
         }
     }
-}
-
-TEST(GraphicUpdate, BandOutsideTheLayoutLeavesTheImpulseAlone) {
-    Graphic eq, reference;
-    eq.SetParameter(5, 3.0f);
-    reference.SetParameter(5, 3.0f);
-    eq.UpdateImpulses();
-    reference.UpdateImpulses();
-    eq.SetParameter(4 + 25, 10.0f);
-    eq.UpdateImpulses();
-    ExpectSameImpulse(eq, reference, 0.0);
 }
 
 TEST(GraphicUpdate, NarrowerRangeRedesignsWithTheLimitedGains) {
@@ -422,19 +330,19 @@ TEST(GraphicStreaming, AccuracyChangeStartsAStreamWithTheNewLatency) {
     eq.SetChannels(1);
     const Signal x = WhiteNoise(40000, 6, 0.5);
     Signal y(x.size());
-    float* in = const_cast<float*>(x.data());
-    float* out = y.data();
     const int first = 5000;
-    eq.Process(&in, &out, 1, first);
+    float* in[2] = {const_cast<float*>(x.data()), const_cast<float*>(x.data()) + first};
+    float* out[2] = {y.data(), y.data() + first};
+    eq.Process(&in[0], &out[0], 1, first);
     eq.SetParameter(0, 400.0f);
     const int latency = eq.GetLatency();
-    float* in2 = in + first;
-    float* out2 = out + first;
-    eq.Process(&in2, &out2, 1, static_cast<int>(x.size()) - first);
+    eq.Process(&in[1], &out[1], 1, static_cast<int>(x.size()) - first);
     const Signal expected = Delayed(std::span<const float>(x).subspan(first), static_cast<std::size_t>(latency));
     EXPECT_LE(MaxAbsDiff(std::span<const float>(y).subspan(first), expected), 1e-6);
 }
 
+// Any block partition, one frame at a time, and in place all give the same output; so does a
+// Resume and a rerun.
 TEST(GraphicStreaming, BlockPartitionDoesNotChangeOutput) {
     auto make = [] {
         Graphic eq;
@@ -451,29 +359,26 @@ TEST(GraphicStreaming, BlockPartitionDoesNotChangeOutput) {
     }
     Graphic random = make();
     EXPECT_EQ(RunInRandomBlocks(input, Feed(random, 2), 3000, 9), reference);
+    random.Resume();
+    EXPECT_EQ(Stream(random, input), reference);
 
-    Graphic single = make();
-    Channels bySample = ZeroChannels(2, input[0].size());
+    Graphic single = make(), inPlace = make();
+    Channels bySample = ZeroChannels(2, input[0].size()), buffer = input;
     for (std::size_t i = 0; i < input[0].size(); ++i) {
-        float in[2] = {input[0][i], input[1][i]};
-        float out[2];
+        float in[2] = {input[0][i], input[1][i]}, out[2];
         single.ProcessOneSample(in, out);
         bySample[0][i] = out[0];
         bySample[1][i] = out[1];
     }
     EXPECT_EQ(bySample, reference);
-
-    // In place.
-    Graphic inPlace = make();
-    Channels buffer = input;
     float* io[2] = {buffer[0].data(), buffer[1].data()};
     inPlace.Process(io, io, 2, static_cast<int>(buffer[0].size()));
     EXPECT_EQ(buffer, reference);
 }
 
+// Three channels (two share a transform, the third is paired with silence) each come out as if
+// filtered alone.
 TEST(GraphicStreaming, ChannelsAreFilteredIndependently) {
-    // Three channels: two share a transform, the third is paired with silence. Each must come out
-    // as if it had been filtered alone.
     const Channels input = NoiseChannels(3, 20000, 11, 0.5);
     Graphic eq;
     eq.SetChannels(3);
@@ -489,29 +394,19 @@ TEST(GraphicStreaming, ChannelsAreFilteredIndependently) {
     }
 }
 
-TEST(GraphicStreaming, ResumeStartsANewStream) {
-    const Channels input = NoiseChannels(2, 15000, 13, 0.5);
-    Graphic eq;
-    RandomSettings(eq, 14);
-    const Channels first = Stream(eq, input);
-    eq.Resume();
-    EXPECT_EQ(Stream(eq, input), first);
-}
-
 TEST(GraphicStreaming, CopyContinuesTheStreamOnItsOwn) {
-    const Channels head = NoiseChannels(2, 9000, 15, 0.5);
-    const Channels tail = NoiseChannels(2, 12000, 16, 0.5);
+    const Channels head = NoiseChannels(2, 9000, 15, 0.5), tail = NoiseChannels(2, 12000, 16, 0.5);
     Graphic original;
     RandomSettings(original, 17);
     Stream(original, head);
-    Graphic copy(original);
-    Graphic assigned;
+    Graphic copy(original), assigned;
     assigned = original;
     const Channels expected = Stream(original, tail);
     EXPECT_EQ(Stream(copy, tail), expected);
     EXPECT_EQ(Stream(assigned, tail), expected);
 }
 
+// No allocation while streaming, through a single-band update, a full redesign and a gain change.
 TEST(GraphicStreaming, ProcessAllocatesNothing) {
     Graphic eq;
     RandomSettings(eq, 18);
@@ -519,24 +414,14 @@ TEST(GraphicStreaming, ProcessAllocatesNothing) {
     float* io[2] = {buffer[0].data(), buffer[1].data()};
     eq.Process(io, io, 2, 4096);  // the first call sets everything up
 
-    kesta::test::AllocationCounter allocations;
-    for (int round = 0; round < 8; ++round) {
-        switch (round) {
-            case 2:
-                eq.SetParameter(6, 3.0f);
-                break;  // single-band update
-            case 4:
-                eq.SetParameter(2, 24.0f);
-                break;  // full redesign
-            case 6:
-                eq.SetParameter(1, -2.0f);
-                break;  // master gain
-            default:
-                break;
+    AllocationCounter allocations;
+    for (const auto& [index, value] : {std::pair{6, 3.0f}, std::pair{2, 24.0f}, std::pair{1, -2.0f}}) {
+        eq.SetParameter(index, value);
+        for (int round = 0; round < 2; ++round) {
+            eq.Process(io, io, 2, 4096);
+            float in[2] = {0.1f, -0.1f}, out[2];
+            eq.ProcessOneSample(in, out);
         }
-        eq.Process(io, io, 2, 4096);
-        float in[2] = {0.1f, -0.1f}, out[2];
-        eq.ProcessOneSample(in, out);
     }
     EXPECT_EQ(allocations.Count(), 0);
 }

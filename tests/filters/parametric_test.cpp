@@ -1,7 +1,6 @@
 // Parametric equaliser: the parameter table's rules (midpoints, switches, constant Q, the range
-// command), the Butterworth cut filters against their analytic magnitude, the drawn response
-// against measured sines, and streaming (block partitions, entry points, bypass, Resume, copies,
-// tails, allocation).
+// command), the drawn response against the Butterworth formula and measured sines, and streaming
+// (block partitions, entry points, bypass, Resume, copies, tails, allocation).
 
 #include "dsp/parametric.h"
 
@@ -9,14 +8,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <functional>
 #include <numbers>
 #include <string>
 #include <vector>
 
 #include "dsp/core/denormal_guard.h"
-#include "dsp/filters/butterworth.h"
 #include "dsp/self_checks.h"
 #include "support/allocation_counter.h"
 #include "support/metrics.h"
@@ -52,14 +49,6 @@ double MeasuredGainDb(const Parametric& eq, double f, double rate, double settle
     return ToDb(LevelAt(std::span<const float>(x).subspan(settle), f, rate) / amplitude);
 }
 
-// 30 log-spaced frequencies from 20 Hz to 20 kHz, representable as float.
-std::vector<float> AudioBandFrequencies() {
-    std::vector<float> f;
-    for (int i = 0; i < 30; ++i)
-        f.push_back(static_cast<float>(20.0 * std::pow(1000.0, i / 29.0)));
-    return f;
-}
-
 // Every shelf and band audible.
 void ShapeEverySection(Parametric& eq) {
     eq.SetParameter(P::kLowShelfFrequency, 100.0f);
@@ -85,46 +74,23 @@ void SetCutFilters(Parametric& eq, float highPass, float lowPass, int order) {
 
 // ---- Parameters ---------------------------------------------------------------------------
 
+// An out-of-range value becomes the midpoint; switches read on from 0.5; constant Q and bypass
+// are read as switches but kept as given; indices outside the table are ignored.
 TEST(ParametricParameters, OutOfRangeValueBecomesTheMidpointAndSwitchesReadAtHalf) {
-    Parametric eq;
-    eq.SetParameter(P::kLowShelfGain, 60.0f);  // [-48, 48] -> 0
-    EXPECT_EQ(eq.GetParameter(P::kLowShelfGain), 0.0f);
-    eq.SetParameter(P::kOutputGain, 50.0f);  // [-96, 48] -> -24, not 48
-    EXPECT_EQ(eq.GetParameter(P::kOutputGain), -24.0f);
-    eq.SetParameter(P::kLowShelfFrequency, 10.0f);  // [20, 22050] -> 11035
-    EXPECT_EQ(eq.GetParameter(P::kLowShelfFrequency), 11035.0f);
-    eq.SetParameter(P::kHighPassOrder, std::nanf(""));  // [1, 8] -> 4.5
-    EXPECT_EQ(eq.GetParameter(P::kHighPassOrder), 4.5f);
-
+    struct Row {
+        int index;
+        float value, stored;
+    };
     const int bandOn = BandParam(0, Parametric::kBandOn);
-    eq.SetParameter(bandOn, 2.0f);  // out of range: midpoint 0.495, off
-    EXPECT_EQ(eq.GetParameter(bandOn), 0.0f);
-    eq.SetParameter(bandOn, 0.5f);
-    EXPECT_EQ(eq.GetParameter(bandOn), 1.0f);
-    eq.SetParameter(bandOn, 0.49f);
-    EXPECT_EQ(eq.GetParameter(bandOn), 0.0f);
-    eq.SetParameter(P::kHighPassOn, 0.7f);
-    EXPECT_EQ(eq.GetParameter(P::kHighPassOn), 1.0f);
-
-    // Constant Q and bypass are read as switches but kept as given; the bypass's midpoint is on.
-    eq.SetParameter(P::kConstantQ, 0.7f);
-    EXPECT_EQ(eq.GetParameter(P::kConstantQ), 0.7f);
-    eq.SetParameter(P::kBypass, 3.0f);
-    EXPECT_EQ(eq.GetParameter(P::kBypass), 0.5f);
-}
-
-TEST(ParametricParameters, TableDefaultsAndIndicesOutsideItAreIgnored) {
     Parametric eq;
-    // The bandwidth defaults are the band frequencies over the default Q.
-    for (int k = 0; k < Parametric::kBandCount; ++k)
-        EXPECT_EQ(eq.GetParameter(P::kFirstBandwidth + k), eq.GetParameter(BandParam(k, Parametric::kBandFrequency)) /
-                                                               eq.GetParameter(BandParam(k, Parametric::kBandQ)))
-            << k;
-    float lo = 0, hi = 0;
-    eq.GetBounds(P::kHighPassOrder, lo, hi);
-    EXPECT_EQ(lo, 1.0f);
-    EXPECT_EQ(hi, 8.0f);
-
+    for (const Row& row :
+         {Row{P::kLowShelfGain, 60.0f, 0.0f}, Row{P::kOutputGain, 50.0f, -24.0f},
+          Row{P::kLowShelfFrequency, 10.0f, 11035.0f}, Row{P::kHighPassOrder, std::nanf(""), 4.5f},
+          Row{bandOn, 2.0f, 0.0f}, Row{bandOn, 0.5f, 1.0f}, Row{bandOn, 0.49f, 0.0f}, Row{P::kHighPassOn, 0.7f, 1.0f},
+          Row{P::kConstantQ, 0.7f, 0.7f}, Row{P::kBypass, 3.0f, 0.5f}}) {
+        eq.SetParameter(row.index, row.value);
+        EXPECT_EQ(eq.GetParameter(row.index), row.stored) << row.index << " set to " << row.value;
+    }
     std::vector<float> before;
     for (int i = 0; i < Parametric::kParameterCount; ++i)
         before.push_back(eq.GetParameter(i));
@@ -133,14 +99,6 @@ TEST(ParametricParameters, TableDefaultsAndIndicesOutsideItAreIgnored) {
     for (int i = 0; i < Parametric::kParameterCount; ++i)
         EXPECT_EQ(eq.GetParameter(i), before[static_cast<std::size_t>(i)]) << i;
     EXPECT_EQ(eq.GetParameter(45), 0.0f);
-    EXPECT_EQ(eq.GetParameter(-1), 0.0f);
-    lo = 123.0f;
-    hi = 456.0f;
-    eq.GetBounds(45, lo, hi);
-    eq.GetBounds(-1, lo, hi);
-    EXPECT_EQ(lo, 123.0f);
-    EXPECT_EQ(hi, 456.0f);
-    EXPECT_EQ(eq.GetLatency(), 0);
 }
 
 TEST(ParametricParameters, BandFrequencyMoveKeepsQInConstantQModeAndBandwidthOtherwise) {
@@ -227,42 +185,6 @@ TEST(ParametricParameters, RangeCommandRescalesEveryFrequencyAndStoresNothing) {
 
 // ---- Cut filters and the drawn response ------------------------------------------------------
 
-TEST(ParametricCutFilters, RealisedMagnitudeIsTheAnalyticButterworth) {
-    namespace bw = dsp::butterworth;
-    struct Case {
-        bool lowPass;
-        double cutoff, rate;
-    };
-    const Case cases[] = {
-        {true, 1000.0, 44100.0}, {false, 200.0, 48000.0}, {true, 15000.0, 44100.0}, {false, 6000.0, 96000.0}};
-    double worst = 0.0;
-    for (const Case& c : cases) {
-        for (int order = 1; order <= bw::kMaxOrder; ++order) {
-            const bw::Design design = bw::DesignCutFilter(c.lowPass, order, c.cutoff / c.rate);
-            ASSERT_EQ(design.sectionCount, (order + 1) / 2);
-            for (const double ratio : {0.25, 0.5, 0.8, 1.0, 1.25, 2.0, 4.0}) {
-                const double f = c.cutoff * ratio;
-                if (f >= 0.47 * c.rate) continue;
-                const long double expected = ButterworthMagnitude(c.lowPass, order, c.cutoff, f, c.rate);
-                if (expected < 1e-6L) continue;  // below -120 dB
-                bw::CutFilter filter;
-                filter.SetDesign(design);
-                const auto settle = static_cast<std::size_t>(0.3 * c.rate);
-                Signal x = Sine(settle + static_cast<std::size_t>(0.3 * c.rate), f, c.rate, 0.5);
-                filter.ProcessInplace(x.data(), static_cast<int>(x.size()));
-                const double measured = LevelAt(std::span<const float>(x).subspan(settle), f, c.rate) / 0.5;
-                const double error = std::fabs(ToDb(measured) - ToDb(static_cast<double>(expected)));
-                worst = std::max(worst, error);
-                EXPECT_LE(error, 0.01) << (c.lowPass ? "low" : "high") << "-pass " << c.cutoff << " Hz order " << order
-                                       << " at " << f << " Hz";
-                // The design's own magnitude is the same formula.
-                EXPECT_NEAR(bw::Magnitude(design, f / c.rate), static_cast<double>(expected), 1e-9 + 1e-9 * expected);
-            }
-        }
-    }
-    std::printf("[ cut filters ] worst |measured - analytic| = %.2e dB\n", worst);
-}
-
 TEST(ParametricCutFilters, DrawnCurveIsTheButterworthFormulaWithTheOrderRoundedHalfUp) {
     for (const float order : {1.0f, 2.0f, 3.0f, 4.49f, 4.5f, 6.0f, 7.0f, 8.0f}) {
         const int n = static_cast<int>(order + 0.5f);
@@ -295,14 +217,10 @@ TEST_P(ParametricDrawnResponse, MatchesTheMeasuredResponseAcrossTheAudioBand) {
     eq.SetParameter(P::kHighShelfSecondOrder, order % 2 == 0 ? 1.0f : 0.0f);
     eq.SetParameter(P::kStateVariable, order >= 5 ? 1.0f : 0.0f);
     eq.Resume();
-    double worst = 0.0;
-    for (const float f : AudioBandFrequencies()) {
-        const double drawn = ToDb(eq.ComputeFilterResponse(f));
-        const double measured = MeasuredGainDb(eq, f, 44100.0);
-        worst = std::max(worst, std::fabs(drawn - measured));
-        EXPECT_NEAR(measured, drawn, 0.1) << "order " << order << " at " << f << " Hz";
+    for (int i = 0; i < 30; ++i) {  // log-spaced from 20 Hz to 20 kHz
+        const auto f = static_cast<float>(20.0 * std::pow(1000.0, i / 29.0));
+        EXPECT_NEAR(MeasuredGainDb(eq, f, 44100.0), ToDb(eq.ComputeFilterResponse(f)), 0.1) << "at " << f << " Hz";
     }
-    std::printf("[ order %d ] worst |drawn - measured| = %.2e dB\n", order, worst);
 }
 
 INSTANTIATE_TEST_SUITE_P(CutOrders, ParametricDrawnResponse, ::testing::Range(1, 9),
@@ -380,20 +298,6 @@ TEST(ParametricSwitches, BypassCopiesTheInputBitExactlyWithEverythingOn) {
     eq.SetParameter(P::kBypass, 0.0f);
     eq.Process(const_cast<float*>(x[0].data()), y[0].data(), 3000);
     EXPECT_NE(y[0], x[0]);
-}
-
-TEST(ParametricSwitches, ChangesApplyFromTheStartOfTheNextCall) {
-    Parametric eq;
-    eq.SetChannels(1);
-    Signal x = WhiteNoise(1000, 7, 0.5);
-    Signal y(x.size());
-    eq.Process(x.data(), y.data(), 1000);
-    EXPECT_EQ(y, x);  // flat
-    eq.SetParameter(P::kOutputGain, -6.0f);
-    eq.Process(x.data(), y.data(), 1000);
-    const auto gain = static_cast<float>(std::pow(10.0, -6.0 / 20.0));
-    for (std::size_t i = 0; i < x.size(); ++i)
-        ASSERT_EQ(y[i], x[i] * gain) << i;
 }
 
 // ---- Streaming ------------------------------------------------------------------------------
@@ -554,35 +458,16 @@ TEST(ParametricStreaming, ProcessAllocatesNothing) {
     float* io[2] = {buffer[0].data(), buffer[1].data()};
 
     AllocationCounter allocations;
-    for (int round = 0; round < 10; ++round) {
-        switch (round) {
-            case 1:
-                eq.SetParameter(BandParam(0, Parametric::kBandGain), -3.0f);
-                break;
-            case 2:
-                eq.SetParameter(BandParam(4, Parametric::kBandFrequency), 9000.0f);
-                break;
-            case 3:
-                eq.SetParameter(P::kLowPassOrder, 7.0f);
-                break;
-            case 4:
-                eq.SetParameter(P::kHighPassCutoff, 120.0f);
-                break;
-            case 5:
-                eq.SetParameter(P::kStateVariable, 1.0f);
-                break;
-            case 6:
-                eq.SetParameter(BandParam(2, Parametric::kBandOn), 0.0f);
-                break;
-            case 7:
-                eq.SetParameter(P::kHighShelfGain, 5.0f);
-                break;
-            case 8:
-                eq.SetParameter(P::kOutputGain, -1.0f);
-                break;
-            default:
-                break;
-        }
+    const std::pair<int, float> changes[] = {{BandParam(0, Parametric::kBandGain), -3.0f},
+                                             {BandParam(4, Parametric::kBandFrequency), 9000.0f},
+                                             {P::kLowPassOrder, 7.0f},
+                                             {P::kHighPassCutoff, 120.0f},
+                                             {P::kStateVariable, 1.0f},
+                                             {BandParam(2, Parametric::kBandOn), 0.0f},
+                                             {P::kHighShelfGain, 5.0f},
+                                             {P::kOutputGain, -1.0f}};
+    for (const auto& [index, value] : changes) {
+        eq.SetParameter(index, value);
         eq.Process(io, io, 2, 2048);
         eq.Process(io[0], io[0], 512);
         float in[2] = {0.1f, -0.1f}, out[2];
