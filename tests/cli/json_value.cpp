@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cctype>
-#include <regex>
 #include <stdexcept>
 
 #include "cli_test.h"
@@ -68,15 +67,40 @@ struct Parser {
         } else if (Word("false")) {
             v.type = T::Bool;
         } else if (!Word("null")) {
-            static const std::regex number(R"(-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?)");
-            std::smatch m;
-            if (!std::regex_search(s.begin() + long(i), s.end(), m, number, std::regex_constants::match_continuous))
-                Fail("expected a value");
+            const std::size_t length = NumberLength(i);
+            if (length == 0) Fail("expected a value");
             v.type = T::Number;
-            v.number = std::stod(m.str());
-            i += std::size_t(m.length());
+            v.number = std::stod(s.substr(i, length));
+            i += length;
         }
         return v;
+    }
+
+    // Length of the JSON number starting at `at` (-?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?),
+    // 0 when there is none.
+    std::size_t NumberLength(std::size_t at) const {
+        std::size_t j = at;
+        auto digit = [&](std::size_t k) { return k < s.size() && s[k] >= '0' && s[k] <= '9'; };
+        auto digits = [&] {
+            const std::size_t from = j;
+            while (digit(j)) ++j;
+            return j > from;
+        };
+        if (j < s.size() && s[j] == '-') ++j;
+        if (j < s.size() && s[j] == '0')
+            ++j;
+        else if (!digits())
+            return 0;
+        if (j < s.size() && s[j] == '.') {
+            ++j;
+            if (!digits()) return 0;
+        }
+        if (j < s.size() && (s[j] == 'e' || s[j] == 'E')) {
+            ++j;
+            if (j < s.size() && (s[j] == '+' || s[j] == '-')) ++j;
+            if (!digits()) return 0;
+        }
+        return j - at;
     }
 
     std::string String() {
