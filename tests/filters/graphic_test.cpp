@@ -22,8 +22,6 @@ namespace {
 using dsp::Graphic;
 using namespace kesta::test;
 
-constexpr double kRate = 44100.0;
-
 BlockFunction Feed(Graphic& eq, int channels) {
     return [&eq, channels](float** in, float** out, int frames) { eq.Process(in, out, channels, frames); };
 }
@@ -32,16 +30,8 @@ Channels Stream(Graphic& eq, const Channels& input, int blockSize = 4096) {
     return RunInBlocks(input, Feed(eq, static_cast<int>(input.size())), blockSize);
 }
 
-void ExpectSameImpulse(const Graphic& a, const Graphic& b, double tolerance) {
-    ASSERT_EQ(a.GetImpulseLength(), b.GetImpulseLength());
-    double worst = 0.0;
-    for (int i = 0; i < a.GetImpulseLength(); ++i)
-        worst = std::max(worst, std::fabs(a.GetImpulse()[i] - b.GetImpulse()[i]));
-    EXPECT_LE(worst, tolerance);
-}
-
 // Gain in dB at `frequency`, measured on a processed sine once the impulse is full.
-double MeasuredGainDb(Graphic& eq, double frequency, double rate = kRate) {
+double MeasuredGainDb(Graphic& eq, double frequency, double rate) {
     const double amplitude = 0.25;
     const auto settle = static_cast<std::size_t>(eq.GetLatency() + eq.GetParameter(Graphic::kAccuracy) * 2);
     const Channels out = Stream(eq, {Sine(settle + 32768, frequency, rate, amplitude)}, 8192);
@@ -60,21 +50,24 @@ void RandomSettings(Graphic& eq, uint64_t seed) {
 
 // ---- Parameters ---------------------------------------------------------------------------------
 
-// An out-of-range value becomes the midpoint of the range, not the nearest end; indices outside
-// the table are ignored.
+// An out-of-range value becomes the midpoint of the range, not the nearest end; the layout value
+// rounds at 0.5 and 1.5; indices outside the table are ignored.
 TEST(GraphicParameters, OutOfRangeValueBecomesTheMidpointAndOutsideIndicesAreIgnored) {
     struct Row {
         int index;
         float value, stored;
     };
     Graphic eq;
-    for (const Row& row : {Row{4, 100.0f, 0.0f}, Row{1, -65.0f, 0.0f}, Row{0, 5.0f, 4101.0f}, Row{34, 7.0f, 1.0f},
-                           Row{5, std::nanf(""), 0.0f}}) {
+    for (const Row& row : {Row{4, 100.0f, 0.0f}, Row{1, -65.0f, 0.0f}, Row{0, 5.0f, 4101.0f},
+                           Row{5, std::nanf(""), 0.0f}, Row{34, 7.0f, 1.0f}, Row{34, -0.4f, 0.0f}, Row{34, 0.49f, 0.0f},
+                           Row{34, 0.5f, 1.0f}, Row{34, 1.49f, 1.0f}, Row{34, 1.5f, 2.0f}, Row{34, 2.49f, 2.0f}}) {
         eq.SetParameter(row.index, 7.0f);
         eq.SetParameter(row.index, row.value);
-        EXPECT_EQ(eq.GetParameter(row.index), row.stored) << row.index;
+        EXPECT_EQ(eq.GetParameter(row.index), row.stored) << row.index << " := " << row.value;
+        if (row.index == 34) {
+            EXPECT_EQ(eq.GetBandCount(), 10 * (1 + static_cast<int>(row.stored))) << row.value;
+        }
     }
-    EXPECT_EQ(eq.GetBandCount(), 20);
     float lo = 123, hi = 456;
     eq.GetBounds(35, lo, hi);
     eq.GetBounds(-1, lo, hi);
@@ -114,18 +107,6 @@ TEST(GraphicParameters, BandGainsStayInsideHalfTheRangeAndResetZeroesThem) {
     EXPECT_EQ(eq.GetParameter(1), 5.0f);
 }
 
-TEST(GraphicParameters, LayoutSelectsBandCountAndCentres) {
-    for (const auto& [value, bands] : {std::pair{-0.4f, 10}, std::pair{0.49f, 10}, std::pair{0.5f, 20},
-                                       std::pair{1.49f, 20}, std::pair{1.5f, 30}, std::pair{2.49f, 30}}) {
-        Graphic eq;
-        eq.SetParameter(34, value);
-        ASSERT_EQ(eq.GetBandCount(), bands) << value;
-        for (int k = 0; k < bands; ++k)
-            EXPECT_NEAR(eq.GetBandFrequency(k), 31.25 * std::pow(2.0, k / (bands / 10.0)), 1e-9);
-        EXPECT_EQ(eq.GetBandFrequency(bands), 0.0);
-    }
-}
-
 // ---- Chunk --------------------------------------------------------------------------------------
 
 TEST(GraphicChunk, RoundTripRestoresEveryParameterAndTheSameOutput) {
@@ -135,14 +116,11 @@ TEST(GraphicChunk, RoundTripRestoresEveryParameterAndTheSameOutput) {
     ASSERT_EQ(a.GetChunk(&data, true), 140);
     float values[35];  // the parameters as floats in index order
     std::memcpy(values, data, sizeof values);
-    for (int i = 0; i < 35; ++i)
-        EXPECT_EQ(values[i], a.GetParameter(i)) << i;
-
     Graphic b;
     b.SetParameter(7, 4.0f);
     ASSERT_EQ(b.SetChunk(data, 140, true), 140);
     for (int i = 0; i < 35; ++i)
-        EXPECT_EQ(b.GetParameter(i), a.GetParameter(i)) << i;
+        EXPECT_TRUE(values[i] == a.GetParameter(i) && b.GetParameter(i) == a.GetParameter(i)) << i;
     EXPECT_EQ(b.GetBandCount(), 30);
     const Channels input = NoiseChannels(2, 20000, 3, 0.5);
     EXPECT_EQ(Stream(b, input), Stream(a, input));
@@ -161,6 +139,7 @@ TEST(GraphicChunk, ShortChunkCopiesOnlyItsBytesAndLongChunkIsTruncated) {
     target.SetParameter(34, 1.0f);
     for (int k = 0; k < 30; ++k)
         target.SetParameter(4 + k, 6.0f);
+    EXPECT_EQ(target.SetChunk(nullptr, 500, false), 140);
     ASSERT_EQ(target.SetChunk(data, 20, false), 20);  // parameters 0 ... 4
     for (int i = 0; i < 35; ++i)
         EXPECT_EQ(target.GetParameter(i), i < 5 ? source.GetParameter(i) : i < 34 ? 6.0f : 1.0f) << i;
@@ -175,77 +154,53 @@ TEST(GraphicChunk, ShortChunkCopiesOnlyItsBytesAndLongChunkIsTruncated) {
 
 // ---- Response -----------------------------------------------------------------------------------
 
-// Design accuracy that resolves band k: the window's main lobe (+-4 rate / 2N Hz) within half the
-// log-axis distance fk ln r to the neighbours' centres.
-int AccuracyFor(double centre, double ratio, double rate) {
-    const double n = 4.0 * rate / (centre * std::log(ratio));
-    return std::clamp(static_cast<int>(std::ceil(n)), 1000, 8192);
-}
+struct LayoutCase {
+    int layout;
+    int rate;
+};
 
-class GraphicLayout : public ::testing::TestWithParam<int> {};
+class GraphicLayout : public ::testing::TestWithParam<LayoutCase> {};
 
-TEST_P(GraphicLayout, BoostedBandReachesItsGainAtItsCentre) {
-    const int layout = GetParam(), bands = 10 * (layout + 1);
-    const double ratio = std::pow(2.0, 1.0 / (layout + 1));
+// Every band the impulse can resolve reaches +12 dB at its centre, and leaves the centres two bands
+// away alone. Band k is resolved when the window's main lobe (+-4 rate / 2N Hz) lies within half
+// the log-axis distance fk ln r to the neighbouring centres, i.e. N >= 4 rate / (fk ln r) <= 8192.
+// Everything below the first centre belongs to band 1, so it reaches down to DC.
+TEST_P(GraphicLayout, BoostedBandReachesItsGainAtItsCentreAndStaysLocal) {
+    const int layout = GetParam().layout, bands = 10 * (layout + 1);
+    const double rate = GetParam().rate, ratio = std::pow(2.0, 1.0 / (layout + 1));
+    int measured = 0;
     for (int k = 0; k < bands; ++k) {
-        const double centre = 31.25 * std::pow(ratio, k);
-        if (centre < 125.0 || centre >= kRate / 2) continue;
+        const double centre = 31.25 * std::pow(ratio, k), accuracy = std::ceil(4.0 * rate / (centre * std::log(ratio)));
+        if (accuracy > 8192.0 || centre >= rate / 2) continue;
         Graphic eq;
         eq.SetChannels(1);
+        eq.SetSampleRate(GetParam().rate);
         eq.SetParameter(34, static_cast<float>(layout));
-        eq.SetParameter(0, static_cast<float>(AccuracyFor(centre, ratio, kRate)));
+        eq.SetParameter(0, static_cast<float>(std::max(accuracy, 1000.0)));
         eq.SetParameter(4 + k, 12.0f);
-        const double gain = MeasuredGainDb(eq, centre);
-        EXPECT_NEAR(gain, 12.0, 0.5) << bands << " bands, band " << k << " at " << centre << " Hz";
-        EXPECT_NEAR(eq.ComputeFilterResponse(static_cast<float>(centre)), gain, 0.02) << centre;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Layouts, GraphicLayout, ::testing::Values(0, 1, 2),
-                         [](const auto& info) { return std::to_string(10 * (info.param + 1)) + "Bands"; });
-
-// Third octaves at 48 kHz: a -12 dB band leaves the centres two bands away untouched.
-TEST(GraphicResponse, CutBandsStayLocalAtAnotherSampleRate) {
-    const double rate = 48000.0, ratio = std::pow(2.0, 1.0 / 3.0);
-    for (int band : {14, 22}) {
-        Graphic eq;
-        eq.SetChannels(1);
-        eq.SetSampleRate(48000);
-        eq.SetParameter(34, 2.0f);
-        eq.SetParameter(0, 4000.0f);
-        eq.SetParameter(4 + band, -12.0f);
-        const double centre = 31.25 * std::pow(ratio, band);
-        EXPECT_NEAR(MeasuredGainDb(eq, centre, rate), -12.0, 0.5) << centre;
-        for (double away : {ratio * ratio, 1 / (ratio * ratio)}) {
-            eq.Resume();
-            EXPECT_NEAR(MeasuredGainDb(eq, centre * away, rate), 0.0, 0.1) << centre * away;
+        const double gain = MeasuredGainDb(eq, centre, rate);
+        ++measured;
+        SCOPED_TRACE(std::to_string(bands) + " bands, band " + std::to_string(k) + " at " + std::to_string(centre));
+        EXPECT_NEAR(gain, 12.0, 0.5);
+        EXPECT_NEAR(eq.ComputeFilterResponse(static_cast<float>(centre)), gain, 0.02);
+        for (double away : {centre * ratio * ratio, centre / (ratio * ratio)}) {
+            if (away > 20.0 && away < rate / 2) {
+                EXPECT_NEAR(eq.ComputeFilterResponse(static_cast<float>(away)), 0.0, 0.1) << away << " Hz";
+            }
+        }
+        if (k == 0) {
+            EXPECT_NEAR(eq.ComputeFilterResponse(5.0f), 12.0, 0.5);
         }
     }
+    EXPECT_GE(measured, bands / 2);
 }
 
-// Everything below the first centre belongs to band 1, so it acts as a low shelf.
-TEST(GraphicResponse, FirstBandReachesDownToDc) {
-    Graphic eq;
-    eq.SetChannels(1);
-    eq.SetParameter(0, 8192.0f);
-    eq.SetParameter(4, 12.0f);
-    EXPECT_NEAR(MeasuredGainDb(eq, 10.0), 12.0, 0.5);
-    EXPECT_NEAR(eq.ComputeFilterResponse(0.0f), 12.0, 0.5);
-}
-
-TEST(GraphicResponse, ImpulseIsSymmetricSoThePhaseIsLinear) {
-    for (int layout = 0; layout < 3; ++layout) {
-        Graphic eq;
-        RandomSettings(eq, 10 + layout);
-        eq.SetParameter(34, static_cast<float>(layout));
-        eq.UpdateImpulses();
-        const int n = eq.GetImpulseLength() / 2;
-        const double* h = eq.GetImpulse();
-        EXPECT_EQ(h[0], 0.0);
-        for (int d = 1; d < n; ++d)
-            ASSERT_EQ(h[n + d], h[n - d]) << d;
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Layouts, GraphicLayout,
+                         ::testing::Values(LayoutCase{0, 44100}, LayoutCase{1, 48000}, LayoutCase{2, 44100}),
+                         [](const auto& info) {
+                             return std::to_string(10 * (info.param.layout + 1)) + "BandsAt" +
+                                    std::to_string(info.param.rate);
+                         });
 
 // The master gain needs no redesign: output from the next call on carries it.
 TEST(GraphicResponse, MasterGainScalesTheOutputFromTheNextCall) {
@@ -266,8 +221,9 @@ TEST(GraphicResponse, MasterGainScalesTheOutputFromTheNextCall) {
 
 // ---- Single-band update -------------------------------------------------------------------------
 
-// Random single-band changes (every fifth back to 0 dB, which a redesign leaves out) give the
-// impulse of a full redesign; a band outside the layout leaves the impulse alone.
+// Random single-band changes (every fifth back to 0 dB, which a redesign leaves out), a band
+// outside the layout and a narrower range (which limits the gains) give the impulse of a full
+// redesign with the stored settings; the impulse stays symmetric, so the phase is linear.
 TEST(GraphicUpdate, SingleBandUpdateEqualsAFullRedesign) {
     for (int layout = 0; layout < 3; ++layout) {
         const int bands = 10 * (layout + 1);
@@ -281,6 +237,7 @@ TEST(GraphicUpdate, SingleBandUpdateEqualsAFullRedesign) {
             const int band = step == 23 ? bands : random.UniformInt(0, bands - 1);
             const double gain = step % 5 == 4 ? 0.0 : random.Uniform() * 40.0 - 20.0;
             if (band < 30) incremental.SetParameter(4 + band, static_cast<float>(gain));
+            if (step == 24) incremental.SetParameter(2, 24.0f);
             incremental.UpdateImpulses();
             Graphic full;
             for (int i : {2, 34})
@@ -288,57 +245,39 @@ TEST(GraphicUpdate, SingleBandUpdateEqualsAFullRedesign) {
             for (int k = 0; k < bands; ++k)
                 full.SetParameter(4 + k, incremental.GetParameter(4 + k));
             full.UpdateImpulses();
-            ExpectSameImpulse(incremental, full, 1e-9);
+            ASSERT_EQ(incremental.GetImpulseLength(), full.GetImpulseLength());
+            const double* h = incremental.GetImpulse();
+            const int n = incremental.GetImpulseLength() / 2;
+            double worst = 0.0;
+            for (int i = 0; i < 2 * n; ++i)
+                worst = std::max(worst, std::fabs(h[i] - full.GetImpulse()[i]));
+            ASSERT_LE(worst, 1e-9) << bands << " bands, step " << step;
+            ASSERT_EQ(h[0], 0.0);
+            for (int d = 1; d < n; ++d)
+                ASSERT_EQ(h[n + d], h[n - d]) << d;
         }
     }
-}
-
-TEST(GraphicUpdate, NarrowerRangeRedesignsWithTheLimitedGains) {
-    Graphic eq, reference;
-    eq.SetParameter(4, 20.0f);
-    eq.SetParameter(9, -3.0f);
-    eq.UpdateImpulses();
-    eq.SetParameter(2, 20.0f);
-    eq.UpdateImpulses();
-    reference.SetParameter(2, 20.0f);
-    reference.SetParameter(4, 9.99f);
-    reference.SetParameter(9, -3.0f);
-    reference.UpdateImpulses();
-    ExpectSameImpulse(eq, reference, 1e-12);
 }
 
 // ---- Streaming ----------------------------------------------------------------------------------
 
+// Flat settings are a pure delay of the latency asked before anything is set up; an accuracy change
+// mid-stream starts a new stream with the new latency.
 TEST(GraphicStreaming, FlatSettingsAreAPureDelayOfTheLatency) {
-    for (int accuracy : {10, 1000, 1537, 3000}) {
+    for (int accuracy : {10, 1000, 1537, 3000})
         for (int channels : {1, 2, 3}) {
             Graphic eq;
             eq.SetChannels(channels);
-            eq.SetParameter(0, static_cast<float>(accuracy));
-            const int latency = eq.GetLatency();  // asked before anything is set up
-            const Channels input = NoiseChannels(channels, static_cast<std::size_t>(latency) + 20000, 5, 0.9);
-            const Channels output = Stream(eq, input, 1000);
-            for (int c = 0; c < channels; ++c)
-                ASSERT_LE(MaxAbsDiff(output[c], Delayed(input[c], static_cast<std::size_t>(latency))), 1e-6)
-                    << "N = " << accuracy << ", channel " << c << " of " << channels;
+            for (int change : {accuracy, 400}) {
+                eq.SetParameter(0, static_cast<float>(change));
+                const int latency = eq.GetLatency();
+                const Channels input = NoiseChannels(channels, static_cast<std::size_t>(latency) + 9000, 5, 0.9);
+                const Channels output = Stream(eq, input, 1000);
+                for (int c = 0; c < channels; ++c)
+                    ASSERT_LE(MaxAbsDiff(output[c], Delayed(input[c], static_cast<std::size_t>(latency))), 1e-6)
+                        << "N = " << change << ", channel " << c << " of " << channels;
+            }
         }
-    }
-}
-
-TEST(GraphicStreaming, AccuracyChangeStartsAStreamWithTheNewLatency) {
-    Graphic eq;
-    eq.SetChannels(1);
-    const Signal x = WhiteNoise(40000, 6, 0.5);
-    Signal y(x.size());
-    const int first = 5000;
-    float* in[2] = {const_cast<float*>(x.data()), const_cast<float*>(x.data()) + first};
-    float* out[2] = {y.data(), y.data() + first};
-    eq.Process(&in[0], &out[0], 1, first);
-    eq.SetParameter(0, 400.0f);
-    const int latency = eq.GetLatency();
-    eq.Process(&in[1], &out[1], 1, static_cast<int>(x.size()) - first);
-    const Signal expected = Delayed(std::span<const float>(x).subspan(first), static_cast<std::size_t>(latency));
-    EXPECT_LE(MaxAbsDiff(std::span<const float>(y).subspan(first), expected), 1e-6);
 }
 
 // Any block partition, one frame at a time, and in place all give the same output; so does a
@@ -353,7 +292,7 @@ TEST(GraphicStreaming, BlockPartitionDoesNotChangeOutput) {
     const Channels input = NoiseChannels(2, 23000, 8, 0.5);
     Graphic whole = make();
     const Channels reference = Stream(whole, input, static_cast<int>(input[0].size()));
-    for (int block : {1, 7, 512, 4096, 6194, 10000}) {
+    for (int block : {1, 7, 512, 6194}) {
         Graphic eq = make();
         EXPECT_EQ(Stream(eq, input, block), reference) << block;
     }
@@ -377,8 +316,8 @@ TEST(GraphicStreaming, BlockPartitionDoesNotChangeOutput) {
 }
 
 // Three channels (two share a transform, the third is paired with silence) each come out as if
-// filtered alone.
-TEST(GraphicStreaming, ChannelsAreFilteredIndependently) {
+// filtered alone; a copy or an assignment made mid-stream continues the stream on its own.
+TEST(GraphicStreaming, ChannelsAreIndependentAndCopiesContinueTheStream) {
     const Channels input = NoiseChannels(3, 20000, 11, 0.5);
     Graphic eq;
     eq.SetChannels(3);
@@ -392,18 +331,11 @@ TEST(GraphicStreaming, ChannelsAreFilteredIndependently) {
         EXPECT_LE(MaxAbsDiff(output[c], alone[0]), 1e-6) << c;
         EXPECT_GT(Rms(alone[0]), 0.05);
     }
-}
-
-TEST(GraphicStreaming, CopyContinuesTheStreamOnItsOwn) {
-    const Channels head = NoiseChannels(2, 9000, 15, 0.5), tail = NoiseChannels(2, 12000, 16, 0.5);
-    Graphic original;
-    RandomSettings(original, 17);
-    Stream(original, head);
-    Graphic copy(original), assigned;
-    assigned = original;
-    const Channels expected = Stream(original, tail);
-    EXPECT_EQ(Stream(copy, tail), expected);
-    EXPECT_EQ(Stream(assigned, tail), expected);
+    Graphic copy(eq), assigned;
+    assigned = eq;
+    const Channels expected = Stream(eq, input);
+    EXPECT_EQ(Stream(copy, input), expected);
+    EXPECT_EQ(Stream(assigned, input), expected);
 }
 
 // No allocation while streaming, through a single-band update, a full redesign and a gain change.
