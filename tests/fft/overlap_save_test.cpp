@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <numbers>
 #include <vector>
 
@@ -45,12 +45,13 @@ Channels RunFromResume(OverlapSave& engine, const Channels& input, int blockSize
 }
 
 // Every channel of `out` is the matching input delayed by `delay` frames (and scaled by `gain`),
-// with the first `delay` frames exactly zero.
+// with the first `delay` frames exactly zero and no NaN anywhere (the metrics would skip it).
 void ExpectDelayed(const Channels& input, const Channels& out, int delay, double tolerance, double gain = 1.0) {
     ASSERT_EQ(out.size(), input.size());
     for (std::size_t ch = 0; ch < input.size(); ++ch) {
         SCOPED_TRACE("channel " + std::to_string(ch));
         const Signal expected = kesta::test::Delayed(input[ch], static_cast<std::size_t>(delay), gain);
+        EXPECT_TRUE(std::all_of(out[ch].begin(), out[ch].end(), [](float v) { return std::isfinite(v); }));
         EXPECT_EQ(kesta::test::Peak(std::span(out[ch]).first(static_cast<std::size_t>(delay))), 0.0);
         EXPECT_LE(kesta::test::MaxAbsDiff(out[ch], expected), tolerance);
     }
@@ -104,26 +105,19 @@ TEST(OverlapSave, FramesMeetThroughARaisedSineCrossfade) {
     FrameNumbering engine(N, 2, P, L, OverlapSave::Hann);
     const Channels out = RunFromResume(engine, kesta::test::ZeroChannels(2, 2000), 33);
     for (std::size_t ch = 0; ch < 2; ++ch) {
-        for (int n = 0; n < 2000; ++n) {
-            double expected = 0.0;
-            if (n >= N) {
-                const int j = n - N;
-                const int k = (j + L) / (2 * L) + 1;  // frame whose kept region holds sample j
-                const int i = (j + L) % (2 * L);      // position within that region
-                const double rising = i < L ? (1.0 - std::cos(i * std::numbers::pi / L)) / 2.0 : 1.0;
-                expected = k == 1 ? 1.0 : (k - 1) + rising;
-            }
-            ASSERT_NEAR(out[ch][n], expected * static_cast<double>(ch + 1),
-                        1e-6 * (1.0 + expected * static_cast<double>(ch + 1)))
-                << "channel " << ch << " sample " << n;
+        for (int n = N; n < 2000; ++n) {
+            const int k = (n - N + L) / (2 * L) + 1, i = (n - N + L) % (2 * L);  // frame k, sample i of its region
+            const double rising = i < L ? (1.0 - std::cos(i * std::numbers::pi / L)) / 2.0 : 1.0;
+            const double expected = (k - 1 + rising) * static_cast<double>(ch + 1);
+            ASSERT_NEAR(out[ch][n], expected, 1e-6 * expected) << "channel " << ch << " sample " << n;
         }
     }
 }
 
-TEST(OverlapSave, BlockPartitionDoesNotChangeOutput) {
+TEST(OverlapSave, BlockPartitionChangesNoBitAndProcessAllocatesNothing) {
     // Base low-pass hook, an odd channel count, and more frames than the largest block.
     OverlapSave engine(kN, 3, kP, kL, OverlapSave::BlackmanHarris);
-    const Channels input = kesta::test::NoiseChannels(3, 120000, 99);
+    Channels input = kesta::test::NoiseChannels(3, 120000, 99);
     const Channels reference = RunFromResume(engine, input, 4096);
     for (int block : {1, 7, 100000, 2 * kL - 1, 2 * kL, 2 * kL + 1}) {
         SCOPED_TRACE("blocks of " + std::to_string(block));
@@ -131,25 +125,23 @@ TEST(OverlapSave, BlockPartitionDoesNotChangeOutput) {
     }
     engine.Resume();
     EXPECT_TRUE(kesta::test::RunInRandomBlocks(input, Streaming(engine), 5000, 1234) == reference) << "random blocks";
-}
 
-TEST(OverlapSave, SilenceInGivesSilenceOutFromTheFirstSample) {
-    const Channels silence = kesta::test::ZeroChannels(3, 15000);
-    for (int type = 0; type <= 8; ++type) {
-        SCOPED_TRACE("window type " + std::to_string(type));
-        OverlapSave engine(kN, 3, kP, kL, static_cast<OverlapSave::FFTWindowType>(type));
-        for (const Signal& y : RunFromResume(engine, silence, 1500))
-            EXPECT_TRUE(y == silence[0]);
+    // In place (output arrays = input arrays), in blocks of mixed lengths.
+    engine.Resume();
+    kesta::test::AllocationCounter allocations;
+    const int pattern[] = {1, 7, 1170, 4096, 333, 10000, 2};
+    for (std::size_t pos = 0, i = 0; pos < input[0].size(); ++i) {
+        const int block = std::min(pattern[i % 7], static_cast<int>(input[0].size() - pos));
+        float* io[3] = {input[0].data() + pos, input[1].data() + pos, input[2].data() + pos};
+        engine.Process(io, io, 3, block);
+        pos += static_cast<std::size_t>(block);
     }
+    EXPECT_EQ(allocations.Count(), 0);
+    EXPECT_TRUE(input == reference) << "in place";
 }
 
 TEST(OverlapSave, CopiesCarryTheWholeStreamStateAndResumeClearsIt) {
-    const Channels input = kesta::test::NoiseChannels(3, 30000, 17);
-    Channels head(3), tail(3);
-    for (std::size_t ch = 0; ch < 3; ++ch) {
-        head[ch].assign(input[ch].begin(), input[ch].begin() + 13000);
-        tail[ch].assign(input[ch].begin() + 13000, input[ch].end());
-    }
+    const Channels head = kesta::test::NoiseChannels(3, 13000, 17), tail = kesta::test::NoiseChannels(3, 17000, 18);
     OverlapSave original(kN, 3, kP, kL, OverlapSave::Kaiser140);
     RunFromResume(original, head, 999);  // mid-stream: queued input, a tail, a part-filled output queue
 
@@ -191,8 +183,6 @@ protected:
 TEST(OverlapSave, ScalersAndAccumulatingHandlersScaleTheIdentity) {
     const Channels input = kesta::test::NoiseChannels(3, 15000, 8);
     IdentityEngine engine(kN, 3, kP, kL, OverlapSave::BlackmanHarris);
-    engine.SetScaler(4.0f, 0.25f);
-    ExpectDelayed(input, RunFromResume(engine, input, 1024), kN, 1e-5);
     engine.SetScaler(2.0f, 1.5f);  // the hook is linear, so the output is the input times 3
     ExpectDelayed(input, RunFromResume(engine, input, 1024), kN, 3e-5, 3.0);
     AccumulatingIdentity doubling(kN, 3, kP, kL, OverlapSave::Hann);
@@ -225,45 +215,14 @@ TEST(OverlapSave, BaseHookIsALowPassAtOneEighthOfTheBandAndSubtractingItAHighPas
     expectTones(RunFromResume(highPass, Channels{x}, 2000)[0], high, low);
 }
 
-TEST(OverlapSave, MonoOverloadAndInPlaceProcessingMatchTheBlockInterface) {
-    const Signal x = kesta::test::WhiteNoise(20000, 31);
+TEST(OverlapSave, MonoOverloadMatchesTheBlockInterface) {
+    Signal x = kesta::test::WhiteNoise(20000, 31), out(x.size());
     OverlapSave engine(kN, 1, kP, kL, OverlapSave::Hann);
     const Signal reference = RunFromResume(engine, Channels{x}, 500)[0];
-
-    Signal input = x, viaOverload(x.size()), inPlace = x;
     engine.Resume();
     for (std::size_t pos = 0; pos < x.size(); pos += 500)
-        engine.Process(input.data() + pos, viaOverload.data() + pos, 500);
-    engine.Resume();
-    for (std::size_t pos = 0; pos < x.size(); pos += 500) {
-        float* io[1] = {inPlace.data() + pos};
-        engine.Process(io, io, 1, 500);
-    }
-    EXPECT_TRUE(viaOverload == reference);
-    EXPECT_TRUE(inPlace == reference);
-}
-
-TEST(OverlapSave, ProcessAllocatesNothing) {
-    Channels input = kesta::test::NoiseChannels(3, 40000, 77);
-    Channels output = kesta::test::ZeroChannels(3, 40000);
-    OverlapSave engine(kN, 3, kP, kL, OverlapSave::BlackmanHarris);
-    engine.Resume();
-    float* in[3];
-    float* out[3];
-
-    kesta::test::AllocationCounter allocations;
-    std::size_t pos = 0;
-    for (int block : {1, 7, 1170, 4096, 333, 10000, 2, 10000, 10000, 4391}) {  // 40000 frames in all
-        for (int ch = 0; ch < 3; ++ch) {
-            in[ch] = input[ch].data() + pos;
-            out[ch] = output[ch].data() + pos;
-        }
-        engine.Process(in, out, 3, block);
-        pos += static_cast<std::size_t>(block);
-    }
-    ASSERT_EQ(pos, input[0].size());
-    EXPECT_EQ(allocations.Count(), 0);
-    EXPECT_GT(kesta::test::Rms(std::span(output[2]).subspan(kN)), 0.0) << "the engine did run";
+        engine.Process(x.data() + pos, out.data() + pos, 500);
+    EXPECT_TRUE(out == reference);
 }
 
 }  // namespace

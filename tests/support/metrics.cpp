@@ -19,18 +19,26 @@ double Rms(std::span<const float> x) {
     return static_cast<double>(std::sqrt(sum / static_cast<long double>(x.size())));
 }
 
+// A NaN anywhere makes the result NaN (std::max would drop it), so a bound on it fails.
 double Peak(std::span<const float> x) {
     double peak = 0.0;
-    for (float v : x)
-        peak = std::max(peak, std::fabs(static_cast<double>(v)));
+    for (float v : x) {
+        const double a = std::fabs(static_cast<double>(v));
+        if (std::isnan(a)) return a;
+        peak = std::max(peak, a);
+    }
     return peak;
 }
 
+// Likewise NaN when any pair differs by NaN.
 double MaxAbsDiff(std::span<const float> a, std::span<const float> b) {
     const std::size_t n = std::min(a.size(), b.size());
     double diff = 0.0;
-    for (std::size_t i = 0; i < n; ++i)
-        diff = std::max(diff, std::fabs(static_cast<double>(a[i]) - b[i]));
+    for (std::size_t i = 0; i < n; ++i) {
+        const double d = std::fabs(static_cast<double>(a[i]) - b[i]);
+        if (std::isnan(d)) return d;
+        diff = std::max(diff, d);
+    }
     return diff;
 }
 
