@@ -9,12 +9,8 @@
 namespace kesta_test {
 
 int IntegerBits(int format) {
-    const int sub = format & SF_FORMAT_SUBMASK;
-    return sub == SF_FORMAT_PCM_U8 || sub == SF_FORMAT_PCM_S8 ? 8
-           : sub == SF_FORMAT_PCM_16                          ? 16
-           : sub == SF_FORMAT_PCM_24                          ? 24
-           : sub == SF_FORMAT_PCM_32                          ? 32
-                                                              : 0;
+    const int sub = format & SF_FORMAT_SUBMASK;  // PCM_S8 ... PCM_32 are 1 ... 4
+    return sub == SF_FORMAT_PCM_U8 ? 8 : sub >= SF_FORMAT_PCM_S8 && sub <= SF_FORMAT_PCM_32 ? 8 * sub : 0;
 }
 
 double Quantise(double x, int bits) {
@@ -74,10 +70,7 @@ double LargestDifference(const Audio& a, const Audio& b) {
 }
 
 void WriteAudio(const std::filesystem::path& path, const Audio& audio) {
-    SF_INFO info{};
-    info.samplerate = audio.rate;
-    info.channels = int(audio.channels.size());
-    info.format = audio.format;
+    SF_INFO info{0, audio.rate, int(audio.channels.size()), audio.format, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     if (file == nullptr)
         throw std::runtime_error("cannot write fixture " + path.string() + ": " + sf_strerror(nullptr));

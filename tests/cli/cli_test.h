@@ -30,10 +30,11 @@ RunResult RunKesta(const std::vector<std::string>& args, const std::filesystem::
 // With stderr on a pseudo-terminal; `err` is what the terminal received. nullopt without one.
 std::optional<RunResult> RunKestaOnTerminal(const std::vector<std::string>& args);
 
-// Starts kesta without waiting; Finish() waits for it.
+// Starts kesta without waiting (as RunKesta does); Finish() waits for it.
 class RunningKesta {
 public:
-    explicit RunningKesta(const std::vector<std::string>& args);
+    explicit RunningKesta(const std::vector<std::string>& args, const std::filesystem::path& cwd = {},
+                          long fileSizeLimit = 0);
     ~RunningKesta();
     pid_t Pid() const { return mPid; }
     RunResult Finish();
@@ -83,6 +84,11 @@ protected:
         EXPECT_EQ(run.exitCode, 0) << run.err;
         return run;
     }
+    // The --json report of a run that must succeed.
+    static JsonValue Report(std::vector<std::string> args) {
+        args.push_back("--json");
+        return ParseJson(Ok(args).out);
+    }
 
     // Exactly one line on stderr, "kesta: error: ..." containing each of `mentions`, nothing on
     // stdout, exit status `code`.
@@ -101,15 +107,17 @@ protected:
         int code;
         std::vector<std::string> mentions;
     };
-    // `command in.wav out.wav --force ARGS` for each case: refused in one line, with out.wav (an
-    // earlier output) untouched and no file created or left behind.
+    // `command in.wav out.wav --force ARGS` for each case (ARGS alone when `command` is empty):
+    // refused in one line, with out.wav (an earlier output) untouched and no file created or left
+    // behind.
     void ExpectRefusals(const std::string& command, const std::vector<BadCase>& cases) const {
         WriteBytes(dir / "out.wav", "keep me");
         const std::vector<std::string> names = dir.Names();
         for (const BadCase& bad : cases) {
-            std::vector<std::string> args = {command, P("in.wav"), P("out.wav"), "--force"};
+            std::vector<std::string> args;
+            if (!command.empty()) args = {command, P("in.wav"), P("out.wav"), "--force"};
             args.insert(args.end(), bad.args.begin(), bad.args.end());
-            SCOPED_TRACE(testing::PrintToString(bad.args));
+            SCOPED_TRACE(testing::PrintToString(args));
             ExpectOneErrorLine(RunKesta(args), bad.code, bad.mentions);
             EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
             EXPECT_EQ(dir.Names(), names);

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <numbers>
 
 #include "cli_test.h"
 
@@ -55,12 +54,11 @@ class EqTest : public EqualiserTest {
 protected:
     EqTest() { input = SineMix(2, kRate, 2.0, tones = {100.0, 1000.0, 10000.0}); }
 
-    // eq in.wav NAME --response --json SETTINGS: the report, and NAME read back.
-    std::pair<JsonValue, Audio> Equalise(const std::string& name, const std::vector<std::string>& settings) {
-        std::vector<std::string> args = {"eq", P("in.wav"), P(name), "--response", "--json"};
-        args.insert(args.end(), settings.begin(), settings.end());
-        JsonValue report = ParseJson(Ok(args).out);
-        return {report, ReadAudio(dir / name)};
+    // eq in.wav NAME SETTINGS: NAME read back.
+    Audio Equalise(const std::string& name, std::vector<std::string> settings) {
+        settings.insert(settings.begin(), {"eq", P("in.wav"), P(name), "-q"});
+        Ok(settings);
+        return ReadAudio(dir / name);
     }
 };
 
@@ -70,78 +68,40 @@ const JsonValue& RowAt(const JsonValue& response, double hz) {
     throw std::runtime_error("no response row at " + std::to_string(hz) + " Hz");
 }
 
-// A digital Butterworth filter (bilinear, cutoff prewarped) of `order` at `cutoff`, in dB at hz.
+// The Butterworth curve of `order` at `cutoff`, in dB at hz (the analog magnitude on f/fc).
 double ButterworthDb(bool highPass, double cutoff, int order, double hz) {
-    const double ratio = std::tan(std::numbers::pi * hz / kRate) / std::tan(std::numbers::pi * cutoff / kRate);
+    const double ratio = hz / cutoff;
     return -10.0 * std::log10(1.0 + std::pow(highPass ? 1.0 / ratio : ratio, 2 * order));
 }
 
 TEST_F(EqTest, ABandGivesItsGainAtItsCentreAndLeavesOtherTonesAlone) {
-    const auto [report, out] = Equalise("out.wav", {"--band", "1000:2:6"});
+    const JsonValue report = Report({"eq", P("in.wav"), P("out.wav"), "--band", "1000:2:6", "--response"});
+    const Audio out = ReadAudio(dir / "out.wav");
     ExpectOnlyBoosted(out, 1000, 6.0);
     ExpectResponseMatches(report["response"], out);
-    EXPECT_EQ(RowAt(report["response"], 1000)["at"].string, "band 1");
-    EXPECT_TRUE(RowAt(report["response"], 100)["at"].IsNull());
-    EXPECT_EQ(report["latency_frames"].number, 0);
-
-    // The same curve from --rate alone, with nothing written.
-    const std::vector<std::string> names = dir.Names();
-    const JsonValue fromRate =
-        ParseJson(Ok({"eq", "--response", "--band", "1000:2:6", "--rate", "48000", "--json"}).out);
-    ASSERT_EQ(fromRate["response"].array.size(), report["response"].array.size());
-    for (std::size_t i = 0; i < report["response"].array.size(); ++i)
-        EXPECT_EQ(fromRate["response"][i]["gain_db"].number, report["response"][i]["gain_db"].number);
-    EXPECT_EQ(dir.Names(), names);
 }
 
 TEST_F(EqTest, CutFiltersHaveTheirOrderAndShelvesTheirSide) {
     // Order 8 at 2 kHz: about 48 dB down an octave below; the default order 4 at 500 Hz.
-    const auto [hpReport, hp] = Equalise("hp.wav", {"--highpass", "2000:8"});
+    const Audio hp = Equalise("hp.wav", {"--highpass", "2000:8"});
     EXPECT_NEAR(DbChange(hp, 0, 1000), ButterworthDb(true, 2000, 8, 1000), 0.5);
     EXPECT_NEAR(DbChange(hp, 1, 10000), ButterworthDb(true, 2000, 8, 10000), 0.1);
-    EXPECT_EQ(RowAt(hpReport["response"], 2000)["at"].string, "high-pass");
-    const auto [lpReport, lp] = Equalise("lp.wav", {"--lowpass", "500"});
+    const Audio lp = Equalise("lp.wav", {"--lowpass", "500"});
     EXPECT_NEAR(DbChange(lp, 1, 1000), ButterworthDb(false, 500, 4, 1000), 0.5);
     EXPECT_NEAR(DbChange(lp, 0, 100), ButterworthDb(false, 500, 4, 100), 0.1);
 
-    const auto [report, out] =
-        Equalise("shelves.wav", {"--low-shelf", "300:-12", "--high-shelf", "3000:6", "--gain", "-2"});
-    ExpectResponseMatches(report["response"], out);
+    const Audio out = Equalise("shelves.wav", {"--low-shelf", "300:-12", "--high-shelf", "3000:6", "--gain", "-2"});
     EXPECT_LT(DbChange(out, 0, 100), -2.0 - 6.0);    // below the low shelf: cut
     EXPECT_GT(DbChange(out, 0, 10000), -2.0 + 3.0);  // above the high shelf: lifted
 }
 
-TEST_F(EqTest, ZeroDecibelsReproducesTheInputInPlace) {
-    Ok({"eq", P("in.wav"), P("flat.wav"), "--quiet"});
-    Ok({"eq", P("in.wav"), P("zero.wav"), "--band", "1000:1:0", "--low-shelf", "100:0", "--high-shelf", "8000:0",
-        "-q"});
-    for (const char* name : {"flat.wav", "zero.wav"}) {
-        const Audio out = ReadAudio(dir / name);
-        ASSERT_EQ(out.channels.size(), input.channels.size()) << name;
-        ASSERT_EQ(out.Frames(), input.Frames()) << name;
-        EXPECT_LT(LargestDifference(input, out), 1e-6) << name;
-    }
-    // An integer file with three channels comes back bit for bit.
-    Audio three = SineMix(3, kRate, 0.5, tones);
-    three.format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
-    for (auto& channel : three.channels)
-        for (double& x : channel)
-            x = Quantise(x, 24);
-    WriteAudio(dir / "three.wav", three);
-    EXPECT_NE(Ok({"eq", P("three.wav"), P("three-out.wav")}).out.find("flat"), std::string::npos);
-    const Audio out = ReadAudio(dir / "three-out.wav");
-    EXPECT_EQ(out.format, three.format);
-    EXPECT_TRUE(out.channels == three.channels);
-}
-
 TEST_F(EqTest, TheResponseTableCoversTwentyHertzToTwentyKilohertz) {
     // The 31 third octaves from 20 Hz to 20 kHz, 80 Hz marked as the cutoff, and the band's centre
-    // added between 1000 and 1250 Hz.
-    std::vector<std::string> args = {"eq",       "--response", "--rate", "44100", "--band",
-                                     "1100:1:6", "--highpass", "80:2",   "-q"};
+    // added between 1000 and 1250 Hz; the text table and the JSON rows alike.
+    const std::vector<std::string> args = {"eq",       "--response", "--rate", "44100", "--band",
+                                           "1100:1:6", "--highpass", "80:2",   "-q"};
     const std::vector<std::string> text = Lines(Ok(args).out);
-    args.push_back("--json");
-    const JsonValue response = ParseJson(Ok(args).out)["response"];
+    const JsonValue response = Report(args)["response"];
     ASSERT_EQ(response.array.size(), 32u);
     ASSERT_EQ(text.size(), 33u);
     EXPECT_NE(text[0].find("Frequency (Hz)"), std::string::npos) << text[0];
@@ -162,38 +122,32 @@ TEST_F(EqTest, TheResponseTableCoversTwentyHertzToTwentyKilohertz) {
 
 TEST_F(EqTest, BadValuesSayOneLineAndTouchNothing) {
     WriteAudio(dir / "low-rate.wav", SineMix(1, 32000, 0.1, {1000.0}));
-    const std::vector<BadCase> cases = {
-        {{"--low-shelf", "100"}, 2, {"--low-shelf 100", "FREQ:GAIN"}},
-        {{"--high-shelf", "8000:x"}, 2, {"'x' is not a number"}},
-        {{"--band", "1000:6"}, 2, {"--band 1000:6", "FREQ:Q:GAIN"}},
-        {{"--band", "1000:0:6"}, 2, {"the Q 0 is out of range", "0.0001 to 10000"}},
-        {{"--band", "1000:1:50"}, 2, {"the gain 50 dB is out of range", "-48 to 48 dB"}},
-        {{"--band", "10:1:3"}, 2, {"the frequency 10 Hz is out of range", "20 to 22050 Hz"}},
-        {{"--highpass", "80:9"}, 2, {"--highpass 80:9", "the order 9 is out of range", "1 to 8"}},
-        {{"--lowpass", "8000:2.5"}, 2, {"not a whole number"}},
-        {{"--gain", "60"}, 2, {"--gain 60 is out of range", "-96 to 48 dB"}},
-        {{"--band", "100:1:1", "--band", "200:1:1", "--band", "300:1:1", "--band", "400:1:1", "--band", "500:1:1",
-          "--band", "600:1:1"},
-         2,
-         {"6 --band options", "at most five"}},
-        {{"--rate", "44100"}, 2, {"--rate goes only with --response"}},
-    };
-    ExpectRefusals("eq", cases);
-    const std::vector<std::string> names = dir.Names();
-    const std::pair<std::vector<std::string>, std::vector<std::string>> others[] = {
-        {{"eq", P("low-rate.wav"), P("new.wav"), "--band", "16000:1:3"},
-         {"--band 16000:1:3", "not below half the sample rate of '" + P("low-rate.wav") + "' (32000 Hz)",
-          "below 16000 Hz"}},
-        {{"eq", "--response", "--rate", "44100", "--lowpass", "22050"},
-         {"22050 Hz is not below half the sample rate of 44100 Hz (--rate)"}},
-        {{"eq", P("in.wav")}, {"no output file", "--response"}},
-        {{"eq", "--response", "--band", "1000:1:3"}, {"needs a sample rate", "--rate"}},
-    };
-    for (const auto& [args, mentions] : others)
-        ExpectOneErrorLine(RunKesta(args), 2, mentions);
-    ExpectOneErrorLine(RunKesta({"eq", P("in.wav"), P("out.wav")}), 4, {"already exists"});
-    ExpectOneErrorLine(RunKesta({"eq", P("out.wav"), P("new.wav")}), 3, {"out.wav"});
-    EXPECT_EQ(dir.Names(), names);
+    ExpectRefusals("eq", {
+                             {{"--low-shelf", "100"}, 2, {"--low-shelf 100", "FREQ:GAIN"}},
+                             {{"--high-shelf", "8000:x"}, 2, {"'x' is not a number"}},
+                             {{"--band", "1000:0:6"}, 2, {"the Q 0 is out of range", "0.0001 to 10000"}},
+                             {{"--band", "10:1:3"}, 2, {"the frequency 10 Hz is out of range", "20 to 22050 Hz"}},
+                             {{"--lowpass", "8000:2.5"}, 2, {"not a whole number"}},
+                             {{"--gain", "60"}, 2, {"--gain 60 is out of range", "-96 to 48 dB"}},
+                             {{"--band", "100:1:1", "--band", "200:1:1", "--band", "300:1:1", "--band", "400:1:1",
+                               "--band", "500:1:1", "--band", "600:1:1"},
+                              2,
+                              {"6 --band options", "at most five"}},
+                             {{"--rate", "44100"}, 2, {"--rate goes only with --response"}},
+                         });
+    ExpectRefusals("",
+                   {
+                       {{"eq", P("low-rate.wav"), P("new.wav"), "--band", "16000:1:3"},
+                        2,
+                        {"--band 16000:1:3", "not below half the sample rate of '" + P("low-rate.wav") + "' (32000 Hz)",
+                         "below 16000 Hz"}},
+                       {{"eq", "--response", "--rate", "44100", "--lowpass", "22050"},
+                        2,
+                        {"22050 Hz is not below half the sample rate of 44100 Hz (--rate)"}},
+                       {{"eq", P("in.wav")}, 2, {"no output file", "--response"}},
+                       {{"eq", "--response", "--band", "1000:1:3"}, 2, {"needs a sample rate", "--rate"}},
+                       {{"eq", P("in.wav"), P("out.wav")}, 4, {"already exists"}},
+                   });
 }
 
 // Centres of bands 4, 7 and 9 of the octave layout.
@@ -204,34 +158,24 @@ protected:
     GeqTest() { input = SineMix(2, kRate, 2.0, tones = {250.0, 2000.0, 8000.0}); }
 };
 
-// The 35 floats of a 140-byte preset, and back.
+// The 35 floats of a 140-byte preset.
 std::vector<float> PresetValues(const std::string& bytes) {
     std::vector<float> values(35);
     EXPECT_EQ(bytes.size(), 140u);
     std::memcpy(values.data(), bytes.data(), std::min<std::size_t>(bytes.size(), 140));
     return values;
 }
-std::string PresetBytes(const std::vector<float>& values) {
-    return std::string(reinterpret_cast<const char*>(values.data()), 140);
-}
 
 TEST_F(GeqTest, ABandGivesItsGainInPlaceAndLeavesTheOthersAlone) {
-    const JsonValue report = ParseJson(Ok({"geq", P("in.wav"), P("out.wav"), kBoost7, "--response", "--json"}).out);
+    const JsonValue report = Report({"geq", P("in.wav"), P("out.wav"), kBoost7, "--response"});
     const Audio out = ReadAudio(dir / "out.wav");
     ExpectOnlyBoosted(out, 2000, 6.0, true);
     ExpectResponseMatches(report["response"], out);
-    EXPECT_EQ(RowAt(report["response"], 2000)["at"].string, "band 7");
-    EXPECT_EQ(report["settings"]["centres_hz"][6].number, 2000);
 }
 
-TEST_F(GeqTest, FlatSettingsGiveTheInputBackAtLagZero) {
-    Ok({"geq", P("in.wav"), P("flat.wav"), "--quiet"});
-    const Audio flat = ReadAudio(dir / "flat.wav");
-    ASSERT_EQ(flat.Frames(), input.Frames());
-    EXPECT_LT(LargestDifference(input, flat), 1e-6);
-
+TEST_F(GeqTest, FlatSettingsAndAMasterGainLeaveEveryChannelItselfInPlace) {
     // Three channels (the third without a partner in the transforms), shorter than the filter's
-    // delay, and a master gain: every channel stays itself, scaled.
+    // delay.
     Audio three = SineMix(3, kRate, 0.1, tones);
     WriteAudio(dir / "three.wav", three);
     Ok({"geq", P("three.wav"), P("three-out.wav"), "--gain", "-6", "--bands", "30", "-q"});
@@ -247,31 +191,24 @@ TEST_F(GeqTest, FlatSettingsGiveTheInputBackAtLagZero) {
 TEST_F(GeqTest, APresetKeepsTheSettingsAndReproducesTheOutputBitForBit) {
     // Twenty bands, band 14 (2828 Hz) lifted, a master gain: the chunk holds them in index order.
     const std::string gains = "--gains=0,0,0,0,0,0,0,0,0,0,0,0,0,4,0,0,0,0,0,-3";
-    const RunResult first =
-        Ok({"geq", P("in.wav"), P("a.wav"), "--bands", "20", gains, "--gain", "-2", "--save-preset", P("p.kgq")});
-    EXPECT_NE(first.out.find("Saved the preset in"), std::string::npos) << first.out;
+    Ok({"geq", P("in.wav"), P("a.wav"), "--bands", "20", gains, "--gain", "-2", "--save-preset", P("p.kgq"), "-q"});
     const std::vector<float> values = PresetValues(ReadBytes(dir / "p.kgq"));
     EXPECT_EQ(values[0], 1000.0f);  // accuracy
     EXPECT_EQ(values[1], -2.0f);    // master gain
     EXPECT_EQ(values[4 + 13], 4.0f);
     EXPECT_EQ(values[4 + 19], -3.0f);
     EXPECT_EQ(values[34], 1.0f);  // 20 bands
-
-    const JsonValue report = ParseJson(Ok({"geq", P("in.wav"), P("b.wav"), "--preset", P("p.kgq"), "--json"}).out);
+    Ok({"geq", P("in.wav"), P("b.wav"), "--preset", P("p.kgq"), "-q"});
     EXPECT_TRUE(ReadAudio(dir / "a.wav").channels == ReadAudio(dir / "b.wav").channels);
-    EXPECT_EQ(report["settings"]["bands"].number, 20);
-    EXPECT_EQ(report["settings"]["gain_db"].number, -2);
 
     // Saved without any audio: the same chunk. A preset's master gain can be replaced.
     Ok({"geq", "--bands", "20", gains, "--gain", "-2", "--save-preset", P("again.kgq"), "-q"});
     EXPECT_EQ(ReadBytes(dir / "again.kgq"), ReadBytes(dir / "p.kgq"));
-    const auto response = [&](std::vector<std::string> extra) {
-        std::vector<std::string> args = {"geq", "--preset", P("p.kgq"), "--response", "--rate", "48000", "--json"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        return ParseJson(Ok(args).out)["response"][0]["gain_db"].number;
+    const auto lowest = [&](const std::string& gain) {
+        return Report(
+            {"geq", "--preset", P("p.kgq"), "--response", "--rate", "48000", "--gain=" + gain})["response"][0];
     };
-    EXPECT_NEAR(response({"--gain", "4"}) - response({}), 6.0, 1e-3);
-    EXPECT_EQ(dir.Names(), (std::vector<std::string>{"a.wav", "again.kgq", "b.wav", "in.wav", "p.kgq"}));
+    EXPECT_NEAR(lowest("4")["gain_db"].number - lowest("-2")["gain_db"].number, 6.0, 1e-3);
 }
 
 TEST_F(GeqTest, BadSettingsAndPresetsSayOneLineAndTouchNothing) {
@@ -279,19 +216,18 @@ TEST_F(GeqTest, BadSettingsAndPresetsSayOneLineAndTouchNothing) {
     const std::string good = ReadBytes(dir / "good.kgq");
     WriteBytes(dir / "short.kgq", good.substr(0, 100));
     WriteBytes(dir / "long.kgq", good + "xx");
-    std::vector<float> values = PresetValues(good);
-    values[4 + 2] = std::nanf("");
-    WriteBytes(dir / "nan.kgq", PresetBytes(values));
-    values = PresetValues(good);
-    values[34] = 1.5f;
-    WriteBytes(dir / "layout.kgq", PresetBytes(values));
+    const auto patched = [&](int index, float value) {  // `good` with one of its floats replaced
+        std::string bytes = good;
+        std::memcpy(bytes.data() + 4 * index, &value, 4);
+        return bytes;
+    };
+    WriteBytes(dir / "nan.kgq", patched(4 + 2, std::nanf("")));
+    WriteBytes(dir / "layout.kgq", patched(34, 1.5f));
 
     ExpectRefusals("geq",
                    {
                        {{"--gains", "1,2,3"}, 2, {"--gains has 3 value(s)", "10 bands need 10"}},
-                       {{"--bands", "20", kBoost7}, 2, {"has 10 value(s)", "20 bands need 20"}},
                        {{"--bands", "12"}, 2, {"--bands 12 is not a layout", "10", "20", "30"}},
-                       {{"--gains=0,0,x,0,0,0,0,0,0,0"}, 2, {"'x' is not a number"}},
                        {{"--gains=0,0,,0,0,0,0,0,0,0"}, 2, {"a field is empty"}},
                        {{"--gains=0,0,0,0,0,0,80,0,0,0"}, 2, {"80 dB of band 7 is out of range", "-59.9 to 59.9 dB"}},
                        {{"--gain", "70"}, 2, {"--gain 70 is out of range", "-64 to 64 dB"}},
@@ -306,11 +242,10 @@ TEST_F(GeqTest, BadSettingsAndPresetsSayOneLineAndTouchNothing) {
                        {{"--preset", dir.Path().string()}, 3, {"a directory"}},
                    });
     // A preset is an input too: never written over, not even with --force.
-    const std::vector<std::string> names = dir.Names();
-    ExpectOneErrorLine(RunKesta({"geq", "--preset", P("good.kgq"), "--save-preset", P("good.kgq"), "--force"}), 4,
-                       {"refusing to write", "good.kgq"});
+    ExpectRefusals("", {{{"geq", "--preset", P("good.kgq"), "--save-preset", P("good.kgq"), "--force"},
+                         4,
+                         {"refusing to write", "good.kgq"}}});
     EXPECT_EQ(ReadBytes(dir / "good.kgq"), good);
-    EXPECT_EQ(dir.Names(), names);
 }
 
 }  // namespace

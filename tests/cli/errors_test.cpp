@@ -1,5 +1,5 @@
 // One line naming the problem and an exit status a script can tell apart (2 usage, 3 input,
-// 4 output); the help and version.
+// 4 output); the help, the version and the self-check: what a person tries first.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,30 +11,31 @@ namespace {
 
 class ErrorsTest : public CliTest {};
 
-TEST_F(ErrorsTest, BadInputsAreInputErrors) {
+TEST_F(ErrorsTest, BadInputsAreInputErrorsEvenWhenQuiet) {
     std::filesystem::create_directory(dir / "folder");
     WriteBytes(dir / "empty.wav", "");
     WriteBytes(dir / "notes.txt", "Not audio at all, just a few words of text in a file.\n");
+    WriteAudio(dir / "cut.flac", ToneAndSilence24Flac());  // cut short: it fails to decode to the end
+    const std::string flac = ReadBytes(dir / "cut.flac");
+    WriteBytes(dir / "cut.flac", flac.substr(0, flac.size() / 2));
+    WriteAudio(dir / "locked.wav", StereoTone16());
+    ::chmod(P("locked.wav").c_str(), 0);
 
-    const std::pair<std::string, std::vector<std::string>> cases[] = {
+    std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
         {"missing.wav", {"missing.wav", "no such file"}},
         {"folder", {"folder", "directory"}},
         {"empty.wav", {"empty.wav", "empty"}},
         {"notes.txt", {"notes.txt", "as audio", "audio file"}},
+        {"cut.flac", {"cut.flac", "damaged"}},
     };
+    if (::geteuid() != 0)  // root reads files whatever their permissions
+        cases.push_back({"locked.wav", {"locked.wav", "permission denied"}});
     for (const auto& [name, mentions] : cases) {
         SCOPED_TRACE(name);
-        ExpectOneErrorLine(RunKesta({"info", P(name)}), 3, mentions);
+        ExpectOneErrorLine(RunKesta({"info", "--quiet", P(name)}), 3, mentions);
         ExpectOneErrorLine(RunKesta({"gain", P(name), P("out.wav"), "--db", "1"}), 3, mentions);
         EXPECT_FALSE(std::filesystem::exists(dir / "out.wav"));
     }
-}
-
-TEST_F(ErrorsTest, UnreadableInputIsAnInputError) {
-    if (::geteuid() == 0) GTEST_SKIP() << "root reads files whatever their permissions";
-    WriteAudio(dir / "locked.wav", StereoTone16());
-    ::chmod(P("locked.wav").c_str(), 0);
-    ExpectOneErrorLine(RunKesta({"info", P("locked.wav")}), 3, {"locked.wav", "permission denied"});
 }
 
 TEST_F(ErrorsTest, WrongCommandLinesAreUsageErrors) {
@@ -63,12 +64,10 @@ TEST_F(ErrorsTest, HelpAndVersion) {
     EXPECT_EQ(top.exitCode, 0);
     for (const char* word : {"selfcheck", "info", "gain", "denoise", "dehiss", "eq", "geq", "Exit status"})
         EXPECT_NE(top.out.find(word), std::string::npos) << word;
-
     const RunResult gain = RunKesta({"gain", "--help"});
     EXPECT_EQ(gain.exitCode, 0);
     for (const char* word : {"INPUT", "OUTPUT", "--db", "--force", "--quiet", "--json"})
         EXPECT_NE(gain.out.find(word), std::string::npos) << word;
-
     const RunResult bare = RunKesta({});
     EXPECT_EQ(bare.exitCode, 2);
     EXPECT_NE(bare.out.find("kesta COMMAND --help"), std::string::npos);
@@ -77,6 +76,21 @@ TEST_F(ErrorsTest, HelpAndVersion) {
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_EQ(run.out.substr(0, run.out.find('\n')), std::string("kesta ") + KESTADSP_VERSION);
     EXPECT_NE(run.out.find(std::string("KestaDSP library ") + KESTADSP_VERSION), std::string::npos) << run.out;
+}
+
+// kesta selfcheck: one row per library check, closed by "N passed, M failed"; all pass, exit 0.
+TEST_F(ErrorsTest, SelfcheckPassesEveryCheckAndSaysHowMany) {
+    const JsonValue report = Report({"selfcheck"});
+    ASSERT_FALSE(report["checks"].array.empty());
+    for (const JsonValue& check : report["checks"].array)
+        EXPECT_TRUE(check["passed"].boolean) << check["check"].string;
+    const std::vector<std::string> lines = Lines(Ok({"selfcheck"}).out);
+    EXPECT_EQ(lines.size(), report["checks"].array.size() + 2);  // a heading and the count
+    EXPECT_EQ(lines.back(), std::to_string(report["checks"].array.size()) + " passed, 0 failed");
+
+    const RunResult quiet = RunKesta({"selfcheck", "--quiet"});
+    EXPECT_EQ(quiet.exitCode, 0);
+    EXPECT_EQ(quiet.out + quiet.err, "");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-#include <algorithm>
-#include <cctype>
+#include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 
 #include "cli_test.h"
 
@@ -19,6 +19,8 @@ const JsonValue& JsonValue::operator[](std::size_t index) const {
 
 namespace {
 
+// Strict where a writer can go wrong (the structure; strings: escapes, control characters, UTF-8;
+// inf and nan are no numbers), lenient about the finer points of number syntax.
 struct Parser {
     const std::string& s;
     std::size_t i = 0;
@@ -26,16 +28,23 @@ struct Parser {
     [[noreturn]] void Fail(const std::string& what) const {
         throw std::runtime_error("invalid JSON at offset " + std::to_string(i) + ": " + what);
     }
+    bool At(std::string_view chars) const { return i < s.size() && chars.find(s[i]) != std::string_view::npos; }
     char Peek() {
-        while (i < s.size() && (s[i] == ' ' || s[i] == '\n' || s[i] == '\t' || s[i] == '\r'))
+        while (At(" \n\t\r"))
             ++i;
         return i < s.size() ? s[i] : '\0';
     }
     bool Take(char c) { return Peek() == c && (++i, true); }
-    void Expect(char c) {
-        if (!Take(c)) Fail(std::string("expected '") + c + "'");
-    }
     bool Word(const std::string& w) { return s.compare(i, w.size(), w) == 0 && (i += w.size(), true); }
+    // The items of an object or array up to `close`, each read by `item`.
+    template <typename Item>
+    void Items(char close, Item item) {
+        if (Take(close)) return;
+        do
+            item();
+        while (Take(','));
+        if (!Take(close)) Fail(std::string("expected '") + close + "'");
+    }
 
     JsonValue Value() {
         using T = JsonValue::Type;
@@ -43,64 +52,31 @@ struct Parser {
         const char c = Peek();
         if (Take('{')) {
             v.type = T::Object;
-            if (Take('}')) return v;
-            do {
+            Items('}', [&] {
                 if (Peek() != '"') Fail("expected a key");
                 const std::string key = String();
-                Expect(':');
+                if (!Take(':')) Fail("expected ':'");
                 v.object[key] = Value();
-            } while (Take(','));
-            Expect('}');
+            });
         } else if (Take('[')) {
             v.type = T::Array;
-            if (Take(']')) return v;
-            do
-                v.array.push_back(Value());
-            while (Take(','));
-            Expect(']');
+            Items(']', [&] { v.array.push_back(Value()); });
         } else if (c == '"') {
             v.type = T::String;
             v.string = String();
-        } else if (Word("true")) {
+        } else if (const bool yes = Word("true"); yes || Word("false")) {
             v.type = T::Bool;
-            v.boolean = true;
-        } else if (Word("false")) {
-            v.type = T::Bool;
+            v.boolean = yes;
         } else if (!Word("null")) {
-            const std::size_t length = NumberLength(i);
-            if (length == 0) Fail("expected a value");
+            char* end = nullptr;
             v.type = T::Number;
-            v.number = std::stod(s.substr(i, length));
-            i += length;
+            v.number = std::strtod(s.c_str() + i, &end);
+            const std::string number = s.substr(i, std::size_t(end - (s.c_str() + i)));
+            if (number.empty() || number.find_first_not_of("0123456789+-.eE") != std::string::npos)
+                Fail("expected a value");  // inf and nan included
+            i += number.size();
         }
         return v;
-    }
-
-    // Length of the JSON number starting at `at` (-?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?),
-    // 0 when there is none.
-    std::size_t NumberLength(std::size_t at) const {
-        std::size_t j = at;
-        auto digit = [&](std::size_t k) { return k < s.size() && s[k] >= '0' && s[k] <= '9'; };
-        auto digits = [&] {
-            const std::size_t from = j;
-            while (digit(j)) ++j;
-            return j > from;
-        };
-        if (j < s.size() && s[j] == '-') ++j;
-        if (j < s.size() && s[j] == '0')
-            ++j;
-        else if (!digits())
-            return 0;
-        if (j < s.size() && s[j] == '.') {
-            ++j;
-            if (!digits()) return 0;
-        }
-        if (j < s.size() && (s[j] == 'e' || s[j] == 'E')) {
-            ++j;
-            if (j < s.size() && (s[j] == '+' || s[j] == '-')) ++j;
-            if (!digits()) return 0;
-        }
-        return j - at;
     }
 
     std::string String() {
@@ -112,23 +88,23 @@ struct Parser {
             if (c == '"') return out;
             if (c < 0x20) Fail("control character in a string");
             if (c >= 0x80) {  // a whole UTF-8 sequence
-                const std::size_t more = c >= 0xF5 ? 9 : c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC2 ? 1 : 9;
-                if (more == 9 || i + more > s.size()) Fail("invalid UTF-8");
+                const std::size_t more = c >= 0xF5 || c < 0xC2 ? 9 : c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : 1;
+                if (more == 9 || s.size() - i < more) Fail("invalid UTF-8");
                 out += char(c);
-                for (std::size_t k = 0; k < more; ++k, ++i) {
+                for (std::size_t end = i + more; i < end; ++i) {
                     if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) Fail("invalid UTF-8");
                     out += s[i];
                 }
             } else if (c != '\\') {
                 out += char(c);
-            } else if (const auto k = std::string("\"\\/bfnrt").find(i < s.size() ? s[i] : 'x');
-                       k != std::string::npos) {
+            } else if (const auto k = std::string_view("\"\\/bfnrt").find(i < s.size() ? s[i] : 'x');
+                       k != std::string_view::npos) {
                 out += "\"\\/\b\f\n\r\t"[k];
                 ++i;
-            } else if (s.compare(i, 1, "u") == 0 && i + 5 <= s.size() &&
-                       std::all_of(s.begin() + long(i) + 1, s.begin() + long(i) + 5, ::isxdigit)) {
-                const unsigned long code = std::stoul(s.substr(i + 1, 4), nullptr, 16);
-                i += 5;
+            } else if (Word("u") && s.size() - i >= 4 &&
+                       s.substr(i, 4).find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
+                const unsigned long code = std::stoul(s.substr(i, 4), nullptr, 16);  // UTF-8 of up to 3 bytes
+                i += 4;
                 if (code < 0x80)
                     out += char(code);
                 else if (code < 0x800)

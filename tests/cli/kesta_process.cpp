@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <pty.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,27 +19,27 @@ namespace kesta_test {
 
 namespace {
 
+// A file in memory for what kesta prints: unlike a pipe, it never fills up and blocks kesta.
 int AnonymousFile() {
-    char name[] = "/tmp/kesta-cli-output-XXXXXX";
-    const int fd = ::mkstemp(name);
-    if (fd < 0) throw std::runtime_error("mkstemp failed");
-    ::unlink(name);
+    const int fd = ::memfd_create("kesta-output", 0);
+    if (fd < 0) throw std::runtime_error("memfd_create failed");
     return fd;
 }
 
+// Everything in the file from its start, or what a terminal received until its other end closed.
 std::string ReadAll(int fd) {
     std::string text;
     ::lseek(fd, 0, SEEK_SET);
     char buffer[4096];
     ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0)
-        text.append(buffer, std::size_t(n));
+    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0) text.append(buffer, std::size_t(n));
     ::close(fd);
     return text;
 }
 
 pid_t Spawn(const std::vector<std::string>& args, const std::filesystem::path& cwd, int out, int err,
-            long fileSizeLimit = 0) {
+            long fileSizeLimit) {
     std::vector<std::string> argv = {KESTA_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> raw;
@@ -88,29 +89,24 @@ std::vector<std::string> Lines(const std::string& text) {
 }
 
 RunResult RunKesta(const std::vector<std::string>& args, const std::filesystem::path& cwd, long fileSizeLimit) {
-    const int out = AnonymousFile(), err = AnonymousFile();
-    return Wait(Spawn(args, cwd, out, err, fileSizeLimit), out, err);
+    return RunningKesta(args, cwd, fileSizeLimit).Finish();
 }
 
 std::optional<RunResult> RunKestaOnTerminal(const std::vector<std::string>& args) {
     int master = -1, slave = -1;
     if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return std::nullopt;
     const int out = AnonymousFile(), unused = AnonymousFile();
-    const pid_t pid = Spawn(args, {}, out, slave);
+    const pid_t pid = Spawn(args, {}, out, slave, 0);
     ::close(slave);
-    std::string terminal;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(master, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))
-        if (n > 0) terminal.append(buffer, std::size_t(n));
-    ::close(master);
+    const std::string terminal = ReadAll(master);
     RunResult result = Wait(pid, out, unused);
     result.err = terminal;
     return result;
 }
 
-RunningKesta::RunningKesta(const std::vector<std::string>& args) : mOut(AnonymousFile()), mErr(AnonymousFile()) {
-    mPid = Spawn(args, {}, mOut, mErr);
+RunningKesta::RunningKesta(const std::vector<std::string>& args, const std::filesystem::path& cwd, long fileSizeLimit)
+    : mOut(AnonymousFile()), mErr(AnonymousFile()) {
+    mPid = Spawn(args, cwd, mOut, mErr, fileSizeLimit);
 }
 
 RunningKesta::~RunningKesta() {
@@ -127,8 +123,7 @@ RunResult RunningKesta::Finish() {
 }
 
 TempDir::TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kesta-cli-test-XXXXXX";
+    std::string pattern = (std::filesystem::temp_directory_path() / "kesta-cli-test-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     mPath = pattern;
 }

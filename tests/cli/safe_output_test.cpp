@@ -2,14 +2,19 @@
 // stray temporary, whatever ends the run.
 
 #include <signal.h>
+#include <sndfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
+#include "block_writer.h"
 #include "cli_test.h"
+#include "errors.h"
+#include "safe_output.h"
 
 namespace kesta_test {
 namespace {
@@ -20,24 +25,6 @@ protected:
     std::vector<std::string> Names() const { return dir.Names(); }
 };
 
-TEST_F(SafeOutputTest, ReplacesAnExistingFileOnlyWithForce) {
-    WriteBytes(dir / "out.wav", "precious");
-    ::chmod(P("out.wav").c_str(), 0640);
-
-    ExpectOneErrorLine(RunKesta({"gain", P("in.wav"), P("out.wav"), "--db", "1"}), 4,
-                       {"out.wav", "already exists", "--force"});
-    EXPECT_EQ(ReadBytes(dir / "out.wav"), "precious");
-    EXPECT_EQ(Names(), (std::vector<std::string>{"in.wav", "out.wav"}));
-
-    const RunResult forced = RunKesta({"gain", "--force", P("in.wav"), P("out.wav"), "--db", "1"});
-    ASSERT_EQ(forced.exitCode, 0) << forced.err;
-    EXPECT_EQ(ReadAudio(dir / "out.wav").Frames(), 48000);
-    struct stat info {};
-    ASSERT_EQ(::stat(P("out.wav").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0640u);  // the replaced file's permissions are kept
-    EXPECT_EQ(Names(), (std::vector<std::string>{"in.wav", "out.wav"}));
-}
-
 TEST_F(SafeOutputTest, NeverWritesOntoTheInputEvenWithForce) {
     const std::string original = ReadBytes(dir / "in.wav");
     ASSERT_EQ(::link(P("in.wav").c_str(), P("hard.wav").c_str()), 0);
@@ -45,55 +32,52 @@ TEST_F(SafeOutputTest, NeverWritesOntoTheInputEvenWithForce) {
     ASSERT_EQ(::symlink(".", P("here").c_str()), 0);
     const std::vector<std::string> before = Names();
 
-    struct Case {
-        const char* what;
-        std::vector<std::string> args;
-        std::filesystem::path cwd;
+    const std::tuple<const char*, std::string, std::string, std::filesystem::path> cases[] = {
+        {"the same path", P("in.wav"), P("in.wav"), {}},
+        {"./ spelling", "in.wav", "./in.wav", dir.Path()},
+        {"a hard link", P("in.wav"), P("hard.wav"), {}},
+        {"a symbolic link", P("in.wav"), P("soft.wav"), {}},
+        {"through a linked directory", P("in.wav"), P("here/in.wav"), {}},
+        {"a link as the input", P("soft.wav"), P("in.wav"), {}},
     };
-    const Case cases[] = {
-        {"the same path", {"gain", P("in.wav"), P("in.wav"), "--db", "1", "--force"}, {}},
-        {"./ spelling", {"gain", "in.wav", "./in.wav", "--db", "1", "--force"}, dir.Path()},
-        {"a hard link", {"gain", P("in.wav"), P("hard.wav"), "--db", "1", "--force"}, {}},
-        {"a symbolic link", {"gain", P("in.wav"), P("soft.wav"), "--db", "1", "--force"}, {}},
-        {"through a linked directory", {"gain", P("in.wav"), P("here/in.wav"), "--db", "1", "--force"}, {}},
-        {"a link as the input", {"gain", P("soft.wav"), P("in.wav"), "--db", "1", "--force"}, {}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        ExpectOneErrorLine(RunKesta(c.args, c.cwd), 4, {"refusing to write", "input"});
+    for (const auto& [what, in, out, cwd] : cases) {
+        SCOPED_TRACE(what);
+        ExpectOneErrorLine(RunKesta({"gain", in, out, "--db", "1", "--force"}, cwd), 4, {"refusing to write", "input"});
         EXPECT_EQ(ReadBytes(dir / "in.wav"), original);
         EXPECT_EQ(Names(), before);  // no temporary left behind
     }
 }
 
-TEST_F(SafeOutputTest, UnwritableTargetsFailBeforeAnythingIsWritten) {
+TEST_F(SafeOutputTest, ExistingOrUnwritableTargetsAreRefusedAndForceReplaces) {
     std::filesystem::create_directory(dir / "folder");
-    ExpectOneErrorLine(RunKesta({"gain", P("in.wav"), P("missing/out.wav"), "--db", "1"}), 4,
-                       {"missing", "does not exist"});
-    ExpectOneErrorLine(RunKesta({"gain", P("in.wav"), P("folder"), "--db", "1", "--force"}), 4,
-                       {"folder", "directory"});
-    ExpectOneErrorLine(RunKesta({"gain", P("in.wav"), "/dev/null", "--db", "1", "--force"}), 4,
-                       {"/dev/null", "regular file"});
-    EXPECT_EQ(Names(), (std::vector<std::string>{"folder", "in.wav"}));
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "folder"));
-}
-
-TEST_F(SafeOutputTest, AFailedWriteLeavesTheOldFileAndNoTemporary) {
-    // The file system refuses the output half-way, as a full disk would.
-    WriteBytes(dir / "out.wav", "previous");
-    const RunResult run = RunKesta({"gain", P("in.wav"), P("out.wav"), "--db", "1", "--force"}, {}, 50000);
-    ExpectOneErrorLine(run, 4, {"cannot write", "out.wav' after frame"});
-    EXPECT_EQ(ReadBytes(dir / "out.wav"), "previous");
-    EXPECT_EQ(Names(), (std::vector<std::string>{"in.wav", "out.wav"}));
-}
-
-TEST_F(SafeOutputTest, AnOutputFormatThatCannotHoldTheInputIsRefusedUpFront) {
     Audio wide;  // FLAC holds eight channels at most
     wide.channels.assign(9, std::vector<double>(100, 0.0));
     WriteAudio(dir / "wide.wav", wide);
-    ExpectOneErrorLine(RunKesta({"gain", P("wide.wav"), P("wide.flac"), "--db", "1"}), 2,
-                       {"wide.flac", "FLAC", "9 channel"});
-    EXPECT_EQ(Names(), (std::vector<std::string>{"in.wav", "wide.wav"}));
+    const std::string in = P("in.wav"), out = P("out.wav");
+    ExpectRefusals("",
+                   {
+                       {{"gain", in, out, "--db", "1"}, 4, {"out.wav", "already exists", "--force"}},
+                       {{"gain", in, P("missing/out.wav"), "--db", "1"}, 4, {"missing", "does not exist"}},
+                       {{"gain", in, P("folder"), "--db", "1", "--force"}, 4, {"folder", "directory"}},
+                       {{"gain", in, "/dev/null", "--db", "1", "--force"}, 4, {"/dev/null", "regular file"}},
+                       {{"gain", P("wide.wav"), P("wide.flac"), "--db", "1"}, 2, {"wide.flac", "FLAC", "9 channel"}},
+                   });
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "folder"));
+    const std::vector<std::string> names = Names();
+
+    // The file system refuses the output half-way, as a full disk would.
+    ExpectOneErrorLine(RunKesta({"gain", in, out, "--db", "1", "--force"}, {}, 50000), 4,
+                       {"cannot write", "out.wav' after frame"});
+    EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
+    EXPECT_EQ(Names(), names);
+
+    ::chmod(out.c_str(), 0640);
+    Ok({"gain", "--force", in, out, "--db", "1"});
+    EXPECT_EQ(ReadAudio(dir / "out.wav").Frames(), 48000);
+    struct stat info {};
+    ASSERT_EQ(::stat(out.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);  // the replaced file's permissions are kept
+    EXPECT_EQ(Names(), names);
 }
 
 TEST_F(SafeOutputTest, InterruptedRunLeavesTheOldFileAndNoTemporary) {
@@ -122,6 +106,30 @@ TEST_F(SafeOutputTest, InterruptedRunLeavesTheOldFileAndNoTemporary) {
     EXPECT_EQ(run.signal, SIGTERM);  // it dies of the signal, as a shell expects
     EXPECT_EQ(ReadBytes(dir / "out.wav"), "previous");
     EXPECT_EQ(Names(), (std::vector<std::string>{"in.wav", "out.wav", "pipe.wav"}));
+}
+
+// No test can write the 4 GiB that a WAV holds at most: the limit, and its refusal up front.
+TEST_F(SafeOutputTest, ContainersWithASizeLimitRefuseLongAudioUpFront) {
+    const kesta::AudioFormat wav{SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2};
+    const kesta::AudioFormat flac{SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 48000, 2};
+    // 4 bytes a frame: a little under 2^30 frames fit in 4 GiB.
+    const auto limit = kesta::BlockWriter::FrameLimit(wav);
+    ASSERT_TRUE(limit.has_value());
+    EXPECT_LT(*limit, int64_t(1) << 30);
+    EXPECT_GT(*limit, (int64_t(1) << 30) - 65536);
+    EXPECT_FALSE(kesta::BlockWriter::FrameLimit(flac).has_value());
+
+    const kesta::FileIdentity input = *kesta::IdentityOfPath(P("in.wav"));
+    kesta::SafeOutput output(P("long.wav"), {{P("in.wav"), input}}, false);
+    kesta::BlockWriter writer(output.Descriptor(), P("long.wav"), wav);
+    writer.ExpectFrames(*limit);
+    try {
+        writer.ExpectFrames(*limit + 1);
+        FAIL() << "a WAV longer than 4 GiB was accepted";
+    } catch (const kesta::CliError& error) {
+        EXPECT_EQ(error.Code(), kesta::kExitOutput);
+        EXPECT_NE(error.Message().find(".rf64"), std::string::npos) << error.Message();
+    }
 }
 
 }  // namespace
