@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <numbers>
 
 #include "dsp/core/denormal_guard.h"
 #include "dsp/filters/butterworth.h"
@@ -82,6 +81,8 @@ constexpr float kGainThresholdDb = 0.0001f;  // below this a shelf or band is sw
 constexpr float kSmoothingSeconds = 0.03f;
 // The two values a section's set-up carries that no shape reads.
 constexpr float kSpare = 0.1f;
+// The cut filters follow their drawn curve up to here (or 0.49 fs below 40.8 kHz).
+constexpr double kAudibleTopHz = 20000.0;
 
 bool IsSwitch(int index) {
     return std::find(std::begin(kSwitches), std::end(kSwitches), index) != std::end(kSwitches);
@@ -340,6 +341,18 @@ void Parametric::SetRuntimeParams() {
 
     const auto rate = static_cast<float>(mSampleRate);
     const bool stateVariable = On(mParams[kStateVariable]);
+    // The cut filters' designs are the same for every channel (and cost some tens of microseconds
+    // each), so each is made once.
+    const double top = kAudibleTopHz / mSampleRate;
+    const bool lowPassChanged = changed[kLowPassCutoff] || changed[kLowPassOrder];
+    const bool highPassChanged = changed[kHighPassCutoff] || changed[kHighPassOrder];
+    butterworth::Design lowPass, highPass;
+    if (lowPassChanged)
+        lowPass = butterworth::DesignCutFilter(true, OrderOf(mParams[kLowPassOrder]),
+                                               static_cast<double>(mParams[kLowPassCutoff]) / mSampleRate, top);
+    if (highPassChanged)
+        highPass = butterworth::DesignCutFilter(false, OrderOf(mParams[kHighPassOrder]),
+                                                static_cast<double>(mParams[kHighPassCutoff]) / mSampleRate, top);
     for (int c = 0; c < mChannelCount; ++c) {
         const auto ch = static_cast<std::size_t>(c);
         // 1. Shelf order. The new section takes the old one's settings but decides its enabled
@@ -371,12 +384,8 @@ void Parametric::SetRuntimeParams() {
             ApplyShelf(c, false);
         // 4. Cut filters. A filter switched on starts from silence rather than from whatever
         // history it held when it was switched off.
-        if (changed[kLowPassCutoff] || changed[kLowPassOrder])
-            mLowPass[ch].SetDesign(butterworth::DesignCutFilter(
-                true, OrderOf(mParams[kLowPassOrder]), static_cast<double>(mParams[kLowPassCutoff]) / mSampleRate));
-        if (changed[kHighPassCutoff] || changed[kHighPassOrder])
-            mHighPass[ch].SetDesign(butterworth::DesignCutFilter(
-                false, OrderOf(mParams[kHighPassOrder]), static_cast<double>(mParams[kHighPassCutoff]) / mSampleRate));
+        if (lowPassChanged) mLowPass[ch].SetDesign(lowPass);
+        if (highPassChanged) mHighPass[ch].SetDesign(highPass);
         if (changed[kLowPassOn] && On(mParams[kLowPassOn])) mLowPass[ch].Clear();
         if (changed[kHighPassOn] && On(mParams[kHighPassOn])) mHighPass[ch].Clear();
         // 5. Bands.
@@ -511,22 +520,14 @@ float Parametric::ComputeButterResponse(bool lowPass, float a, float b, int orde
 
 float Parametric::ComputeFilterResponse(float frequency) {
     Prepare();
-    const double rate = mSampleRate;
-    // The cut filters are drawn with the Butterworth magnitude on prewarped frequencies,
-    // tan(pi f/fs) against tan(pi fc/fs), with the cutoff held exactly as their design holds it:
-    // the magnitude a digital (bilinear) Butterworth of that order has. On the plain ratio f/fc
-    // no digital filter meets the curve (a first-order low-pass at 12 kHz would be drawn 0.4 dB
-    // off at 8 kHz and 16 dB off in an eighth-order stop band).
-    const auto warped = static_cast<float>(std::tan(std::numbers::pi * frequency / rate));
+    // The cut filters are drawn with the analog Butterworth magnitude on the plain ratio f/fc, and
+    // that is what they play: their design maps the analog poles exactly (no frequency warping)
+    // and fits the zeros to this very curve up to 20 kHz (limits in dsp/filters/butterworth.h).
     float m = 1.0f;
-    if (On(mParams[kHighPassOn])) {
-        const auto cutoff = static_cast<float>(butterworth::PrewarpedCutoff(mParams[kHighPassCutoff] / rate));
-        m = ComputeButterResponse(false, warped, cutoff, OrderOf(mParams[kHighPassOrder]), m);
-    }
-    if (On(mParams[kLowPassOn])) {
-        const auto cutoff = static_cast<float>(butterworth::PrewarpedCutoff(mParams[kLowPassCutoff] / rate));
-        m = ComputeButterResponse(true, warped, cutoff, OrderOf(mParams[kLowPassOrder]), m);
-    }
+    if (On(mParams[kHighPassOn]))
+        m = ComputeButterResponse(false, frequency, mParams[kHighPassCutoff], OrderOf(mParams[kHighPassOrder]), m);
+    if (On(mParams[kLowPassOn]))
+        m = ComputeButterResponse(true, frequency, mParams[kLowPassCutoff], OrderOf(mParams[kLowPassOrder]), m);
     if (mChannelCount > 0) {
         m = mLowShelf[0].computeResponse(frequency, m);
         m = mHighShelf[0].computeResponse(frequency, m);

@@ -35,9 +35,9 @@
 //   - ProcessOneSample(in, out): one frame of every channel through shelves, bands and gain; the
 //     cut filters and the bypass switch do not apply on this path.
 //   - ComputeFilterResponse(f): the linear magnitude of the cut filters, shelves and bands (not the
-//     output gain) at f Hz, clamped to [-256, 256]. The cut filters' term is the Butterworth
-//     magnitude on prewarped frequencies, 1 / sqrt(1 + (tan(pi f/fs) / tan(pi fc/fs))^(2N)) for
-//     the low-pass, which is exactly what the realised filters do.
+//     output gain) at f Hz, clamped to [-256, 256]. The cut filters' term is the analog
+//     Butterworth magnitude on the plain ratio, 1 / sqrt(1 + (f/fc)^(2N)) for the low-pass, which
+//     the filters follow up to 20 kHz within the limits given in dsp/filters/butterworth.h.
 //
 // Units: frequencies and bandwidths in Hz, gains in dB (linear = 10^(dB/20)), orders as numbers
 // (rounded half up). Latency: none (GetLatency() is 0); the phase is that of the recursive
