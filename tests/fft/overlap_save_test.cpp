@@ -215,6 +215,20 @@ TEST(OverlapSave, BaseHookIsALowPassAtOneEighthOfTheBandAndSubtractingItAHighPas
     expectTones(RunFromResume(highPass, Channels{x}, 2000)[0], high, low);
 }
 
+TEST(OverlapSave, BaseHookKeepsExactlyBinsZeroToOneEighth) {
+    struct Hook : OverlapSave {
+        using OverlapSave::OnSpectrum;
+    };
+    for (int bins : {9, 2049}) {
+        std::vector<float> re(static_cast<std::size_t>(bins), 1.0f), im = re;
+        float* r = re.data();
+        float* i = im.data();
+        Hook().OnSpectrum(&r, &i, 1, bins);
+        for (int k = 0; k < bins; ++k)
+            EXPECT_EQ(re[k] + im[k], k <= bins / 8 ? 2.0f : 0.0f) << k << " of " << bins;
+    }
+}
+
 TEST(OverlapSave, MonoOverloadMatchesTheBlockInterface) {
     Signal x = kesta::test::WhiteNoise(20000, 31), out(x.size());
     OverlapSave engine(kN, 1, kP, kL, OverlapSave::Hann);
