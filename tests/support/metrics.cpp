@@ -42,19 +42,6 @@ double MaxAbsDiff(std::span<const float> a, std::span<const float> b) {
     return diff;
 }
 
-double SnrDb(std::span<const float> reference, std::span<const float> test) {
-    const std::size_t n = std::min(reference.size(), test.size());
-    long double signal = 0.0L, error = 0.0L;
-    for (std::size_t i = 0; i < n; ++i) {
-        const long double r = reference[i];
-        const long double e = static_cast<long double>(test[i]) - r;
-        signal += r * r;
-        error += e * e;
-    }
-    if (error == 0.0L) return std::numeric_limits<double>::infinity();
-    return static_cast<double>(10.0L * std::log10(signal / error));
-}
-
 double LevelAt(std::span<const float> x, double frequency, double sampleRate) {
     const std::size_t n = x.size();
     if (n < 2) return 0.0;
@@ -78,23 +65,6 @@ double LevelAt(std::span<const float> x, double frequency, double sampleRate) {
     const long double a = (xs * cc - xc * sc) / det;
     const long double b = (xc * ss - xs * sc) / det;
     return static_cast<double>(std::sqrt(a * a + b * b));
-}
-
-int CrossCorrelationLag(std::span<const float> a, std::span<const float> b, int maxLag) {
-    int best = 0;
-    long double bestValue = -std::numeric_limits<long double>::infinity();
-    const auto na = static_cast<long long>(a.size());
-    const auto nb = static_cast<long long>(b.size());
-    for (int d = -maxLag; d <= maxLag; ++d) {
-        long double sum = 0.0L;
-        for (long long n = std::max(0LL, -static_cast<long long>(d)); n < na && n + d < nb; ++n)
-            sum += static_cast<long double>(a[n]) * b[n + d];
-        if (sum > bestValue) {
-            bestValue = sum;
-            best = d;
-        }
-    }
-    return best;
 }
 
 }  // namespace kesta::test

@@ -75,32 +75,6 @@ Signal Impulse(std::size_t frames, std::size_t position, double amplitude) {
     return x;
 }
 
-Signal Silence(std::size_t frames) {
-    return Signal(frames, 0.0f);
-}
-
-void AddClicks(Signal& x, std::span<const std::size_t> positions, double amplitude, int width) {
-    for (std::size_t start : positions) {
-        for (int i = 0; i < width && start + static_cast<std::size_t>(i) < x.size(); ++i) {
-            const double sign = (i % 2 == 0) ? 1.0 : -1.0;
-            const double decay = 1.0 - static_cast<double>(i) / width;
-            x[start + static_cast<std::size_t>(i)] += static_cast<float>(sign * amplitude * decay);
-        }
-    }
-}
-
-std::size_t HardClip(Signal& x, float ceiling) {
-    std::size_t changed = 0;
-    for (float& v : x) {
-        const float c = std::clamp(v, -ceiling, ceiling);
-        if (c != v) {
-            v = c;
-            ++changed;
-        }
-    }
-    return changed;
-}
-
 Signal Delayed(std::span<const float> x, std::size_t delay, double gain) {
     Signal y(x.size(), 0.0f);
     for (std::size_t n = delay; n < x.size(); ++n)
@@ -158,11 +132,6 @@ Channels RunInBlocks(const Channels& input, const BlockFunction& process, int bl
 Channels RunInRandomBlocks(const Channels& input, const BlockFunction& process, int maxBlock, uint64_t seed) {
     Random random(seed);
     return Run(input, process, [&random, maxBlock] { return random.UniformInt(1, std::max(maxBlock, 1)); });
-}
-
-Channels RunInPattern(const Channels& input, const BlockFunction& process, std::span<const int> pattern) {
-    std::size_t i = 0;
-    return Run(input, process, [&] { return std::max(pattern[i++ % pattern.size()], 1); });
 }
 
 }  // namespace kesta::test

@@ -40,13 +40,7 @@ Signal Sine(std::size_t frames, double frequency, double sampleRate, double ampl
 Signal LogSweep(std::size_t frames, double f0, double f1, double sampleRate, double amplitude = 1.0);
 // Zeros with one sample of `amplitude` at `position`.
 Signal Impulse(std::size_t frames, std::size_t position, double amplitude = 1.0);
-Signal Silence(std::size_t frames);
 
-// Adds a click of `width` samples at each position: a spike of `amplitude` decaying linearly to
-// zero with alternating sign, the shape of a record scratch more than a single impulse.
-void AddClicks(Signal& x, std::span<const std::size_t> positions, double amplitude, int width = 1);
-// Clamps every sample to [-ceiling, ceiling]; returns the number of samples changed.
-std::size_t HardClip(Signal& x, float ceiling);
 // x scaled by `gain` and delayed by `delay` frames (zeros in front), same length as x.
 Signal Delayed(std::span<const float> x, std::size_t delay, double gain = 1.0);
 // a + b sample by sample (the shorter is zero-extended).
@@ -66,7 +60,5 @@ using BlockFunction = std::function<void(float** in, float** out, int frames)>;
 Channels RunInBlocks(const Channels& input, const BlockFunction& process, int blockSize);
 // The same with block lengths drawn uniformly from [1, maxBlock] by a seeded generator.
 Channels RunInRandomBlocks(const Channels& input, const BlockFunction& process, int maxBlock, uint64_t seed);
-// The same with block lengths taken from `pattern` in turn.
-Channels RunInPattern(const Channels& input, const BlockFunction& process, std::span<const int> pattern);
 
 }  // namespace kesta::test
