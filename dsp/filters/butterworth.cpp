@@ -1,5 +1,6 @@
-// Butterworth cut filters: the matched-magnitude design (poles mapped exactly, zeros fitted to the
-// analog curve) and the direct-form-I cascade that runs it.
+// Butterworth cut filters: the matched-magnitude design (poles mapped exactly and zeros fitted to
+// the analog curve, or poles and zeros fitted together where that follows the curve more closely)
+// and the direct-form-I cascade that runs it.
 
 #include "dsp/filters/butterworth.h"
 
@@ -29,11 +30,22 @@ constexpr int kEvenPoints = 40;
 constexpr int kAbovePoints = 10;
 constexpr int kGridSize = kLogPoints + kEvenPoints + kAbovePoints;
 constexpr double kFloor = 1e-11;  // |H|^2 below -110 dB is followed loosely
-constexpr double kLooseWeight = 0.05;
+constexpr double kLooseWeight = 0.01;
 constexpr int kLawsonSteps = 12;
+// The fit with free poles: tried only where the mapped poles miss the curve by more than 0.01 dB
+// (as ln |H|^2), and for a low-pass only up to order 2 (from order 3 on the mapped poles come within
+// 0.01 dB of it, at up to four times the cost); plain linearised steps (low-pass only) before the
+// reweighted ones; the weight that holds a low-pass at -3 dB at its cutoff.
+constexpr double kCloseEnough = 0.01 * std::numbers::ln10 / 10.0;
+constexpr int kMaxFreeLowPassOrder = 2;
+constexpr int kLinearisedSteps = 4;
+constexpr int kFreeLawsonSteps = 8;
+constexpr double kCutoffWeight = 1e4;
+constexpr int kMaxUnknowns = 2 * kMaxFreeLowPassOrder > kMaxOrder + 1 ? 2 * kMaxFreeLowPassOrder : kMaxOrder + 1;
 
 using Complex = std::complex<double>;
-using Column = std::array<double, kGridSize>;
+// One column of a least-squares system: a row per grid point and one for a constraint.
+using Column = std::array<double, kGridSize + 1>;
 
 // An analog pole in radians per sample, s = re + j im; im > 0 stands for a conjugate pair, im = 0
 // for the real pole of an odd order.
@@ -41,8 +53,15 @@ struct Pole {
     double re = 0.0, im = 0.0;
 };
 
-// |A(e^jw)|^2 of the section with pole p mapped to z = e^p, as products of |1 - z e^-jw|^2 =
-// (1 - r)^2 + 4 r sin^2((w - arg z) / 2), which keeps full precision near DC for low cutoffs.
+// |1 - z e^-jw|^2 = (1 - r)^2 + 4 r sin^2((w - angle) / 2) for a root z = r e^(j angle), which keeps
+// full precision near DC for roots close to z = 1.
+double RootFactor(double r, double angle, double w) {
+    const double h = std::sin(0.5 * (w - angle));
+    return (1.0 - r) * (1.0 - r) + 4.0 * r * h * h;
+}
+
+// |A(e^jw)|^2 of the section with pole p mapped to z = e^p: RootFactor of e^p (and of its conjugate)
+// with 1 - r = -expm1(Re p) exactly.
 double PoleFactor(const Pole& p, double w) {
     const double r = std::exp(p.re);
     const double d = -std::expm1(p.re);  // 1 - r
@@ -53,35 +72,36 @@ double PoleFactor(const Pole& p, double w) {
     return p.im == 0.0 ? one(w) : one(w - p.im) * one(w + p.im);
 }
 
-// Least squares: x minimising |M x - b| for the first `cols` columns of M (Householder QR on
-// equilibrated columns). M and b are overwritten. False for a zero or non-finite column.
-bool LeastSquares(std::array<Column, kMaxOrder>& M, int cols, Column& b, double* x) {
-    double scale[kMaxOrder], diag[kMaxOrder];
+// Least squares: x minimising |M x - b| over the first `rows` rows of the first `cols` columns of M
+// (Householder QR on equilibrated columns). M and b are overwritten. False for a zero or
+// non-finite column.
+bool LeastSquares(Column* M, int cols, int rows, Column& b, double* x) {
+    double scale[kMaxUnknowns], diag[kMaxUnknowns];
     for (int j = 0; j < cols; ++j) {
         double sum = 0.0;
-        for (double v : M[j])
-            sum += v * v;
+        for (int i = 0; i < rows; ++i)
+            sum += M[j][i] * M[j][i];
         scale[j] = std::sqrt(sum);
         if (!(scale[j] > 0.0) || !std::isfinite(scale[j])) return false;
-        for (double& v : M[j])
-            v /= scale[j];
+        for (int i = 0; i < rows; ++i)
+            M[j][i] /= scale[j];
     }
     for (int k = 0; k < cols; ++k) {
         Column& v = M[k];
         double norm2 = 0.0;
-        for (int i = k; i < kGridSize; ++i)
+        for (int i = k; i < rows; ++i)
             norm2 += v[i] * v[i];
         double alpha = std::sqrt(norm2);
         if (!(alpha > 0.0)) return false;
         if (v[k] > 0.0) alpha = -alpha;
         v[k] -= alpha;  // v = column - alpha e_k, and v'v = -2 alpha v_k
         const double vv = -2.0 * alpha * v[k];
-        auto reflect = [&v, k, vv](Column& c) {
+        auto reflect = [&v, k, vv, rows](Column& c) {
             double dot = 0.0;
-            for (int i = k; i < kGridSize; ++i)
+            for (int i = k; i < rows; ++i)
                 dot += v[i] * c[i];
             const double t = 2.0 * dot / vv;
-            for (int i = k; i < kGridSize; ++i)
+            for (int i = k; i < rows; ++i)
                 c[i] -= t * v[i];
         };
         for (int j = k + 1; j < cols; ++j)
@@ -131,10 +151,10 @@ bool Roots(const double* p, int n, Complex* roots) {
     return worst <= 1e-9;
 }
 
-// The zero inside the unit circle that belongs to a root u of |B|^2: z + 1/z = 2 - 4u, |z| < 1.
+// The root inside the unit circle that belongs to a root u of |B|^2: z + 1/z = 2 - 4u, |z| < 1.
 Complex ZeroOf(Complex u) {
     const Complex beta = 2.0 - 4.0 * u;
-    Complex d = std::sqrt(beta * beta - 4.0);
+    Complex d = std::sqrt(16.0 * u * (u - 1.0));  // beta^2 - 4 without its cancellation near u = 0, 1
     if (std::abs(beta - d) > std::abs(beta + d)) d = -d;
     return 2.0 / (beta + d);  // 1 / the root outside, free of cancellation
 }
@@ -208,8 +228,8 @@ bool FitLowPassZeros(const Design& d, const Pole* poles, const Grid& grid, Compl
                 M[static_cast<std::size_t>(j)][i] = weight * basis[static_cast<std::size_t>(j)][i];
             b[i] = grid.base[i] * lawson[i] - weight;
         }
-        double x[kMaxOrder];
-        if (!LeastSquares(M, n, b, x)) break;
+        double x[kMaxUnknowns];
+        if (!LeastSquares(M.data(), n, kGridSize, b, x)) break;
         Column error;
         double inBand = 0.0, all = 0.0;
         for (int i = 0; i < kGridSize; ++i) {
@@ -257,19 +277,25 @@ bool FitLowPassZeros(const Design& d, const Pole* poles, const Grid& grid, Compl
     return true;
 }
 
-// Shares the zeros out as numerators: conjugate pairs together, real zeros paired in order, the
-// last real one to the first-order section for an odd order. False if the zeros are not real or
-// conjugate pairs.
-bool ShareZeros(const Complex* zeros, int n, Section* sections) {
+// A section's numerator or denominator 1 + c1 z^-1 + c2 z^-2 (c2 = 0 for the first-order one), and
+// its magnitude at DC taken from its roots, which keeps full precision for roots near z = 1.
+struct Factor {
+    double c1 = 0.0, c2 = 0.0, dc = 1.0;
+};
+
+// Shares roots out as section factors: conjugate pairs together (in the order given), real roots
+// paired in ascending order, the last real one to the first-order section for an odd order. False if
+// the roots are not real or conjugate pairs.
+bool ShareRoots(const Complex* roots, int n, Factor* factors) {
     double reals[kMaxOrder];
     int realCount = 0, pairCount = 0, lowerCount = 0;
     for (int k = 0; k < n; ++k) {
-        const Complex z = zeros[k];
+        const Complex z = roots[k];
         const double tolerance = 1e-9 * (1.0 + std::abs(z));
         if (std::fabs(z.imag()) <= tolerance) {
             reals[realCount++] = z.real();
         } else if (z.imag() > 0.0) {
-            sections[pairCount++] = {1.0, -2.0 * z.real(), std::norm(z), 0.0, 0.0};
+            factors[pairCount++] = {-2.0 * z.real(), std::norm(z), std::norm(1.0 - z)};
         } else {
             ++lowerCount;
         }
@@ -278,28 +304,164 @@ bool ShareZeros(const Complex* zeros, int n, Section* sections) {
     for (int i = 1; i < realCount; ++i)  // a few values: insertion sort
         for (int j = i; j > 0 && reals[j - 1] > reals[j]; --j)
             std::swap(reals[j - 1], reals[j]);
-    int section = pairCount;
+    int factor = pairCount;
     for (int k = 0; k + 1 < realCount; k += 2)
-        sections[section++] = {1.0, -(reals[k] + reals[k + 1]), reals[k] * reals[k + 1], 0.0, 0.0};
-    if (realCount % 2 != 0) sections[section] = {1.0, -reals[realCount - 1], 0.0, 0.0, 0.0};
+        factors[factor++] = {-(reals[k] + reals[k + 1]), reals[k] * reals[k + 1],
+                             std::fabs((1.0 - reals[k]) * (1.0 - reals[k + 1]))};
+    if (realCount % 2 != 0) factors[factor] = {-reals[realCount - 1], 0.0, std::fabs(1.0 - reals[realCount - 1])};
     return true;
 }
 
-// High-pass gain: the numerator is (1 - z^-1)^n and G = |gain|^2 is chosen so that the worst
-// in-band error in dB is as small as it can be (equal and opposite at its two extremes). Returns
-// log G; 0 and false when no point of the band lies above the floor.
-bool HighPassLogGain(const Design& d, const Pole* poles, const Grid& grid, double& logGain) {
+// The worst in-band error, |ln(|H|^2 / curve)|, of the cascade with these n zeros and n poles: with
+// unit gain at DC for a low-pass; for a high-pass with the gain G that centres the error (equal and
+// opposite at its two extremes), returned as ln G. Infinite, with ln G = 0, when no point of the band
+// lies above the floor.
+double WorstError(const Design& d, const Complex* zeros, const Complex* poles, const Grid& grid, double& logGain) {
+    const int n = d.order;
+    double zeroR[kMaxOrder], zeroArg[kMaxOrder], poleR[kMaxOrder], poleArg[kMaxOrder];
+    double dc = 1.0;
+    for (int k = 0; k < n; ++k) {
+        zeroR[k] = std::abs(zeros[k]);
+        zeroArg[k] = std::arg(zeros[k]);
+        poleR[k] = std::abs(poles[k]);
+        poleArg[k] = std::arg(poles[k]);
+        if (d.lowPass) dc *= std::norm(1.0 - poles[k]) / std::norm(1.0 - zeros[k]);
+    }
     double lo = std::numeric_limits<double>::infinity(), hi = -lo;
     for (int i = 0; i < kGridSize; ++i) {
         if (grid.base[i] != 1.0) continue;
-        double logRatio = d.order * std::log(4.0 * grid.u[i]) - std::log(grid.target[i]);
-        for (int k = 0; k < d.sectionCount; ++k)
-            logRatio -= std::log(PoleFactor(poles[k], grid.w[i]));
+        double ratio = dc / grid.target[i];
+        for (int k = 0; k < n; ++k)
+            ratio *= RootFactor(zeroR[k], zeroArg[k], grid.w[i]) / RootFactor(poleR[k], poleArg[k], grid.w[i]);
+        const double logRatio = std::log(ratio);
         lo = std::min(lo, logRatio);
         hi = std::max(hi, logRatio);
     }
-    logGain = hi >= lo ? -0.5 * (lo + hi) : 0.0;
-    return hi >= lo;
+    logGain = 0.0;
+    if (!(hi >= lo)) return std::numeric_limits<double>::infinity();
+    if (d.lowPass) return std::max(-lo, hi);
+    logGain = -0.5 * (lo + hi);
+    return 0.5 * (hi - lo);
+}
+
+double Horner(const double* p, int n, double x) {
+    double value = p[n];
+    for (int k = n - 1; k >= 0; --k)
+        value = value * x + p[k];
+    return value;
+}
+
+// Poles and zeros fitted together. On the unit circle |H|^2 is N(x) / D(x), both of degree n in
+// x = u / u(cutoff), u = sin^2(w/2). The high-pass keeps N = x^n (n zeros at DC) and fits D
+// (n + 1 coefficients) by weighted least squares on the relative error t D / x^n - 1, t the analog
+// |H|^2, reweighted towards the minimax (Lawson). The low-pass fits both with N(0) = D(0) = 1 (unit
+// gain at DC) and N(1) = D(1) / 2 (-3 dB at the cutoff, held by a heavily weighted row): the error
+// (N - t D) / (t D') is linear in the coefficients, D' the denominator of the step before (the
+// mapped poles at first), a few plain steps and then the reweighted ones. The step with the smallest
+// worst in-band error wins; D (and N) is then factored as the zeros are in FitLowPassZeros. False if
+// the fit does not give roots inside the unit circle.
+bool FitFreePoles(const Design& d, const Pole* analog, const Grid& grid, Complex* zeros, Complex* poles) {
+    const int n = d.order;
+    const bool lowPass = d.lowPass;
+    const double h = std::sin(kPi * d.normalisedCutoff);
+    const double scale = h * h;
+    Column x{}, xn{};
+    for (int i = 0; i < kGridSize; ++i) {
+        x[i] = grid.u[i] / scale;
+        xn[i] = std::pow(x[i], n);
+    }
+    // D' of the mapped poles: the product of (1 - x / x_k), x_k = -sinh^2(s_k / 2) / u(cutoff).
+    double num[kMaxOrder + 1] = {1.0}, den[kMaxOrder + 1] = {1.0};
+    int degree = 0;
+    for (int k = 0; k < d.sectionCount; ++k) {
+        const Complex sh = std::sinh(0.5 * Complex(analog[k].re, analog[k].im));
+        const Complex inverse = -scale / (sh * sh);
+        const bool pair = analog[k].im != 0.0;
+        const double c1 = pair ? -2.0 * inverse.real() : -inverse.real(), c2 = pair ? std::norm(inverse) : 0.0;
+        degree += pair ? 2 : 1;
+        for (int j = degree; j >= 1; --j)
+            den[j] += c1 * den[j - 1] + (j >= 2 ? c2 * den[j - 2] : 0.0);
+    }
+    const int cols = lowPass ? 2 * n : n + 1;
+    const int rows = lowPass ? kGridSize + 1 : kGridSize;
+    const int plainSteps = lowPass ? kLinearisedSteps : 0;
+    Column lawson;
+    lawson.fill(1.0);
+    double bestNum[kMaxOrder + 1] = {}, bestDen[kMaxOrder + 1] = {};
+    double bestError = std::numeric_limits<double>::infinity();
+    for (int step = 0; step < plainSteps + kFreeLawsonSteps; ++step) {
+        Column M[kMaxUnknowns];
+        Column b;
+        for (int i = 0; i < kGridSize; ++i) {
+            const double t = grid.target[i], weight = grid.base[i] * lawson[i];
+            double power = 1.0;
+            if (lowPass) {
+                const double w = weight / (t * Horner(den, n, x[i]));
+                for (int k = 0; k < n; ++k) {
+                    power *= x[i];
+                    M[k][i] = w * power;
+                    M[n + k][i] = -w * t * power;
+                }
+                b[i] = w * (t - 1.0);
+            } else {
+                const double w = weight * t / xn[i];
+                for (int k = 0; k <= n; ++k) {
+                    M[k][i] = w * power;
+                    power *= x[i];
+                }
+                b[i] = weight;
+            }
+        }
+        if (lowPass) {  // at the cutoff, x = 1: sum a_k - sum d_k / 2 = -1/2, relative to D'(1) / 2
+            const double w = kCutoffWeight / (0.5 * Horner(den, n, 1.0));
+            for (int k = 0; k < n; ++k) {
+                M[k][kGridSize] = w;
+                M[n + k][kGridSize] = -0.5 * w;
+            }
+            b[kGridSize] = -0.5 * w;
+        }
+        double c[kMaxUnknowns];
+        if (!LeastSquares(M, cols, rows, b, c)) break;
+        if (lowPass) {
+            std::copy(c, c + n, num + 1);
+            std::copy(c + n, c + 2 * n, den + 1);
+        } else {
+            std::copy(c, c + n + 1, den);
+        }
+        Column error{};
+        double inBand = 0.0, all = 0.0;
+        bool positive = true;
+        for (int i = 0; i < kGridSize && positive; ++i) {
+            const double numerator = lowPass ? Horner(num, n, x[i]) : xn[i], denominator = Horner(den, n, x[i]);
+            positive = numerator > 0.0 && denominator > 0.0;
+            error[i] = grid.base[i] * std::fabs(std::log(numerator / (grid.target[i] * denominator)));
+            all = std::max(all, error[i]);
+            if (grid.base[i] == 1.0) inBand = std::max(inBand, error[i]);
+        }
+        if (!positive || !std::isfinite(all)) break;  // a root on the unit circle: the weights would fail
+        if (inBand < bestError) {
+            bestError = inBand;
+            std::copy(num, num + n + 1, bestNum);
+            std::copy(den, den + n + 1, bestDen);
+        }
+        if (step >= plainSteps && all > 0.0)
+            for (int i = 0; i < kGridSize; ++i)
+                lawson[i] *= std::sqrt(error[i] / all + 1e-9);
+    }
+    if (!std::isfinite(bestError)) return false;
+    Complex roots[kMaxOrder];
+    if (!Roots(bestDen, n, roots)) return false;
+    for (int k = 0; k < n; ++k) {
+        poles[k] = ZeroOf(scale * roots[k]);
+        if (!(std::abs(poles[k]) < 1.0 - 1e-9)) return false;
+    }
+    if (!lowPass) return true;
+    if (!Roots(bestNum, n, roots)) return false;
+    for (int k = 0; k < n; ++k) {
+        zeros[k] = ZeroOf(scale * roots[k]);
+        if (!(std::abs(zeros[k]) < 1.0 - 1e-9)) return false;
+    }
+    return true;
 }
 
 // One sample through a cascade of S second-order sections followed, when First, by one first-order
@@ -373,53 +535,69 @@ Design DesignCutFilter(bool lowPass, int order, double normalisedCutoff, double 
     d.normalisedCutoff = ClampNormalisedCutoff(normalisedCutoff);
     d.bandTop = normalisedBandTop > kMinBandTop ? std::min(normalisedBandTop, kMaxBandTop) : kMinBandTop;
     d.sectionCount = (d.order + 1) / 2;
+    const int n = d.order;
 
     // Poles: wc e^(j (pi/2 + phi)), phi = (2k + 1) pi / 2n, mapped by z = e^s.
     const double wc = 2.0 * kPi * d.normalisedCutoff;
-    Pole poles[kMaxSections];
-    for (int k = 0; k < d.order / 2; ++k) {
-        const double phi = (2.0 * k + 1.0) * kPi / (2.0 * d.order);
-        poles[k] = {-wc * std::sin(phi), wc * std::cos(phi)};
+    Pole analog[kMaxSections];
+    for (int k = 0; k < n / 2; ++k) {
+        const double phi = (2.0 * k + 1.0) * kPi / (2.0 * n);
+        analog[k] = {-wc * std::sin(phi), wc * std::cos(phi)};
     }
-    if (d.order % 2 != 0) poles[d.sectionCount - 1] = {-wc, 0.0};
+    if (n % 2 != 0) analog[d.sectionCount - 1] = {-wc, 0.0};
+    Complex poles[kMaxOrder], zeros[kMaxOrder];
+    for (int k = 0, j = 0; k < d.sectionCount; ++k) {
+        poles[j++] = std::polar(std::exp(analog[k].re), analog[k].im);
+        if (analog[k].im != 0.0) poles[j++] = std::polar(std::exp(analog[k].re), -analog[k].im);
+    }
 
+    // The mapped poles with their zeros (for a low-pass fitted, or n at the Nyquist frequency should
+    // that fail; for a high-pass n at DC), then poles and zeros fitted together if that follows the
+    // curve more closely.
     Grid grid;
     FillGrid(grid, d);
-    Section numerators[kMaxSections];
-    bool fitted = false;
-    double logGain = 0.0;
-    if (lowPass) {
-        Complex zeros[kMaxOrder];
-        fitted = FitLowPassZeros(d, poles, grid, zeros) && ShareZeros(zeros, d.order, numerators);
-    } else {
-        fitted = HighPassLogGain(d, poles, grid, logGain);
+    Factor numerators[kMaxSections], denominators[kMaxSections];
+    if (!(lowPass && FitLowPassZeros(d, analog, grid, zeros) && ShareRoots(zeros, n, numerators))) {
+        std::fill(zeros, zeros + n, Complex(lowPass ? -1.0 : 1.0));
+        ShareRoots(zeros, n, numerators);
     }
-    double logSectionGains = 0.0;
-    for (int k = 0; k < d.sectionCount; ++k) {
-        const Pole& p = poles[k];
-        const bool first = p.im == 0.0;
-        Section& s = d.sections[static_cast<std::size_t>(k)];
-        const double r = std::exp(p.re);
-        s.a1 = first ? -r : -2.0 * r * std::cos(p.im);
-        s.a2 = first ? 0.0 : r * r;
-        if (lowPass) {
-            // Unit gain at DC; |A(1)| from the pole directly (1 + a1 + a2 cancels at low cutoffs).
-            Section n = numerators[k];
-            if (!fitted) n = first ? Section{1.0, 1.0, 0.0, 0.0, 0.0} : Section{1.0, 2.0, 1.0, 0.0, 0.0};
-            const double g = std::sqrt(PoleFactor(p, 0.0)) / (n.b0 + n.b1 + n.b2);
-            s.b0 = g * n.b0;
-            s.b1 = g * n.b1;
-            s.b2 = g * n.b2;
-        } else {
-            // Unit gain at the Nyquist frequency, corrected by the fitted gain below.
-            const double g = first ? 0.5 * (1.0 - s.a1) : 0.25 * (1.0 - s.a1 + s.a2);
-            logSectionGains += std::log(g);
-            s.b0 = g;
-            s.b1 = first ? -g : -2.0 * g;
-            s.b2 = first ? 0.0 : g;
+    ShareRoots(poles, n, denominators);
+    double logGain = 0.0;
+    double error = WorstError(d, zeros, poles, grid, logGain);
+    if (error > kCloseEnough && (!lowPass || n <= kMaxFreeLowPassOrder)) {
+        Complex freeZeros[kMaxOrder], freePoles[kMaxOrder];
+        std::copy(zeros, zeros + n, freeZeros);
+        Factor freeNumerators[kMaxSections], freeDenominators[kMaxSections];
+        double freeLogGain = 0.0;
+        if (FitFreePoles(d, analog, grid, freeZeros, freePoles) && ShareRoots(freeZeros, n, freeNumerators) &&
+            ShareRoots(freePoles, n, freeDenominators)) {
+            const double freeError = WorstError(d, freeZeros, freePoles, grid, freeLogGain);
+            if (freeError < error) {
+                error = freeError;
+                logGain = freeLogGain;
+                std::copy(freeNumerators, freeNumerators + d.sectionCount, numerators);
+                std::copy(freeDenominators, freeDenominators + d.sectionCount, denominators);
+            }
         }
     }
-    if (!lowPass && fitted) {
+
+    double logSectionGains = 0.0;
+    for (int k = 0; k < d.sectionCount; ++k) {
+        const Factor& a = denominators[k];
+        const Factor& b = numerators[k];
+        const bool first = k == d.sectionCount - 1 && n % 2 != 0;
+        Section& s = d.sections[static_cast<std::size_t>(k)];
+        s.a1 = a.c1;
+        s.a2 = a.c2;
+        // Unit gain at DC for a low-pass; for a high-pass unit gain at the Nyquist frequency,
+        // corrected by the fitted gain below.
+        const double g = lowPass ? a.dc / b.dc : (first ? 0.5 * (1.0 - a.c1) : 0.25 * (1.0 - a.c1 + a.c2));
+        if (!lowPass) logSectionGains += std::log(g);
+        s.b0 = g;
+        s.b1 = g * b.c1;
+        s.b2 = g * b.c2;
+    }
+    if (!lowPass && std::isfinite(error)) {
         // Share the correction sqrt(G) / prod(g_k) out evenly.
         const double c = std::exp((0.5 * logGain - logSectionGains) / d.sectionCount);
         for (int k = 0; k < d.sectionCount; ++k) {

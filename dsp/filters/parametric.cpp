@@ -521,8 +521,8 @@ float Parametric::ComputeButterResponse(bool lowPass, float a, float b, int orde
 float Parametric::ComputeFilterResponse(float frequency) {
     Prepare();
     // The cut filters are drawn with the analog Butterworth magnitude on the plain ratio f/fc, and
-    // that is what they play: their design maps the analog poles exactly (no frequency warping)
-    // and fits the zeros to this very curve up to 20 kHz (limits in dsp/filters/butterworth.h).
+    // that is what they play: their design fits the digital response to this very curve up to
+    // 20 kHz, with no frequency warping (limits in dsp/filters/butterworth.h).
     float m = 1.0f;
     if (On(mParams[kHighPassOn]))
         m = ComputeButterResponse(false, frequency, mParams[kHighPassCutoff], OrderOf(mParams[kHighPassOrder]), m);

@@ -184,7 +184,8 @@ TEST(ParametricParameters, RangeCommandRescalesEveryFrequencyAndStoresNothing) {
 
 // The cascade's |H| from its coefficients against the analog curve, from 20 Hz to min(20 kHz,
 // 0.49 fs) where the curve is above -100 dB, for cutoffs from 20 Hz to 20 kHz: within the limits
-// butterworth.h documents (0.1 dB is out of reach for low orders at 44.1 and 48 kHz).
+// butterworth.h documents (0.1 dB is out of reach for the low-pass of order 1 and 2 and the
+// high-pass of order 1 at 44.1 and 48 kHz). Above the band top it stays within 2.5 dB of the curve.
 TEST(ButterworthDesign, FollowsThePlainAnalogCurveWithinItsDocumentedLimits) {
     using namespace dsp::butterworth;
     struct Row {
@@ -193,12 +194,12 @@ TEST(ButterworthDesign, FollowsThePlainAnalogCurveWithinItsDocumentedLimits) {
         double limit[kMaxOrder];
     };
     const Row rows[] = {
-        {44100, true, {0.36, 0.16, 0.075, 0.05, 0.05, 0.045, 0.035, 0.03}},
-        {48000, true, {0.23, 0.075, 0.05, 0.05, 0.035, 0.017, 0.009, 0.005}},
-        {96000, true, {0.03, 0.03, 0.03, 0.03, 0.03, 0.03, 0.03, 0.03}},
-        {44100, false, {0.58, 0.70, 0.58, 0.44, 0.32, 0.22, 0.16, 0.11}},
-        {48000, false, {0.42, 0.40, 0.26, 0.14, 0.075, 0.04, 0.02, 0.01}},
-        {96000, false, {0.04, 0.04, 0.04, 0.04, 0.04, 0.04, 0.04, 0.04}},
+        {44100, true, {0.35, 0.145, 0.075, 0.035, 0.02, 0.015, 0.012, 0.006}},
+        {48000, true, {0.23, 0.065, 0.022, 0.014, 0.012, 0.008, 0.006, 0.003}},
+        {96000, true, {0.012, 0.012, 0.012, 0.012, 0.012, 0.012, 0.012, 0.012}},
+        {44100, false, {0.18, 0.095, 0.05, 0.025, 0.015, 0.012, 0.012, 0.012}},
+        {48000, false, {0.12, 0.045, 0.015, 0.012, 0.012, 0.012, 0.012, 0.012}},
+        {96000, false, {0.012, 0.012, 0.012, 0.012, 0.012, 0.012, 0.012, 0.012}},
     };
     auto magnitude = [](const Design& d, long double f) {
         const std::complex<long double> z = std::polar(1.0L, -2.0L * std::numbers::pi_v<long double> * f);
@@ -213,7 +214,7 @@ TEST(ButterworthDesign, FollowsThePlainAnalogCurveWithinItsDocumentedLimits) {
     for (const Row& row : rows) {
         const double top = std::min(20000.0, 0.49 * row.rate);
         for (int order = 1; order <= kMaxOrder; ++order) {
-            double worst = 0.0;
+            double worst = 0.0, above = -100.0;
             for (int c = 0; c <= 30; ++c) {
                 const double cutoff = 20.0 * std::pow(1000.0, c / 30.0);
                 const Design d = DesignCutFilter(row.lowPass, order, cutoff / row.rate, 20000.0 / row.rate);
@@ -222,9 +223,15 @@ TEST(ButterworthDesign, FollowsThePlainAnalogCurveWithinItsDocumentedLimits) {
                     const long double want = AnalogButterworth(row.lowPass, order, cutoff, f);
                     if (want > 1e-5L) worst = std::max(worst, std::fabs(ToDb(magnitude(d, f / row.rate) / want)));
                 }
+                for (int i = 1; i <= 10; ++i) {
+                    const double f = top + (0.4999 * row.rate - top) * i / 10.0;
+                    const long double want = std::max(AnalogButterworth(row.lowPass, order, cutoff, f), 1e-5L);
+                    above = std::max(above, ToDb(magnitude(d, f / row.rate) / want));
+                }
             }
             EXPECT_LE(worst, row.limit[order - 1])
                 << row.rate << " Hz " << (row.lowPass ? "low" : "high") << "-pass order " << order;
+            EXPECT_LE(above, 2.5) << row.rate << " Hz " << (row.lowPass ? "low" : "high") << "-pass order " << order;
         }
     }
     // Stable with finite coefficients at any cutoff (held or not) and band top, both types (odd n:
@@ -270,29 +277,35 @@ TEST(ParametricCutFilters, DrawnCurveIsTheButterworthFormulaWithTheOrderRoundedH
     }
 }
 
-class ParametricDrawnResponse : public ::testing::TestWithParam<int> {};
+class ParametricDrawnResponse : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
-// Every shelf and band plus both cut filters, rebuilt at 96 kHz after running at 44.1 kHz (the
-// rate where every order meets 0.1 dB); odd orders with first-order shelves in direct form, even
-// orders with second-order shelves, and the state-variable realisation from order 5 on.
+// Every shelf and band plus both cut filters, run at 44.1 kHz and then at the rate under test (a
+// rebuild at 96 kHz); odd orders with first-order shelves in direct form, even orders with
+// second-order shelves, and the state-variable realisation from order 5 on. At 44.1 kHz the 12 kHz
+// low-pass of order 1 runs 0.13 dB off its curve and those of order 2 and 3 0.08 and 0.07 dB.
 TEST_P(ParametricDrawnResponse, MatchesTheMeasuredResponseAcrossTheAudioBand) {
-    const int order = GetParam();
+    const auto [order, rate] = GetParam();
     Parametric eq = Shaped(1, 40.0f, 12000.0f, order);
     eq.SetParameter(P::kLowShelfSecondOrder, order % 2 == 0 ? 1.0f : 0.0f);
     eq.SetParameter(P::kHighShelfSecondOrder, order % 2 == 0 ? 1.0f : 0.0f);
     eq.SetParameter(P::kStateVariable, order >= 5 ? 1.0f : 0.0f);
     float sample = 0.25f;
     eq.Process(&sample, &sample, 1);
-    eq.SetSampleRate(96000);
+    eq.SetSampleRate(rate);
     eq.Resume();
+    const double tolerance = rate == 96000 ? 0.02 : (order == 1 ? 0.14 : (order <= 3 ? 0.1 : 0.05));
     for (int i = 0; i < 30; ++i) {  // log-spaced from 20 Hz to 20 kHz
         const auto f = static_cast<float>(20.0 * std::pow(1000.0, i / 29.0));
-        EXPECT_NEAR(MeasuredGainDb(eq, f, 96000.0), ToDb(eq.ComputeFilterResponse(f)), 0.1) << "at " << f << " Hz";
+        EXPECT_NEAR(MeasuredGainDb(eq, f, rate), ToDb(eq.ComputeFilterResponse(f)), tolerance) << "at " << f << " Hz";
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(CutOrders, ParametricDrawnResponse, ::testing::Range(1, 9),
-                         [](const auto& info) { return "Order" + std::to_string(info.param); });
+INSTANTIATE_TEST_SUITE_P(CutOrders, ParametricDrawnResponse,
+                         ::testing::Combine(::testing::Range(1, 9), ::testing::Values(44100, 96000)),
+                         [](const auto& info) {
+                             return "Order" + std::to_string(std::get<0>(info.param)) + "At" +
+                                    std::to_string(std::get<1>(info.param));
+                         });
 
 // ---- Sections switched off, bypass, pending changes -----------------------------------------
 
