@@ -159,6 +159,24 @@ Complex ZeroOf(Complex u) {
     return 2.0 / (beta + d);  // 1 / the root outside, free of cancellation
 }
 
+// The n roots u_k of p[0] + ... + p[n] u^n, with u scaled by uScale, as their roots z inside the unit
+// circle (ZeroOf). False if the roots do not settle or one lies on the circle (|B|^2 < 0 somewhere).
+bool FactorInsideUnitCircle(const double* p, int n, double uScale, Complex* out) {
+    Complex roots[kMaxOrder];
+    if (!Roots(p, n, roots)) return false;
+    for (int k = 0; k < n; ++k) {
+        out[k] = ZeroOf(uScale * roots[k]);
+        if (!(std::abs(out[k]) < 1.0 - 1e-9)) return false;
+    }
+    return true;
+}
+
+// One Lawson step: each point's weight grows with its share of the worst error.
+void Reweight(Column& lawson, const Column& error, double worst) {
+    for (int i = 0; i < kGridSize; ++i)
+        lawson[i] *= std::sqrt(error[i] / worst + 1e-9);
+}
+
 struct Grid {
     Column w{}, u{}, target{}, base{};
 };
@@ -245,8 +263,7 @@ bool FitLowPassZeros(const Design& d, const Pole* poles, const Grid& grid, Compl
             std::copy(x, x + n, best);
         }
         if (!(all > 0.0)) break;
-        for (int i = 0; i < kGridSize; ++i)
-            lawson[i] *= std::sqrt(error[i] / all + 1e-9);
+        Reweight(lawson, error, all);
     }
     if (!std::isfinite(bestError)) return false;
 
@@ -268,13 +285,7 @@ bool FitLowPassZeros(const Design& d, const Pole* poles, const Grid& grid, Compl
             std::copy(next, next + kMaxOrder + 1, current);
         }
     }
-    Complex roots[kMaxOrder];
-    if (!Roots(p, n, roots)) return false;
-    for (int k = 0; k < n; ++k) {
-        zeros[k] = ZeroOf(roots[k]);
-        if (!(std::abs(zeros[k]) < 1.0 - 1e-9)) return false;  // a zero on the circle: P < 0 somewhere
-    }
-    return true;
+    return FactorInsideUnitCircle(p, n, 1.0, zeros);
 }
 
 // A section's numerator or denominator 1 + c1 z^-1 + c2 z^-2 (c2 = 0 for the first-order one), and
@@ -444,24 +455,11 @@ bool FitFreePoles(const Design& d, const Pole* analog, const Grid& grid, Complex
             std::copy(num, num + n + 1, bestNum);
             std::copy(den, den + n + 1, bestDen);
         }
-        if (step >= plainSteps && all > 0.0)
-            for (int i = 0; i < kGridSize; ++i)
-                lawson[i] *= std::sqrt(error[i] / all + 1e-9);
+        if (step >= plainSteps && all > 0.0) Reweight(lawson, error, all);
     }
     if (!std::isfinite(bestError)) return false;
-    Complex roots[kMaxOrder];
-    if (!Roots(bestDen, n, roots)) return false;
-    for (int k = 0; k < n; ++k) {
-        poles[k] = ZeroOf(scale * roots[k]);
-        if (!(std::abs(poles[k]) < 1.0 - 1e-9)) return false;
-    }
-    if (!lowPass) return true;
-    if (!Roots(bestNum, n, roots)) return false;
-    for (int k = 0; k < n; ++k) {
-        zeros[k] = ZeroOf(scale * roots[k]);
-        if (!(std::abs(zeros[k]) < 1.0 - 1e-9)) return false;
-    }
-    return true;
+    if (!FactorInsideUnitCircle(bestDen, n, scale, poles)) return false;
+    return !lowPass || FactorInsideUnitCircle(bestNum, n, scale, zeros);
 }
 
 // One sample through a cascade of S second-order sections followed, when First, by one first-order
