@@ -6,12 +6,12 @@
 //
 //   kesta_bench_restoration --benchmark_filter=NoNoise
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "bench_support.h"
 #include "dsp/nonoise.h"
@@ -119,8 +119,8 @@ void BM_NoNoiseFrameKernel(benchmark::State& state) {
             tables[lane][3].push_back(0.99);
             tables[lane][4].push_back(0.0);
         }
-        g.lane[lane] = {tables[lane][0].data(), tables[lane][1].data(), tables[lane][2].data(),
-                        tables[lane][3].data(), tables[lane][4].data()};
+        g.lane[lane] = {tables[lane][0].data(), tables[lane][1].data(), tables[lane][2].data(), tables[lane][3].data(),
+                        tables[lane][4].data()};
     }
     // Each pass scales the spectrum down; it is restored before the next (a 32 KB copy, timed
     // too) so the values never drift towards zero and subnormals.

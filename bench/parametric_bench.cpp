@@ -72,9 +72,8 @@ Channels Tail(int channels) {
 
 // One pass of the whole input through the block path.
 void Stream(Parametric& eq, const Channels& in, Channels& out) {
-    kesta::bench::StreamBlocks(in, out, kBlock, [&eq](float** i, float** o, int channels, int frames) {
-        eq.Process(i, o, channels, frames);
-    });
+    kesta::bench::StreamBlocks(
+        in, out, kBlock, [&eq](float** i, float** o, int channels, int frames) { eq.Process(i, o, channels, frames); });
 }
 
 // args: cut filters (0/1), state-variable realisation (0/1), input (0 = music, 1 = tail)

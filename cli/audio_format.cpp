@@ -3,16 +3,20 @@
 #include <sndfile.h>
 
 #include <algorithm>
-#include <cctype>
 #include <array>
+#include <cctype>
 #include <string_view>
 
 #include "errors.h"
 
 namespace kesta {
 
-int AudioFormat::Container() const { return sndfileFormat & SF_FORMAT_TYPEMASK; }
-int AudioFormat::Encoding() const { return sndfileFormat & SF_FORMAT_SUBMASK; }
+int AudioFormat::Container() const {
+    return sndfileFormat & SF_FORMAT_TYPEMASK;
+}
+int AudioFormat::Encoding() const {
+    return sndfileFormat & SF_FORMAT_SUBMASK;
+}
 
 namespace {
 
@@ -22,19 +26,19 @@ struct Name {
 };
 
 constexpr Name kContainerNames[] = {
-    {SF_FORMAT_WAV, "WAV"},         {SF_FORMAT_WAVEX, "WAV (extensible)"},
-    {SF_FORMAT_RF64, "RF64"},       {SF_FORMAT_W64, "Wave64"},
-    {SF_FORMAT_AIFF, "AIFF"},       {SF_FORMAT_CAF, "CAF"},
-    {SF_FORMAT_FLAC, "FLAC"},       {SF_FORMAT_OGG, "Ogg"},
-    {SF_FORMAT_MPEG, "MPEG"},       {SF_FORMAT_AU, "AU"},
-    {SF_FORMAT_RAW, "raw"},         {SF_FORMAT_PAF, "PAF"},
-    {SF_FORMAT_SVX, "8SVX"},        {SF_FORMAT_NIST, "NIST SPHERE"},
-    {SF_FORMAT_VOC, "VOC"},         {SF_FORMAT_IRCAM, "IRCAM"},
-    {SF_FORMAT_MAT4, "MAT4"},       {SF_FORMAT_MAT5, "MAT5"},
-    {SF_FORMAT_PVF, "PVF"},         {SF_FORMAT_XI, "XI"},
-    {SF_FORMAT_HTK, "HTK"},         {SF_FORMAT_SDS, "SDS"},
-    {SF_FORMAT_AVR, "AVR"},         {SF_FORMAT_SD2, "SD2"},
-    {SF_FORMAT_WVE, "WVE"},         {SF_FORMAT_MPC2K, "MPC2K"},
+    {SF_FORMAT_WAV, "WAV"},   {SF_FORMAT_WAVEX, "WAV (extensible)"},
+    {SF_FORMAT_RF64, "RF64"}, {SF_FORMAT_W64, "Wave64"},
+    {SF_FORMAT_AIFF, "AIFF"}, {SF_FORMAT_CAF, "CAF"},
+    {SF_FORMAT_FLAC, "FLAC"}, {SF_FORMAT_OGG, "Ogg"},
+    {SF_FORMAT_MPEG, "MPEG"}, {SF_FORMAT_AU, "AU"},
+    {SF_FORMAT_RAW, "raw"},   {SF_FORMAT_PAF, "PAF"},
+    {SF_FORMAT_SVX, "8SVX"},  {SF_FORMAT_NIST, "NIST SPHERE"},
+    {SF_FORMAT_VOC, "VOC"},   {SF_FORMAT_IRCAM, "IRCAM"},
+    {SF_FORMAT_MAT4, "MAT4"}, {SF_FORMAT_MAT5, "MAT5"},
+    {SF_FORMAT_PVF, "PVF"},   {SF_FORMAT_XI, "XI"},
+    {SF_FORMAT_HTK, "HTK"},   {SF_FORMAT_SDS, "SDS"},
+    {SF_FORMAT_AVR, "AVR"},   {SF_FORMAT_SD2, "SD2"},
+    {SF_FORMAT_WVE, "WVE"},   {SF_FORMAT_MPC2K, "MPC2K"},
 };
 
 constexpr Name kEncodingNames[] = {
@@ -87,7 +91,7 @@ struct ExtensionRule {
     std::string_view extension;
     int container;
     std::array<int, 3> family;  // unused slots are 0
-    int encoding;  // the encoding the extension implies (lossy containers), or 0 for "the input's"
+    int encoding;               // the encoding the extension implies (lossy containers), or 0 for "the input's"
 };
 
 const ExtensionRule kExtensionRules[] = {
@@ -142,15 +146,21 @@ std::string DescribeFormat(int sndfileFormat) {
 int IntegerSampleBits(int sndfileFormat) {
     switch (sndfileFormat & SF_FORMAT_SUBMASK) {
         case SF_FORMAT_PCM_S8:
-        case SF_FORMAT_PCM_U8: return 8;
+        case SF_FORMAT_PCM_U8:
+            return 8;
         case SF_FORMAT_PCM_16:
-        case SF_FORMAT_ALAC_16: return 16;
-        case SF_FORMAT_ALAC_20: return 20;
+        case SF_FORMAT_ALAC_16:
+            return 16;
+        case SF_FORMAT_ALAC_20:
+            return 20;
         case SF_FORMAT_PCM_24:
-        case SF_FORMAT_ALAC_24: return 24;
+        case SF_FORMAT_ALAC_24:
+            return 24;
         case SF_FORMAT_PCM_32:
-        case SF_FORMAT_ALAC_32: return 32;
-        default: return 0;
+        case SF_FORMAT_ALAC_32:
+            return 32;
+        default:
+            return 0;
     }
 }
 
@@ -166,7 +176,8 @@ AudioFormat ChooseOutputFormat(const AudioFormat& input, const std::string& outp
                                    [&](const ExtensionRule& r) { return r.extension == ext; });
     if (rule == std::end(kExtensionRules)) return output;  // no or unknown extension: keep the input's format
 
-    const bool sameFamily = std::find(rule->family.begin(), rule->family.end(), input.Container()) != rule->family.end();
+    const bool sameFamily =
+        std::find(rule->family.begin(), rule->family.end(), input.Container()) != rule->family.end();
     const bool encodingFits = rule->encoding == 0 || rule->encoding == input.Encoding();
     if (sameFamily && encodingFits) return output;
 

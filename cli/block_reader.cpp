@@ -19,10 +19,14 @@ constexpr float kInt32ToFloat = 1.0f / 2147483648.0f;  // exact: a power of two
 [[noreturn]] void ThrowOpenFailure(const std::string& path, int error) {
     const std::string what = "cannot open input " + Quoted(path);
     switch (error) {
-        case ENOENT: throw InputError(what, "no such file", "check the name and the current directory");
-        case EACCES: throw InputError(what, "permission denied", "check the file's permissions");
-        case ENOTDIR: throw InputError(what, "a part of the path is not a directory", "check the path");
-        default: throw InputError(what, SystemReason(error), "check the path and the file");
+        case ENOENT:
+            throw InputError(what, "no such file", "check the name and the current directory");
+        case EACCES:
+            throw InputError(what, "permission denied", "check the file's permissions");
+        case ENOTDIR:
+            throw InputError(what, "a part of the path is not a directory", "check the path");
+        default:
+            throw InputError(what, SystemReason(error), "check the path and the file");
     }
 }
 
@@ -56,8 +60,9 @@ BlockReader::BlockReader(std::string path) : mPath(std::move(path)) {
     // libsndfile owns the descriptor from here, and closes it even when it fails to open.
     mFile = sf_open_fd(fd, SFM_READ, &sfinfo, SF_TRUE);
     if (mFile == nullptr)
-        throw InputError("cannot read " + Quoted(mPath) + " as audio", SndfileReason(nullptr),
-                         "is it an audio file? kesta reads WAV, AIFF, FLAC, Ogg, MP3 and the other formats of libsndfile");
+        throw InputError(
+            "cannot read " + Quoted(mPath) + " as audio", SndfileReason(nullptr),
+            "is it an audio file? kesta reads WAV, AIFF, FLAC, Ogg, MP3 and the other formats of libsndfile");
     if (sfinfo.channels < 1 || sfinfo.samplerate < 1) {
         sf_close(mFile);
         mFile = nullptr;
@@ -111,10 +116,12 @@ bool BlockReader::Read(AudioBlock& block) {
         float* out = block.Channel(c);
         if (mIntegerBits > 0) {
             const int32_t* in = mInterleavedInt.data() + c;
-            for (std::size_t i = 0; i < frames; ++i) out[i] = float(in[i * channels]) * kInt32ToFloat;
+            for (std::size_t i = 0; i < frames; ++i)
+                out[i] = float(in[i * channels]) * kInt32ToFloat;
         } else {
             const float* in = mInterleavedFloat.data() + c;
-            for (std::size_t i = 0; i < frames; ++i) out[i] = in[i * channels];
+            for (std::size_t i = 0; i < frames; ++i)
+                out[i] = in[i * channels];
         }
     }
     block.SetFrames(frames);

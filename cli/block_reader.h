@@ -37,7 +37,9 @@ public:
     AudioMetadata Metadata() const;
 
     // A block shaped for this file.
-    AudioBlock MakeBlock(std::size_t frames = kDefaultBlockFrames) const { return AudioBlock(mFormat.channels, frames); }
+    AudioBlock MakeBlock(std::size_t frames = kDefaultBlockFrames) const {
+        return AudioBlock(mFormat.channels, frames);
+    }
 
     // Fills the block with the next frames (up to its capacity) and returns true, or returns false
     // with an empty block once the file is exhausted. Throws an input error on a read failure.

@@ -43,7 +43,8 @@ BlockWriter::~BlockWriter() {
 }
 
 void BlockWriter::SetMetadata(const AudioMetadata& metadata) {
-    for (const auto& [id, value] : metadata.strings) sf_set_string(mFile, id, value.c_str());
+    for (const auto& [id, value] : metadata.strings)
+        sf_set_string(mFile, id, value.c_str());
     if (metadata.broadcast) {
         SF_BROADCAST_INFO broadcast = *metadata.broadcast;
         sf_command(mFile, SFC_SET_BROADCAST_INFO, &broadcast, sizeof(broadcast));
@@ -56,7 +57,7 @@ std::optional<int64_t> BlockWriter::FrameLimit(const AudioFormat& format) {
     int bytes = IntegerSampleBits(format.sndfileFormat) / 8;
     if (format.Encoding() == SF_FORMAT_FLOAT) bytes = 4;
     if (format.Encoding() == SF_FORMAT_DOUBLE) bytes = 8;
-    if (bytes == 0 || format.channels < 1) return std::nullopt;  // compressed encodings: not worth a guess
+    if (bytes == 0 || format.channels < 1) return std::nullopt;     // compressed encodings: not worth a guess
     const int64_t room = int64_t(0xFFFFFFFF) - (int64_t(1) << 16);  // the 32-bit size fields, less room for headers
     return room / (int64_t(bytes) * format.channels);
 }

@@ -1,7 +1,6 @@
 #include "console.h"
 
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
 
 #include "progress.h"
@@ -14,11 +13,12 @@ void AddReportOptions(CLI::App& command, ReportOptions& options) {
 }
 
 void AddForceOption(CLI::App& command, bool& force) {
-    command.add_flag("-f,--force", force,
-                     "Replace OUTPUT if it exists (never the input: that is refused)");
+    command.add_flag("-f,--force", force, "Replace OUTPUT if it exists (never the input: that is refused)");
 }
 
-bool Console::ShowsProgress() const { return !mOptions.quiet && Progress::StderrIsTerminal(); }
+bool Console::ShowsProgress() const {
+    return !mOptions.quiet && Progress::StderrIsTerminal();
+}
 
 void Console::Warn(const std::string& message) {
     mWarnings.push_back(message);

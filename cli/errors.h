@@ -50,7 +50,9 @@ inline CliError OutputError(const std::string& what, const std::string& why, con
 }
 
 // A path as it appears in messages: 'path'.
-inline std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+inline std::string Quoted(const std::string& path) {
+    return "'" + path + "'";
+}
 
 // The system's words for an errno value, shaped for the middle of a line: "no such file or directory".
 inline std::string SystemReason(int error) {

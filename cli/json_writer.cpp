@@ -15,10 +15,14 @@ std::size_t Utf8SequenceLength(std::string_view text, std::size_t i) {
     std::size_t length = 0;
     uint32_t code = 0;
     if (lead < 0x80) return 1;
-    if (lead >= 0xC2 && lead <= 0xDF) length = 2, code = lead & 0x1F;
-    else if (lead >= 0xE0 && lead <= 0xEF) length = 3, code = lead & 0x0F;
-    else if (lead >= 0xF0 && lead <= 0xF4) length = 4, code = lead & 0x07;
-    else return 0;
+    if (lead >= 0xC2 && lead <= 0xDF)
+        length = 2, code = lead & 0x1F;
+    else if (lead >= 0xE0 && lead <= 0xEF)
+        length = 3, code = lead & 0x0F;
+    else if (lead >= 0xF0 && lead <= 0xF4)
+        length = 4, code = lead & 0x07;
+    else
+        return 0;
     if (i + length > text.size()) return 0;
     for (std::size_t k = 1; k < length; ++k) {
         if ((byte(i + k) & 0xC0) != 0x80) return 0;
@@ -68,7 +72,9 @@ JsonWriter::~JsonWriter() {
     if (mDone) mOut << '\n';
 }
 
-void JsonWriter::NewLine() { mOut << '\n' << std::string(2 * mLevels.size(), ' '); }
+void JsonWriter::NewLine() {
+    mOut << '\n' << std::string(2 * mLevels.size(), ' ');
+}
 
 void JsonWriter::BeforeValue() {
     if (mAfterKey) {

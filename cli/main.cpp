@@ -2,9 +2,9 @@
 // Parses the command line, runs the chosen command, and turns every failure into one error line
 // on stderr and an exit status (see errors.h).
 
-#include <CLI/CLI.hpp>
 #include <sndfile.h>
 
+#include <CLI/CLI.hpp>
 #include <cctype>
 #include <cstdio>
 #include <exception>
@@ -13,18 +13,18 @@
 #include <vector>
 
 #include "command.h"
-#include "errors.h"
 #include "dsp/initializer.h"
 #include "dsp/version.h"
+#include "errors.h"
 
 namespace kesta {
 
 namespace {
 
-constexpr const char* kDescription =
-    "kesta runs the KestaDSP audio library on sound files, one command per job.";
+constexpr const char* kDescription = "kesta runs the KestaDSP audio library on sound files, one command per job.";
 
-constexpr const char* kFooter = R"help(Every command reads the formats of libsndfile (WAV, AIFF, FLAC, Ogg/Vorbis, MP3, ...) block by
+constexpr const char* kFooter =
+    R"help(Every command reads the formats of libsndfile (WAV, AIFF, FLAC, Ogg/Vorbis, MP3, ...) block by
 block, so an hour-long file needs memory for a block, not for the file. Outputs keep the input's
 format, sample rate and channel count. They are written to a temporary file beside the target and
 moved into place only when complete: never onto the input, and never over an existing file
@@ -42,11 +42,13 @@ Examples:
   kesta denoise take1.wav clean.wav --noise 0:1.5
                                             remove the noise heard alone in the first 1.5 s)help";
 
-void PrintError(const std::string& message) { std::fprintf(stderr, "kesta: error: %s\n", message.c_str()); }
+void PrintError(const std::string& message) {
+    std::fprintf(stderr, "kesta: error: %s\n", message.c_str());
+}
 
 std::string VersionText() {
-    return std::string("kesta ") + KESTADSP_VERSION + "\n" + dsp::kLibraryName + " library " + dsp::GetLibraryVersion() +
-           "\n" + sf_version_string();
+    return std::string("kesta ") + KESTADSP_VERSION + "\n" + dsp::kLibraryName + " library " +
+           dsp::GetLibraryVersion() + "\n" + sf_version_string();
 }
 
 // CLI11 starts its messages with a capital; in the middle of our line they read better without.
@@ -72,14 +74,16 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->column_width(32);
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
-    const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta), AddGainCommand(kesta),
-                                           AddDenoiseCommand(kesta), AddDehissCommand(kesta),
-                                           AddEqCommand(kesta), AddGeqCommand(kesta)};
-    for (const Command& command : commands) command.app->group("Commands");
+    const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta),   AddGainCommand(kesta),
+                                           AddDenoiseCommand(kesta),   AddDehissCommand(kesta), AddEqCommand(kesta),
+                                           AddGeqCommand(kesta)};
+    for (const Command& command : commands)
+        command.app->group("Commands");
 
     if (argc > 1 && argv[1][0] != '-') {
         bool known = false;
-        for (const Command& command : commands) known = known || command.app->check_name(argv[1]);
+        for (const Command& command : commands)
+            known = known || command.app->check_name(argv[1]);
         if (!known)
             throw UsageError("unknown command " + Quoted(argv[1]), "", "run 'kesta --help' for the list of commands");
     }

@@ -24,14 +24,22 @@ int TerminalColumns() {
 }  // namespace
 
 Progress::Progress(std::string label, std::optional<int64_t> totalFrames, int sampleRate, bool enabled)
-    : mLabel(std::move(label)), mTotal(totalFrames), mSampleRate(sampleRate), mEnabled(enabled),
-      mStart(std::chrono::steady_clock::now()), mLastDraw(mStart) {
+    : mLabel(std::move(label)),
+      mTotal(totalFrames),
+      mSampleRate(sampleRate),
+      mEnabled(enabled),
+      mStart(std::chrono::steady_clock::now()),
+      mLastDraw(mStart) {
     if (mTotal && *mTotal <= 0) mTotal.reset();
 }
 
-Progress::~Progress() { Finish(); }
+Progress::~Progress() {
+    Finish();
+}
 
-bool Progress::StderrIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+bool Progress::StderrIsTerminal() {
+    return ::isatty(STDERR_FILENO) == 1;
+}
 
 void Progress::Advance(int64_t frames) {
     mDone += frames;

@@ -24,7 +24,8 @@ void WriteAudioFields(JsonWriter& json, const AudioFormat& format, int64_t frame
 
 void WriteWarnings(JsonWriter& json, const std::vector<std::string>& warnings) {
     json.Key("warnings").BeginArray();
-    for (const std::string& warning : warnings) json.String(warning);
+    for (const std::string& warning : warnings)
+        json.String(warning);
     json.EndArray();
 }
 

@@ -58,7 +58,8 @@ void RefuseUnsuitableTarget(const std::string& target, const std::vector<SafeOut
         if (S_ISDIR(file.st_mode))
             throw OutputError(what, "it is a directory", "give a file name, such as " + target + "/out.wav");
         if (!S_ISREG(file.st_mode))
-            throw OutputError(what, "it is not a regular file (a device, pipe or socket)", "choose a regular file name");
+            throw OutputError(what, "it is not a regular file (a device, pipe or socket)",
+                              "choose a regular file name");
         mode = file.st_mode & 07777;
     }
     if (!force)
@@ -70,14 +71,22 @@ void RefuseUnsuitableTarget(const std::string& target, const std::vector<SafeOut
     const std::string what = "cannot write output " + Quoted(target);
     const std::string directory = Quoted(DirectoryOf(target));
     switch (error) {
-        case ENOENT: throw OutputError(what, "directory " + directory + " does not exist", "create it first or choose another place");
-        case ENOTDIR: throw OutputError(what, "a part of the path is not a directory", "check the path");
+        case ENOENT:
+            throw OutputError(what, "directory " + directory + " does not exist",
+                              "create it first or choose another place");
+        case ENOTDIR:
+            throw OutputError(what, "a part of the path is not a directory", "check the path");
         case EACCES:
-        case EPERM: throw OutputError(what, "no permission to create files in " + directory, "choose a directory you can write to");
-        case EROFS: throw OutputError(what, directory + " is on a read-only file system", "choose another place");
+        case EPERM:
+            throw OutputError(what, "no permission to create files in " + directory,
+                              "choose a directory you can write to");
+        case EROFS:
+            throw OutputError(what, directory + " is on a read-only file system", "choose another place");
         case ENOSPC:
-        case EDQUOT: throw OutputError(what, "no space left in " + directory, "free some space or choose another place");
-        default: throw OutputError(what, SystemReason(error), "check the path");
+        case EDQUOT:
+            throw OutputError(what, "no space left in " + directory, "free some space or choose another place");
+        default:
+            throw OutputError(what, SystemReason(error), "check the path");
     }
 }
 
@@ -100,7 +109,9 @@ SafeOutput::SafeOutput(std::string target, const std::vector<Input>& inputs, boo
     }
 }
 
-SafeOutput::~SafeOutput() { Discard(); }
+SafeOutput::~SafeOutput() {
+    Discard();
+}
 
 void SafeOutput::Discard() noexcept {
     SignalHold hold;
@@ -113,15 +124,18 @@ void SafeOutput::Discard() noexcept {
 
 void SafeOutput::Commit() {
     const std::string what = "cannot write output " + Quoted(mTarget);
-    if (::fsync(mFd) != 0) throw OutputError(what, "saving to disk failed: " + SystemReason(errno), "check the free space and the disk");
+    if (::fsync(mFd) != 0)
+        throw OutputError(what, "saving to disk failed: " + SystemReason(errno), "check the free space and the disk");
     if (::fchmod(mFd, mMode) != 0) throw OutputError(what, "cannot set its permissions: " + SystemReason(errno), "");
     const int fd = mFd;
     mFd = -1;
-    if (::close(fd) != 0) throw OutputError(what, "closing failed: " + SystemReason(errno), "check the free space and the disk");
+    if (::close(fd) != 0)
+        throw OutputError(what, "closing failed: " + SystemReason(errno), "check the free space and the disk");
     {
         SignalHold hold;
         if (::rename(mTemporary.c_str(), mTarget.c_str()) != 0)
-            throw OutputError(what, "cannot move the finished file into place: " + SystemReason(errno), "check the directory's permissions");
+            throw OutputError(what, "cannot move the finished file into place: " + SystemReason(errno),
+                              "check the directory's permissions");
         mCommitted = true;
         RemoveSignalCleanup(mSignalSlot);
         mSignalSlot = -1;

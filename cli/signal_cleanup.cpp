@@ -30,7 +30,8 @@ extern "C" void RemoveRegisteredFiles(int signal) {
 sigset_t HandledSet() {
     sigset_t set;
     sigemptyset(&set);
-    for (int signal : kHandledSignals) sigaddset(&set, signal);
+    for (int signal : kHandledSignals)
+        sigaddset(&set, signal);
     return set;
 }
 
@@ -73,6 +74,8 @@ SignalHold::SignalHold() {
     ::sigprocmask(SIG_BLOCK, &set, &mPrevious);
 }
 
-SignalHold::~SignalHold() { ::sigprocmask(SIG_SETMASK, &mPrevious, nullptr); }
+SignalHold::~SignalHold() {
+    ::sigprocmask(SIG_SETMASK, &mPrevious, nullptr);
+}
 
 }  // namespace kesta

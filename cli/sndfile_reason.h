@@ -13,7 +13,8 @@ inline std::string SndfileReason(SNDFILE* file) {
     std::string text = sf_strerror(file);
     for (const std::string prefix : {"System error : ", "Error : ", "error : "})
         if (text.compare(0, prefix.size(), prefix) == 0) text.erase(0, prefix.size());
-    while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
     if (text.size() > 1 && std::isupper(static_cast<unsigned char>(text[0])) &&
         !std::isupper(static_cast<unsigned char>(text[1])))
         text[0] = char(std::tolower(static_cast<unsigned char>(text[0])));

@@ -253,7 +253,9 @@ void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, BlockWriter& 
     };
     StreamWithLatency(
         reader, writer, progress, process.GetLatency(),
-        [&](float** channels, int channelCount, int frames) { process.Process(channels, channels, channelCount, frames); },
+        [&](float** channels, int channelCount, int frames) {
+            process.Process(channels, channels, channelCount, frames);
+        },
         watchers);
 }
 

@@ -18,7 +18,8 @@ void TextTable::Print(std::ostream& out) const {
     std::vector<std::size_t> widths(mHeadings.size());
     for (std::size_t c = 0; c < mHeadings.size(); ++c) {
         widths[c] = mHeadings[c].size();
-        for (const auto& row : mRows) widths[c] = std::max(widths[c], row[c].size());
+        for (const auto& row : mRows)
+            widths[c] = std::max(widths[c], row[c].size());
     }
     const auto printRow = [&](const std::vector<std::string>& cells) {
         std::string line;
@@ -31,7 +32,8 @@ void TextTable::Print(std::ostream& out) const {
         out << line << '\n';
     };
     printRow(mHeadings);
-    for (const auto& row : mRows) printRow(row);
+    for (const auto& row : mRows)
+        printRow(row);
 }
 
 }  // namespace kesta

@@ -10,7 +10,9 @@ double LinearToDb(double linear) {
     return linear > 0.0 ? 20.0 * std::log10(linear) : -std::numeric_limits<double>::infinity();
 }
 
-double DbToLinear(double db) { return std::pow(10.0, db / 20.0); }
+double DbToLinear(double db) {
+    return std::pow(10.0, db / 20.0);
+}
 
 std::string FormatDb(double db, int decimals, bool showPlus) {
     if (std::isinf(db)) return db < 0 ? "-inf" : "+inf";
@@ -29,7 +31,8 @@ std::string Clock(int64_t millis, bool showMillis) {
         std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%03lld", (long long)hours, (long long)minutes,
                       (long long)seconds, (long long)(millis % 1000));
     else if (hours > 0)
-        std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld", (long long)hours, (long long)minutes, (long long)seconds);
+        std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld", (long long)hours, (long long)minutes,
+                      (long long)seconds);
     else
         std::snprintf(text, sizeof(text), "%lld:%02lld", (long long)minutes, (long long)seconds);
     return text;

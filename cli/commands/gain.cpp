@@ -1,7 +1,6 @@
 // kesta gain INPUT OUTPUT --db X: changes the level of a file by a fixed number of decibels.
 
 #include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <cmath>
 #include <iostream>
@@ -24,7 +23,8 @@ namespace {
 
 constexpr double kLargestGainDb = 200.0;
 
-constexpr const char* kHelpFooter = R"help(Multiplies every sample by the same factor: +6.02 dB doubles the amplitude, -6.02 dB halves it,
+constexpr const char* kHelpFooter =
+    R"help(Multiplies every sample by the same factor: +6.02 dB doubles the amplitude, -6.02 dB halves it,
 0 dB copies the file unchanged (bit for bit).
 
 The output has the input's format, sample rate and channel count, and carries its tags over,
@@ -58,7 +58,8 @@ struct GainOptions {
 void ApplyGain(AudioBlock& block, float factor) {
     for (int c = 0; c < block.Channels(); ++c) {
         float* x = block.Channel(c);
-        for (std::size_t i = 0; i < block.Frames(); ++i) x[i] *= factor;
+        for (std::size_t i = 0; i < block.Frames(); ++i)
+            x[i] *= factor;
     }
 }
 
@@ -116,11 +117,13 @@ int RunGain(const GainOptions& options) {
     const int64_t frames = reader.FramesRead();
     if (auto mismatch = LengthMismatch(options.input, reader.HeaderFrames(), frames)) console.Warn(*mismatch);
     double peak = 0.0;
-    for (const ChannelLevels& level : meter.Levels()) peak = std::fmax(peak, level.peak);
+    for (const ChannelLevels& level : meter.Levels())
+        peak = std::fmax(peak, level.peak);
     if (writer.ClippedSamples() > 0)
         console.Warn(std::to_string(writer.ClippedSamples()) + " samples went beyond full scale and were clipped in " +
                      Quoted(options.output) + " (the peak would have been " + FormatDb(LinearToDb(peak), 2, true) +
-                     " dBFS; use a gain " + FormatDb(options.db - LinearToDb(peak), 2, true) + " dB or lower to avoid it)");
+                     " dBFS; use a gain " + FormatDb(options.db - LinearToDb(peak), 2, true) +
+                     " dB or lower to avoid it)");
 
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (console.Json()) {

@@ -1,7 +1,6 @@
 // kesta info FILE: what a file holds (format, rate, channels, length) and how loud each channel is.
 
 #include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -19,7 +18,8 @@ namespace kesta {
 
 namespace {
 
-constexpr const char* kHelpFooter = R"help(Reads the whole file, block by block (so files of any length need little memory), and reports:
+constexpr const char* kHelpFooter =
+    R"help(Reads the whole file, block by block (so files of any length need little memory), and reports:
   Format        container and encoding, e.g. "WAV (PCM 16-bit)" or "FLAC (PCM 24-bit)"
   Sample rate   in Hz
   Channels      how many

@@ -1,7 +1,6 @@
 // kesta selfcheck: runs the library's built-in numeric checks and reports each one.
 
 #include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -19,7 +18,8 @@ namespace kesta {
 
 namespace {
 
-constexpr const char* kHelpFooter = R"help(Each check computes something with the library (a transform, a window, a filter response, ...)
+constexpr const char* kHelpFooter =
+    R"help(Each check computes something with the library (a transform, a window, a filter response, ...)
 and compares it with an independent expectation, such as the formula evaluated directly in
 higher precision. A failing check means this build of the library gives wrong results on this
 machine: please report it with the output of 'kesta selfcheck' and 'kesta --version'.
@@ -63,8 +63,8 @@ void PrintTable(const std::vector<dsp::checks::CheckResult>& results, int passed
     table.AddColumn("Time", TextTable::Align::Right);
     table.AddColumn("Detail");  // last: it is the long one
     for (const auto& result : results)
-        table.AddRow({result.family, result.name, result.outcome.passed ? "PASS" : "FAIL", FormatElapsed(result.seconds),
-                      result.outcome.detail});
+        table.AddRow({result.family, result.name, result.outcome.passed ? "PASS" : "FAIL",
+                      FormatElapsed(result.seconds), result.outcome.detail});
     table.Print(std::cout);
     std::cout << passed << " passed, " << results.size() - std::size_t(passed) << " failed" << std::endl;
 }
@@ -87,7 +87,8 @@ int RunSelfcheck(const ReportOptions& options) {
     const std::vector<dsp::checks::CheckResult> results = suite->Run();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     int passed = 0;
-    for (const auto& result : results) passed += result.outcome.passed ? 1 : 0;
+    for (const auto& result : results)
+        passed += result.outcome.passed ? 1 : 0;
     const int failed = int(results.size()) - passed;
 
     if (console.Json())
@@ -95,8 +96,9 @@ int RunSelfcheck(const ReportOptions& options) {
     else if (console.ShowsText())
         PrintTable(results, passed);
     else if (failed > 0)
-        throw CliError(kExitFault, std::to_string(failed) + " of " + std::to_string(results.size()) + " self-checks failed",
-                       "", "run 'kesta selfcheck' to see which, and please report it");
+        throw CliError(kExitFault,
+                       std::to_string(failed) + " of " + std::to_string(results.size()) + " self-checks failed", "",
+                       "run 'kesta selfcheck' to see which, and please report it");
     return failed == 0 ? kExitOk : kExitFault;
 }
 

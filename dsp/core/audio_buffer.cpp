@@ -6,10 +6,14 @@ namespace dsp {
 
 AudioBuffer::AudioBuffer() = default;
 
-AudioBuffer::AudioBuffer(int numChannels, int bufferSize) { Resize(numChannels, bufferSize); }
+AudioBuffer::AudioBuffer(int numChannels, int bufferSize) {
+    Resize(numChannels, bufferSize);
+}
 
 // Copies own their memory: a member-wise copy of the pointer array would free it twice.
-AudioBuffer::AudioBuffer(const AudioBuffer& other) { *this = other; }
+AudioBuffer::AudioBuffer(const AudioBuffer& other) {
+    *this = other;
+}
 
 AudioBuffer& AudioBuffer::operator=(const AudioBuffer& other) {
     if (this == &other) return *this;
@@ -27,7 +31,9 @@ AudioBuffer& AudioBuffer::operator=(const AudioBuffer& other) {
     return *this;
 }
 
-AudioBuffer::~AudioBuffer() { DeleteBuffer(&mBuffers, mChannelCapacity); }
+AudioBuffer::~AudioBuffer() {
+    DeleteBuffer(&mBuffers, mChannelCapacity);
+}
 
 void AudioBuffer::Resize(int numChannels, int bufferSize) {
     if (bufferSize > mFrameCapacity || numChannels > mChannelCapacity) {
@@ -44,25 +50,29 @@ void AudioBuffer::Resize(int numChannels, int bufferSize) {
 }
 
 void AudioBuffer::ZeroBuffers() {
-    for (int ch = 0; ch < mNumChannels; ++ch) std::fill_n(mBuffers[ch], mBufferSize, 0.0f);
+    for (int ch = 0; ch < mNumChannels; ++ch)
+        std::fill_n(mBuffers[ch], mBufferSize, 0.0f);
 }
 
 std::vector<float*> AudioBuffer::GetBuffersAsFloats(int offset) {
     std::vector<float*> channels(static_cast<size_t>(mNumChannels));
-    for (int ch = 0; ch < mNumChannels; ++ch) channels[static_cast<size_t>(ch)] = mBuffers[ch] + offset;
+    for (int ch = 0; ch < mNumChannels; ++ch)
+        channels[static_cast<size_t>(ch)] = mBuffers[ch] + offset;
     return channels;
 }
 
 std::vector<void*> AudioBuffer::GetBuffersAsVoid(int offset) {
     std::vector<void*> channels(static_cast<size_t>(mNumChannels));
-    for (int ch = 0; ch < mNumChannels; ++ch) channels[static_cast<size_t>(ch)] = mBuffers[ch] + offset;
+    for (int ch = 0; ch < mNumChannels; ++ch)
+        channels[static_cast<size_t>(ch)] = mBuffers[ch] + offset;
     return channels;
 }
 
 float** AudioBuffer::AllocateBuffer(int numChannels, int numFrames) {
     auto** buffers = new float*[static_cast<size_t>(numChannels)]();
     try {
-        for (int ch = 0; ch < numChannels; ++ch) buffers[ch] = new float[static_cast<size_t>(numFrames)];
+        for (int ch = 0; ch < numChannels; ++ch)
+            buffers[ch] = new float[static_cast<size_t>(numFrames)];
     } catch (...) {
         DeleteBuffer(&buffers, numChannels);
         throw;
@@ -72,8 +82,9 @@ float** AudioBuffer::AllocateBuffer(int numChannels, int numFrames) {
 
 void AudioBuffer::DeleteBuffer(float*** buffers, int numChannels) {
     if (*buffers == nullptr) return;
-    for (int ch = 0; ch < numChannels; ++ch) delete[] (*buffers)[ch];
-    delete[] *buffers;
+    for (int ch = 0; ch < numChannels; ++ch)
+        delete[](*buffers)[ch];
+    delete[] * buffers;
     *buffers = nullptr;
 }
 

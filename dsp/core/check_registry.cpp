@@ -54,7 +54,8 @@ std::vector<std::u16string> TestRegistry::RegisteredNames() {
     Registry& registry = TheRegistry();
     std::lock_guard lock(registry.mutex);
     std::vector<std::u16string> names;
-    for (const auto& [name, factory] : registry.factories) names.push_back(name);
+    for (const auto& [name, factory] : registry.factories)
+        names.push_back(name);
     return names;
 }
 
@@ -71,7 +72,8 @@ std::unique_ptr<CheckSuite> TestRegistry::Create(const std::u16string& name) {
 
 std::u16string AsciiToUTF16(const char* ascii) {
     std::u16string out;
-    for (const char* p = ascii; *p != '\0'; ++p) out.push_back(static_cast<char16_t>(static_cast<unsigned char>(*p) & 0x7F));
+    for (const char* p = ascii; *p != '\0'; ++p)
+        out.push_back(static_cast<char16_t>(static_cast<unsigned char>(*p) & 0x7F));
     return out;
 }
 

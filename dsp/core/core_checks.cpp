@@ -18,8 +18,9 @@ CheckOutcome AudioBufferKeepsMemoryWhenItFits() {
     buffer.Resize(4, 100);
     const bool exact = buffer.GetChannelCapacity() == 4 && buffer.GetFrameCapacity() == 100;
     return {kept && exact, "fitting resize keeps memory: " + std::string(kept ? "yes" : "no") +
-                               "; growing resize to 4 x 100 gives capacity " + std::to_string(buffer.GetChannelCapacity()) +
-                               " x " + std::to_string(buffer.GetFrameCapacity())};
+                               "; growing resize to 4 x 100 gives capacity " +
+                               std::to_string(buffer.GetChannelCapacity()) + " x " +
+                               std::to_string(buffer.GetFrameCapacity())};
 }
 
 class CountingAnalyzer : public DSPMultiPassAnalyzer {

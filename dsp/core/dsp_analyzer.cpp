@@ -4,9 +4,15 @@ namespace dsp {
 
 DSPAnalyzer::~DSPAnalyzer() = default;
 
-bool DSPAnalyzer::SetSelection(long long /*start*/, long long /*length*/) { return true; }
-int DSPAnalyzer::GetLatency() const { return 0; }
-void DSPAnalyzer::Start(float* hostPointer) { mHostPointer = hostPointer; }
+bool DSPAnalyzer::SetSelection(long long /*start*/, long long /*length*/) {
+    return true;
+}
+int DSPAnalyzer::GetLatency() const {
+    return 0;
+}
+void DSPAnalyzer::Start(float* hostPointer) {
+    mHostPointer = hostPointer;
+}
 void DSPAnalyzer::Done() {}
 
 DSPMultiPassAnalyzer::DSPMultiPassAnalyzer(int32_t numPasses) : mNumPasses(numPasses) {}
@@ -25,8 +31,12 @@ void DSPMultiPassAnalyzer::Start(float* hostPointer) {
     mCurrentPass = 0;  // the position stays where SetSelection put it
 }
 
-int DSPMultiPassAnalyzer::GetLatency() const { return GetLatency(mCurrentPass); }
-int DSPMultiPassAnalyzer::GetLatency(int32_t /*pass*/) const { return 0; }
+int DSPMultiPassAnalyzer::GetLatency() const {
+    return GetLatency(mCurrentPass);
+}
+int DSPMultiPassAnalyzer::GetLatency(int32_t /*pass*/) const {
+    return 0;
+}
 void DSPMultiPassAnalyzer::OnPassDone(int32_t /*pass*/) {}
 void DSPMultiPassAnalyzer::Done() {}
 

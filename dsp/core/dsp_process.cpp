@@ -4,11 +4,17 @@ namespace dsp {
 
 DSPProcess::~DSPProcess() = default;
 
-bool DSPProcess::SetSelection(long long /*start*/, long long /*length*/) { return true; }
+bool DSPProcess::SetSelection(long long /*start*/, long long /*length*/) {
+    return true;
+}
 void DSPProcess::Start() {}
-int DSPProcess::Flush(float** /*out*/, int /*numChannels*/, int /*numFrames*/) { return 0; }
+int DSPProcess::Flush(float** /*out*/, int /*numChannels*/, int /*numFrames*/) {
+    return 0;
+}
 void DSPProcess::Done() {}
-int DSPProcess::GetLatency() const { return 0; }
+int DSPProcess::GetLatency() const {
+    return 0;
+}
 void DSPProcess::ParameterChanged() {}
 
 }  // namespace dsp

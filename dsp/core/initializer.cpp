@@ -16,6 +16,8 @@ void Initializer::Initialize() {
     mInitialized = true;
 }
 
-void Initializer::Terminate() { mInitialized = false; }
+void Initializer::Terminate() {
+    mInitialized = false;
+}
 
 }  // namespace dsp

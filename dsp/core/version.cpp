@@ -2,6 +2,8 @@
 
 namespace dsp {
 
-const char* GetLibraryVersion() { return KESTADSP_LIBRARY_VERSION; }
+const char* GetLibraryVersion() {
+    return KESTADSP_LIBRARY_VERSION;
+}
 
 }  // namespace dsp

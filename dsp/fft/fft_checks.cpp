@@ -1,8 +1,8 @@
 // Self-checks of the FFT engines against a direct DFT evaluated in long double, and of the
 // two-channel packing.
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 #include <complex>
 #include <string>
 #include <vector>
@@ -31,7 +31,8 @@ double DirectDftError(const std::vector<float>& inRe, const std::vector<float>& 
         std::complex<long double> sum = 0;
         for (std::size_t t = 0; t < n; ++t) {
             const long double angle = -2.0L * pi * static_cast<long double>((k * t) % n) / static_cast<long double>(n);
-            sum += std::complex<long double>(inRe[t], inIm[t]) * std::complex<long double>(std::cos(angle), std::sin(angle));
+            sum += std::complex<long double>(inRe[t], inIm[t]) *
+                   std::complex<long double>(std::cos(angle), std::sin(angle));
         }
         err += std::norm(sum - std::complex<long double>(outRe[k], outIm[k]));
         ref += std::norm(sum);
@@ -69,7 +70,8 @@ CheckOutcome RoundTripReturnsNTimesInput() {
     fft.FFT(r.data(), i.data(), -1);
     double worst = 0;
     for (int k = 0; k < n; ++k)
-        worst = std::max({worst, static_cast<double>(std::fabs(r[k] / n - re[k])), static_cast<double>(std::fabs(i[k] / n - im[k]))});
+        worst = std::max({worst, static_cast<double>(std::fabs(r[k] / n - re[k])),
+                          static_cast<double>(std::fabs(i[k] / n - im[k]))});
     return {worst <= 1e-5, Format("max |inverse(forward(x)) / N - x| = %.2e (bound %.0e), N = 4096", worst, 1e-5)};
 }
 
@@ -79,7 +81,8 @@ CheckOutcome RealForwardOfConstantIsUnitDc() {
     IppFFT32fReal fft(n);
     fft.FFT(ones.data(), out.data());
     double offDc = 0;
-    for (int k = 1; k < n + 2; ++k) offDc = std::max(offDc, static_cast<double>(std::fabs(out[k])));
+    for (int k = 1; k < n + 2; ++k)
+        offDc = std::max(offDc, static_cast<double>(std::fabs(out[k])));
     const bool ok = std::fabs(out[0] - 1.0f) <= 1e-6f && offDc <= 1e-6;
     return {ok, Format("normalised real FFT of ones: DC = %.7f, largest other element %.1e", out[0], offDc)};
 }

@@ -76,10 +76,14 @@ void FFTEngineState::SetUp(int size, PlanKind kind) {
 int FFTEngineState::GetPlanOrder() const {
     if (!mSpec) return -1;
     switch (mKind) {
-        case PlanKind::ComplexFloat: return static_cast<const fft::ComplexPlan<float>*>(mSpec.get())->Order();
-        case PlanKind::ComplexDouble: return static_cast<const fft::ComplexPlan<double>*>(mSpec.get())->Order();
-        case PlanKind::RealFloat: return static_cast<const fft::RealPlan<float>*>(mSpec.get())->Order();
-        case PlanKind::RealDouble: return static_cast<const fft::RealPlan<double>*>(mSpec.get())->Order();
+        case PlanKind::ComplexFloat:
+            return static_cast<const fft::ComplexPlan<float>*>(mSpec.get())->Order();
+        case PlanKind::ComplexDouble:
+            return static_cast<const fft::ComplexPlan<double>*>(mSpec.get())->Order();
+        case PlanKind::RealFloat:
+            return static_cast<const fft::RealPlan<float>*>(mSpec.get())->Order();
+        case PlanKind::RealDouble:
+            return static_cast<const fft::RealPlan<double>*>(mSpec.get())->Order();
     }
     return -1;
 }
@@ -108,7 +112,8 @@ IppStatus RunComplex(const std::shared_ptr<void>& spec, void* work, T* srcRe, T*
 template <typename T>
 void ScaleByInverseLength(T* data, int count, int order) {
     const T scale = T(1) / static_cast<T>(std::size_t{1} << order);
-    for (int i = 0; i < count; ++i) data[i] *= scale;
+    for (int i = 0; i < count; ++i)
+        data[i] *= scale;
 }
 
 template <typename T>
@@ -152,7 +157,9 @@ IppStatus IppFFT32R::FFT(float* src, float* dst, int direction) {
     return kFftOk;
 }
 
-IppStatus IppFFT32R::FFT(float* data, int direction) { return FFT(data, data, direction); }
+IppStatus IppFFT32R::FFT(float* data, int direction) {
+    return FFT(data, data, direction);
+}
 
 IppStatus IppFFT32fReal::FFT(float* src, float* dst) {
     if (IppStatus s = Ready(); s != kFftOk) return s;

@@ -34,8 +34,12 @@ FFTWORKINGDATA_F::~FFTWORKINGDATA_F() = default;
 FFTWORKINGDATA_D::FFTWORKINGDATA_D() = default;
 FFTWORKINGDATA_D::~FFTWORKINGDATA_D() = default;
 
-int FFTWORKINGDATA_F::PlanLength() const { return holder ? holder->length : 0; }
-int FFTWORKINGDATA_D::PlanLength() const { return holder ? holder->length : 0; }
+int FFTWORKINGDATA_F::PlanLength() const {
+    return holder ? holder->length : 0;
+}
+int FFTWORKINGDATA_D::PlanLength() const {
+    return holder ? holder->length : 0;
+}
 
 namespace {
 

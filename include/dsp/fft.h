@@ -31,7 +31,7 @@ namespace dsp {
 using IppStatus = int;
 inline constexpr IppStatus kFftOk = 0;
 inline constexpr IppStatus kFftNotInitialized = 1;  // the no-operation status
-inline constexpr IppStatus kFftNullPlan = -8;        // the null-pointer error status
+inline constexpr IppStatus kFftNullPlan = -8;       // the null-pointer error status
 
 // Derived order of a transform size: the index of its lowest set bit, -1 for 0.
 KESTADSP_API int FFTOrderFromSize(int size);
@@ -149,8 +149,8 @@ KESTADSP_API std::unique_ptr<FFTWORKINGDATA_D> CreateFFTWorkingDataD(int32_t n);
 
 KESTADSP_API void LFFTF(float* re, float* im, int32_t n, int32_t direction, FFTWORKINGDATA& wd);
 KESTADSP_API void LFFTD(double* re, double* im, int32_t n, int32_t direction, FFTWORKINGDATA& wd);
-KESTADSP_API void LFFTSD(double* srcRe, double* srcIm, double* dstRe, double* dstIm, int32_t n,
-                         int32_t direction, FFTWORKINGDATA& wd);
+KESTADSP_API void LFFTSD(double* srcRe, double* srcIm, double* dstRe, double* dstIm, int32_t n, int32_t direction,
+                         FFTWORKINGDATA& wd);
 // Spectra of two real sequences x and y through one complex transform. Only a positive direction
 // does anything. Allocates two temporary arrays per call (the one transform call that does).
 KESTADSP_API void LFFT2CF(float* x, float* y, float* xRe, float* xIm, float* yRe, float* yIm, int32_t n,

@@ -43,29 +43,29 @@ namespace dsp::nonoise {
 // called AllocateArrays (or the Copy/Clone that allocated them) and released with FreeArrays.
 // Only bins 0 ... N/2 of binMin, binMax and binRms carry data.
 struct KESTADSP_API NONOISE {
-    double thresholdOffset = 1.0;  // added to every thresholdCurve entry: the gain rule's position s
-    int16_t auxIndex = -1;         // carried by copies
+    double thresholdOffset = 1.0;           // added to every thresholdCurve entry: the gain rule's position s
+    int16_t auxIndex = -1;                  // carried by copies
     unsigned char reservedBlock[256] = {};  // never interpreted and never copied
-    int16_t fftSize = 4096;        // N, FFT length of capture and of processing (a power of two)
-    int32_t maxSnapshots = 4000;   // most snapshots a capture takes (at least 8 are allowed)
-    int16_t overlap = 7;           // processing block = N / overlap (3 or more)
-    int32_t optionInt = 0;         // carried by copies
+    int16_t fftSize = 4096;                 // N, FFT length of capture and of processing (a power of two)
+    int32_t maxSnapshots = 4000;            // most snapshots a capture takes (at least 8 are allowed)
+    int16_t overlap = 7;                    // processing block = N / overlap (3 or more)
+    int32_t optionInt = 0;                  // carried by copies
     int16_t channels = 2;
-    double* dcMin = nullptr;       // [channels] smallest DC magnitude seen
-    double* dcMax = nullptr;       // [channels] largest DC magnitude seen
-    double** binMin = nullptr;     // [channels][N] smallest magnitude seen per bin
-    double** binMax = nullptr;     // [channels][N] largest magnitude seen per bin
-    double** binRms = nullptr;     // [channels][N] power sum while capturing, RMS magnitude after Done
-    int16_t frameCount = 0;        // snapshots accumulated
-    double transitionDb = 0.0;     // width of the soft knee, dB
-    double precisionExponent = 1.0;  // exponent on a bin's RMS/max ratio in the knee; 0 switches it off
-    int16_t outputMode = 1;        // 2: output what is removed; anything else: the cleaned signal
-    bool optionFlagA = false;      // carried by copies
-    bool optionFlagB = true;       // carried by copies
-    bool optionFlagC = true;       // carried by copies
-    double reductionDb = 40.0;     // largest reduction, dB; 0 turns the processing off
-    double smoothingPercent = 65.0;  // decay of the smoothed magnitude per frame, percent
-    bool printFlag = false;        // cleared whenever the arrays are freed
+    double* dcMin = nullptr;          // [channels] smallest DC magnitude seen
+    double* dcMax = nullptr;          // [channels] largest DC magnitude seen
+    double** binMin = nullptr;        // [channels][N] smallest magnitude seen per bin
+    double** binMax = nullptr;        // [channels][N] largest magnitude seen per bin
+    double** binRms = nullptr;        // [channels][N] power sum while capturing, RMS magnitude after Done
+    int16_t frameCount = 0;           // snapshots accumulated
+    double transitionDb = 0.0;        // width of the soft knee, dB
+    double precisionExponent = 1.0;   // exponent on a bin's RMS/max ratio in the knee; 0 switches it off
+    int16_t outputMode = 1;           // 2: output what is removed; anything else: the cleaned signal
+    bool optionFlagA = false;         // carried by copies
+    bool optionFlagB = true;          // carried by copies
+    bool optionFlagC = true;          // carried by copies
+    double reductionDb = 40.0;        // largest reduction, dB; 0 turns the processing off
+    double smoothingPercent = 65.0;   // decay of the smoothed magnitude per frame, percent
+    bool printFlag = false;           // cleared whenever the arrays are freed
     float* thresholdCurve = nullptr;  // [N] per-bin offset of s; entries 1 ... N/2 - 1 are used
 };
 
@@ -90,7 +90,7 @@ KESTADSP_API NONOISE* CloneNoNoise(const NONOISE* src);
 // `channel` exists in src (else they stay zero). dcMin/dcMax always take src's channel-0 values:
 // stored single-channel prints carry them that way.
 KESTADSP_API void CopyMultiChannelNoNoiseToSingleChannelNoNoise(const NONOISE* src, NONOISE* dst, int channel,
-                                                               bool allocate);
+                                                                bool allocate);
 
 // Takes a noise print from a selection that holds only noise.
 //

@@ -34,8 +34,9 @@ TEST_F(GainTest, ScalesEverySampleSaturatingIntegersAndKeepsFormatAndTags) {
     full.channels[0][1] = -1.0;
 
     const std::tuple<std::string, Audio, double> cases[] = {
-        {"tagged.wav", tagged, -6.0}, {"loud.wav", StereoTone16(), 12.0}, {"float.wav", floats, 12.0},
-        {"u8.wav", u8, 0.0},          {"full.wav", full, 0.0},            {"tone.flac", ToneAndSilence24Flac(), 0.0}};
+        {"tagged.wav", tagged, -6.0}, {"loud.wav", StereoTone16(), 12.0},
+        {"float.wav", floats, 12.0},  {"u8.wav", u8, 0.0},
+        {"full.wav", full, 0.0},      {"tone.flac", ToneAndSilence24Flac(), 0.0}};
     for (const auto& [name, audio, db] : cases) {
         SCOPED_TRACE(name);
         WriteAudio(dir / name, audio);

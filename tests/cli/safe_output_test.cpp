@@ -1,6 +1,8 @@
 // Never onto the input, never over an existing file without --force, never a partial file or a
 // stray temporary, whatever ends the run.
 
+#include "safe_output.h"
+
 #include <signal.h>
 #include <sndfile.h>
 #include <sys/stat.h>
@@ -14,7 +16,6 @@
 #include "block_writer.h"
 #include "cli_test.h"
 #include "errors.h"
-#include "safe_output.h"
 
 namespace kesta_test {
 namespace {

@@ -51,7 +51,8 @@ inline Channels Slice(const Channels& x, std::size_t from, std::size_t to) {
 inline Channels Stream(dsp::OverlapSave& process, const Channels& x, int block = 4096) {
     process.Resume();
     const int channels = static_cast<int>(x.size());
-    return RunInBlocks(x, [&](float** in, float** out, int n) { process.Process(in, out, channels, n); }, block);
+    return RunInBlocks(
+        x, [&](float** in, float** out, int n) { process.Process(in, out, channels, n); }, block);
 }
 
 // Streams the first `split` frames of x from Resume, then copy-constructs and copy-assigns the
@@ -65,7 +66,9 @@ bool CopiesContinue(Process& process, const Channels& x, std::size_t split, cons
     const Channels rest = Slice(x, split, x[0].size()), expected = Slice(reference, split, x[0].size());
     bool same = true;
     for (Process* p : {&process, &copy, &assigned}) {
-        auto block = [p, &rest](float** in, float** out, int n) { p->Process(in, out, static_cast<int>(rest.size()), n); };
+        auto block = [p, &rest](float** in, float** out, int n) {
+            p->Process(in, out, static_cast<int>(rest.size()), n);
+        };
         same = same && RunInBlocks(rest, block, 1000) == expected;
     }
     return same;

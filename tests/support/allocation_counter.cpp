@@ -126,8 +126,12 @@ AllocationCounter::AllocationCounter() {
     gCounting = true;
 }
 
-AllocationCounter::~AllocationCounter() { gCounting = false; }
+AllocationCounter::~AllocationCounter() {
+    gCounting = false;
+}
 
-long long AllocationCounter::Count() const { return gAllocations.load(); }
+long long AllocationCounter::Count() const {
+    return gAllocations.load();
+}
 
 }  // namespace kesta::test

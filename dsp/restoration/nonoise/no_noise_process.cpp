@@ -156,8 +156,8 @@ inline double BinGain(double m, double lo, double hi, double width, double ceili
 }
 
 template <int Lanes>
-void ReduceScalar(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale,
-                  Smoothing mode, double decay, double oneMinusDecay) {
+void ReduceScalar(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale, Smoothing mode,
+                  double decay, double oneMinusDecay) {
     double* row = g.smoothed;
     double prev2[Lanes] = {};
     double prev1[Lanes] = {};
@@ -229,8 +229,8 @@ inline __m128d Select(__m128d mask, __m128d a, __m128d b) {  // mask ? a : b
 
 // Pass 1: magnitudes, smoothed per `Mode`, into each lane's magnitude table.
 template <int Lanes, Smoothing Mode>
-void MagnitudesSse2(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale,
-                    double decay, double oneMinusDecay) {
+void MagnitudesSse2(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale, double decay,
+                    double oneMinusDecay) {
     const __m128d vScale = _mm_set1_pd(scale);
     const __m128d c01 = _mm_set1_pd(0.1);
     const __m128d c02 = _mm_set1_pd(0.2);
@@ -339,7 +339,8 @@ KESTADSP_NONOISE_AVX int GainsAvx(float* re, float* im, const NOISEREDUCER::Tabl
         const __m256d lo = _mm256_loadu_pd(t.lo + k);
         const __m256d hi = _mm256_loadu_pd(t.hi + k);
         const __m256d inside = _mm256_add_pd(
-            m, _mm256_mul_pd(_mm256_div_pd(_mm256_sub_pd(m, lo), _mm256_loadu_pd(t.kneeWidth + k)), _mm256_sub_pd(hi, m)));
+            m,
+            _mm256_mul_pd(_mm256_div_pd(_mm256_sub_pd(m, lo), _mm256_loadu_pd(t.kneeWidth + k)), _mm256_sub_pd(hi, m)));
         __m256d target = SelectAvx(_mm256_cmp_pd(m, hi, _CMP_GE_OQ), hi, inside);
         target = SelectAvx(_mm256_cmp_pd(m, lo, _CMP_LT_OQ), m, target);
         const __m256d r = _mm256_min_pd(_mm256_div_pd(target, m), _mm256_loadu_pd(t.ceiling + k));
@@ -356,8 +357,8 @@ bool AvxUsable() {
 }
 
 template <int Lanes>
-void ReduceVector(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale,
-                  Smoothing mode, double decay, double oneMinusDecay, bool avx) {
+void ReduceVector(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale, Smoothing mode,
+                  double decay, double oneMinusDecay, bool avx) {
     MagnitudesSse2<Lanes>(re, im, g, n, scale, mode, decay, oneMinusDecay);
     for (int lane = 0; lane < Lanes; ++lane) {
         const int from = avx ? GainsAvx(re[lane], im[lane], g.lane[lane], n) : 0;
@@ -526,8 +527,8 @@ void NoNoiseProcess::UpdateParameter() {
     NOISEREDUCER* r = mReducer;
     if (r == nullptr) return;
     const int N = r->size;
-    const bool fits = N >= 2 && mParam.fftSize == N && mParam.thresholdCurve != nullptr &&
-                      mParam.binRms != nullptr && mParam.binMin != nullptr && mParam.binMax != nullptr;
+    const bool fits = N >= 2 && mParam.fftSize == N && mParam.thresholdCurve != nullptr && mParam.binRms != nullptr &&
+                      mParam.binMin != nullptr && mParam.binMax != nullptr;
 
     const double offset = mParam.thresholdOffset;
     if (N >= 2) {
@@ -545,8 +546,8 @@ void NoNoiseProcess::UpdateParameter() {
     r->magScale = 1.0 / (mParam.fftSize * 0.25);
 
     for (int c = 0; c < r->channels; ++c) {
-        const bool active = fits && c < mParam.channels && mParam.binRms[c] != nullptr &&
-                            mParam.binMin[c] != nullptr && mParam.binMax[c] != nullptr;
+        const bool active = fits && c < mParam.channels && mParam.binRms[c] != nullptr && mParam.binMin[c] != nullptr &&
+                            mParam.binMax[c] != nullptr;
         r->active[static_cast<std::size_t>(c)] = active ? 1 : 0;
     }
     for (const NOISEREDUCER::Group& g : r->groups) {
@@ -562,9 +563,9 @@ void NoNoiseProcess::UpdateParameter() {
                 continue;
             }
             for (int k = 0; k < r->bins; ++k) {
-                const detail::BinRule rule = detail::MakeBinRule(mParam.binRms[c][k], mParam.binMax[c][k],
-                                                                 mParam.binMin[c][k], r->curve[k], r->spread,
-                                                                 mParam.precisionExponent, R);
+                const detail::BinRule rule =
+                    detail::MakeBinRule(mParam.binRms[c][k], mParam.binMax[c][k], mParam.binMin[c][k], r->curve[k],
+                                        r->spread, mParam.precisionExponent, R);
                 t.lo[k] = rule.lo;
                 t.hi[k] = rule.hi;
                 t.kneeWidth[k] = rule.hi - rule.lo;

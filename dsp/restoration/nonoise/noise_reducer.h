@@ -18,16 +18,16 @@
 namespace dsp::nonoise {
 
 struct NOISEREDUCER {
-    int32_t size = 0;          // N, the engine's FFT length
-    double* curve = nullptr;   // [N] position s per bin (mirrored: curve[k] = curve[N − k])
-    double magScale = 0.0;     // 1 / (fftSize · 0.25)
-    double spread = 1.0;       // 10^(transitionDb / 20)
-    double decay = 0.0;        // smoothingPercent / 100
+    int32_t size = 0;         // N, the engine's FFT length
+    double* curve = nullptr;  // [N] position s per bin (mirrored: curve[k] = curve[N − k])
+    double magScale = 0.0;    // 1 / (fftSize · 0.25)
+    double spread = 1.0;      // 10^(transitionDb / 20)
+    double decay = 0.0;       // smoothingPercent / 100
     double oneMinusDecay = 1.0;
-    bool firstFrame = true;    // the next frame seeds the smoothing rows
+    bool firstFrame = true;  // the next frame seeds the smoothing rows
 
-    int32_t channels = 0;      // the engine's channel count
-    int32_t bins = 0;          // N/2 + 1
+    int32_t channels = 0;  // the engine's channel count
+    int32_t bins = 0;      // N/2 + 1
     // Per channel: whether the print covers it. A channel the print lacks, or every channel of a
     // print of another FFT size, gets tables that give a gain of exactly 1.
     std::vector<unsigned char> active;

@@ -34,8 +34,13 @@ std::vector<double> CaptureWindow(int N) {
 class ReferenceCapture {
 public:
     ReferenceCapture(int N, int C, int lowBin, int highBin)
-        : mN(N), mLow(lowBin), mHigh(highBin), mWindow(CaptureWindow(N)), mSmooth(C, std::vector<double>(N + 8)),
-          mFloor(C, std::vector<double>(N)), mLevelSum(C) {}
+        : mN(N),
+          mLow(lowBin),
+          mHigh(highBin),
+          mWindow(CaptureWindow(N)),
+          mSmooth(C, std::vector<double>(N + 8)),
+          mFloor(C, std::vector<double>(N)),
+          mLevelSum(C) {}
 
     // Floor and smoothing cleared below bin N/2 only; level sums and the first-snapshot state carry over.
     void Start() {
@@ -79,7 +84,9 @@ private:
     int mBlocks = 0;
 };
 
-double MaxFloor(const NOHISS& r, int c) { return *std::max_element(r.floorRows[c], r.floorRows[c] + r.fftSize); }
+double MaxFloor(const NOHISS& r, int c) {
+    return *std::max_element(r.floorRows[c], r.floorRows[c] + r.fftSize);
+}
 
 TEST(CaptureNoiseFloor, DefaultGeometryIsHop1638AndBand1114To1857) {
     Record rec(2, 4096);

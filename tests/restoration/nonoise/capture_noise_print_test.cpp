@@ -70,7 +70,8 @@ TEST(CaptureNoisePrint, SnapshotCountAndHopFollowTheSelectionLength) {
         long long length;
         int maxSnapshots, snapshots, hop;
     };
-    const Case cases[] = {  // N = 4096, N/3 = 1365
+    const Case cases[] = {
+        // N = 4096, N/3 = 1365
         {4096 + 1365, 4000, 1, 1365},
         {441000, 4000, 320, 1365},
         {4096 + 3, 4000, 1, 3},

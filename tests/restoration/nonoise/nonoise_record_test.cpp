@@ -15,9 +15,9 @@ using dsp::nonoise::NONOISE;
 // The scalars a copy carries, as references.
 template <class Record>
 auto Scalars(Record& p) {
-    return std::tie(p.thresholdOffset, p.auxIndex, p.maxSnapshots, p.overlap, p.optionInt, p.frameCount,
-                    p.transitionDb, p.precisionExponent, p.outputMode, p.optionFlagA, p.optionFlagB, p.optionFlagC,
-                    p.reductionDb, p.smoothingPercent, p.printFlag);
+    return std::tie(p.thresholdOffset, p.auxIndex, p.maxSnapshots, p.overlap, p.optionInt, p.frameCount, p.transitionDb,
+                    p.precisionExponent, p.outputMode, p.optionFlagA, p.optionFlagB, p.optionFlagC, p.reductionDb,
+                    p.smoothingPercent, p.printFlag);
 }
 
 // Every field and array entry holds a value no default or zero-fill produces.
@@ -57,10 +57,10 @@ TEST(NoNoiseRecord, SetDefaultParameterWritesItsTwelveFieldsAndNothingElse) {
     NONOISE p = MakeDistinctRecord(3, 64);
     const NONOISE before = p;
     dsp::nonoise::SetDefaultParameter(&p);
-    EXPECT_EQ(std::tuple(p.thresholdOffset, p.auxIndex, p.fftSize, p.maxSnapshots, p.overlap, p.channels,
-                         p.precisionExponent, p.outputMode, p.optionFlagB, p.optionFlagC, p.reductionDb,
-                         p.smoothingPercent),
-              std::tuple(1.0, -1, 4096, 4000, 7, 2, 1.0, 1, true, true, 40.0, 65.0));
+    EXPECT_EQ(
+        std::tuple(p.thresholdOffset, p.auxIndex, p.fftSize, p.maxSnapshots, p.overlap, p.channels, p.precisionExponent,
+                   p.outputMode, p.optionFlagB, p.optionFlagC, p.reductionDb, p.smoothingPercent),
+        std::tuple(1.0, -1, 4096, 4000, 7, 2, 1.0, 1, true, true, 40.0, 65.0));
     // Untouched: arrays, the fields the defaults leave out, the counter, reservedBlock.
     EXPECT_EQ(p.binRms, before.binRms);
     EXPECT_EQ(p.thresholdCurve, before.thresholdCurve);
