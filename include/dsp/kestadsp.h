@@ -16,6 +16,7 @@
 #include "dsp/nonoise.h"
 #include "dsp/overlap_save.h"
 #include "dsp/parametric.h"
+#include "dsp/range.h"
 #include "dsp/ring_buffer.h"
 #include "dsp/second_order_iir_filter.h"
 #include "dsp/spectrum_packing.h"
