@@ -13,6 +13,7 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddParametricChecks(*suite);
     AddNoNoiseChecks(*suite);
     AddNoHissChecks(*suite);
+    AddHardLimitChecks(*suite);
     return suite;
 }
 

@@ -14,5 +14,6 @@ void AddGraphicChecks(CheckSuite& suite);
 void AddParametricChecks(CheckSuite& suite);
 void AddNoNoiseChecks(CheckSuite& suite);
 void AddNoHissChecks(CheckSuite& suite);
+void AddHardLimitChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks

@@ -11,6 +11,7 @@
 #include "dsp/fft_window.h"
 #include "dsp/filter_section.h"
 #include "dsp/graphic.h"
+#include "dsp/hard_limit.h"
 #include "dsp/initializer.h"
 #include "dsp/nohiss.h"
 #include "dsp/nonoise.h"
