@@ -6,10 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "../command.h"
-#include "../json_writer.h"
-#include "../spectral_command.h"
+#include "command.h"
 #include "dsp/nohiss.h"
+#include "pipeline/json_writer.h"
+#include "spectral_command.h"
 
 namespace kesta {
 

@@ -5,11 +5,11 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "../command.h"
-#include "../errors.h"
-#include "../json_writer.h"
-#include "../spectral_command.h"
+#include "command.h"
 #include "dsp/nonoise.h"
+#include "errors.h"
+#include "pipeline/json_writer.h"
+#include "spectral_command.h"
 
 namespace kesta {
 

@@ -7,13 +7,13 @@
 #include <memory>
 #include <stdexcept>
 
-#include "../command.h"
-#include "../command_support.h"
-#include "../equaliser_command.h"
-#include "../errors.h"
-#include "../json_writer.h"
-#include "../units.h"
+#include "command.h"
 #include "dsp/parametric.h"
+#include "equaliser_command.h"
+#include "errors.h"
+#include "pipeline/command_support.h"
+#include "pipeline/json_writer.h"
+#include "pipeline/units.h"
 
 namespace kesta {
 

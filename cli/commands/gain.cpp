@@ -6,16 +6,16 @@
 #include <iostream>
 #include <memory>
 
-#include "../block_reader.h"
-#include "../block_writer.h"
-#include "../command.h"
-#include "../console.h"
-#include "../errors.h"
-#include "../level_meter.h"
-#include "../progress.h"
-#include "../report.h"
-#include "../safe_output.h"
-#include "../units.h"
+#include "command.h"
+#include "errors.h"
+#include "io/block_reader.h"
+#include "io/block_writer.h"
+#include "io/safe_output.h"
+#include "pipeline/console.h"
+#include "pipeline/level_meter.h"
+#include "pipeline/progress.h"
+#include "pipeline/report.h"
+#include "pipeline/units.h"
 
 namespace kesta {
 

@@ -12,12 +12,12 @@
 #include <memory>
 #include <stdexcept>
 
-#include "../command.h"
-#include "../command_support.h"
-#include "../equaliser_command.h"
-#include "../errors.h"
-#include "../json_writer.h"
+#include "command.h"
 #include "dsp/graphic.h"
+#include "equaliser_command.h"
+#include "errors.h"
+#include "pipeline/command_support.h"
+#include "pipeline/json_writer.h"
 
 namespace kesta {
 

@@ -5,14 +5,14 @@
 #include <iostream>
 #include <memory>
 
-#include "../command.h"
-#include "../console.h"
-#include "../errors.h"
-#include "../json_writer.h"
-#include "../text_table.h"
-#include "../units.h"
+#include "command.h"
 #include "dsp/check_registry.h"
 #include "dsp/initializer.h"
+#include "errors.h"
+#include "pipeline/console.h"
+#include "pipeline/json_writer.h"
+#include "pipeline/text_table.h"
+#include "pipeline/units.h"
 
 namespace kesta {
 

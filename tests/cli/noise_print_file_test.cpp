@@ -2,7 +2,7 @@
 // refusal for every way a file can be wrong. That a saved print of either kind reproduces a run
 // bit for bit, and that a print must fit the audio, is checked end to end, in denoise_test.
 
-#include "noise_print_file.h"
+#include "prints/noise_print_file.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Never onto the input, never over an existing file without --force, never a partial file or a
 // stray temporary, whatever ends the run.
 
-#include "safe_output.h"
+#include "io/safe_output.h"
 
 #include <signal.h>
 #include <sndfile.h>
@@ -13,9 +13,9 @@
 #include <thread>
 #include <tuple>
 
-#include "block_writer.h"
 #include "cli_test.h"
 #include "errors.h"
+#include "io/block_writer.h"
 
 namespace kesta_test {
 namespace {

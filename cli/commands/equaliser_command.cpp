@@ -8,19 +8,19 @@
 #include <iostream>
 #include <optional>
 
-#include "block_reader.h"
-#include "block_writer.h"
-#include "command_support.h"
 #include "errors.h"
-#include "file_identity.h"
-#include "json_writer.h"
-#include "latency_stream.h"
-#include "level_meter.h"
-#include "progress.h"
-#include "report.h"
-#include "safe_output.h"
-#include "text_table.h"
-#include "units.h"
+#include "io/block_reader.h"
+#include "io/block_writer.h"
+#include "io/file_identity.h"
+#include "io/safe_output.h"
+#include "pipeline/command_support.h"
+#include "pipeline/json_writer.h"
+#include "pipeline/latency_stream.h"
+#include "pipeline/level_meter.h"
+#include "pipeline/progress.h"
+#include "pipeline/report.h"
+#include "pipeline/text_table.h"
+#include "pipeline/units.h"
 
 namespace kesta {
 

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "console.h"
+#include "pipeline/console.h"
 
 namespace CLI {
 class App;

@@ -19,11 +19,11 @@
 #include <memory>
 #include <string>
 
-#include "command_support.h"  // FormatValue, CheckSetting
-#include "console.h"
 #include "dsp/dsp_analyzer.h"
 #include "dsp/overlap_save.h"
-#include "noise_print_file.h"
+#include "pipeline/command_support.h"  // FormatValue, CheckSetting
+#include "pipeline/console.h"
+#include "prints/noise_print_file.h"
 
 namespace CLI {
 class App;

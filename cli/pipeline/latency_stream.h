@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "audio_block.h"
-#include "block_reader.h"
-#include "block_writer.h"
+#include "io/audio_block.h"
+#include "io/block_reader.h"
+#include "io/block_writer.h"
 #include "level_meter.h"
 #include "progress.h"
 

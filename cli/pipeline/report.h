@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "audio_format.h"
+#include "io/audio_format.h"
 #include "json_writer.h"
 #include "level_meter.h"
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "audio_block.h"
+#include "io/audio_block.h"
 
 namespace kesta {
 
