@@ -207,6 +207,10 @@ void Graphic::GetBounds(int index, float& minimum, float& maximum) const {
     maximum = mMaximum[index];
 }
 
+float Graphic::Midpoint(int index) const {
+    return static_cast<float>((static_cast<double>(mMinimum[index]) + mMaximum[index]) / 2.0);
+}
+
 float Graphic::GetParameter(int index) const {
     if (index < 0 || index >= kParameterCount) return 0.0f;
     return mParams[index];
@@ -221,8 +225,7 @@ void Graphic::SetParameter(int index, float value) {
         return;
     }
     // Out of range (NaN included) means "the middle of the range", not the nearest end.
-    if (!(value >= mMinimum[index] && value <= mMaximum[index]))
-        value = static_cast<float>((static_cast<double>(mMinimum[index]) + mMaximum[index]) / 2.0);
+    if (!(value >= mMinimum[index] && value <= mMaximum[index])) value = Midpoint(index);
     if (value == mParams[index]) return;
 
     if (index == kBandLayout) {
@@ -293,6 +296,10 @@ int Graphic::SetChunk(void* data, int size, bool /*isPreset*/) {
     const int bytes = std::clamp(size, 0, kChunkBytes);
     if (data == nullptr) return bytes;
     std::memcpy(mParams, data, static_cast<std::size_t>(bytes));
+    // A chunk may come from anywhere: a value outside its range (NaN and infinities included)
+    // becomes the range's midpoint, as through SetParameter, so none reaches the design.
+    for (int i = 0; i < kParameterCount; ++i)
+        if (!(mParams[i] >= mMinimum[i] && mParams[i] <= mMaximum[i])) mParams[i] = Midpoint(i);
     mBandCount = BandsOfLayout(mParams[kBandLayout]);
     mRequestedHalfLength = HalfLengthFor(mParams[kAccuracy]);
     mNeedsInitialize = true;

@@ -80,8 +80,8 @@ public:
     // the object and follows later changes). SetChunk copies min(size, 140) bytes over the parameter
     // block (a short chunk leaves the later parameters as they were), takes the layout and the
     // accuracy from it and schedules a full re-initialisation; it returns the bytes copied, or
-    // with a null `data` the bytes it would copy. Chunk values are not range-checked (a host
-    // restores what it saved), except that the accuracy used is kept within 8 ... 8192.
+    // with a null `data` the bytes it would copy. A chunk value outside its parameter's range (NaN
+    // and infinities included) becomes the range's midpoint, as through SetParameter.
     // The bool arguments (preset or whole bank) make no difference here.
     int GetChunk(void** data, bool isPreset);
     int SetChunk(void* data, int size, bool isPreset);
@@ -125,6 +125,8 @@ public:
 
 private:
     void setBounds(int index, float minimum, float maximum);
+    // The middle of parameter `index`'s range: what an out-of-range value becomes.
+    float Midpoint(int index) const;
     void Initialize();
     void Deinitialize();
     void SampleRateDependentInitialization();

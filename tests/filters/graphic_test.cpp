@@ -152,6 +152,34 @@ TEST(GraphicChunk, ShortChunkCopiesOnlyItsBytesAndLongChunkIsTruncated) {
         EXPECT_EQ(target.GetParameter(i), source.GetParameter(i)) << i;
 }
 
+// A chunk edited by another program: a value outside its range, NaN and infinities included,
+// becomes the range's midpoint as through SetParameter, and the output stays finite.
+TEST(GraphicChunk, OutOfRangeOrNonFiniteValuesBecomeTheMidpoint) {
+    const float nan = std::nanf(""), inf = HUGE_VALF;
+    struct Row {
+        int index;
+        float value, stored;
+    };
+    const Row rows[] = {
+        {0, inf, 4101.0f}, {1, nan, 0.0f},  {2, -inf, 60.75f}, {4, nan, 0.0f},  {5, 71.0f, 0.0f},
+        {6, -inf, 0.0f},   {33, inf, 0.0f}, {34, nan, 0.995f}, {7, 3.0f, 3.0f},  // in range: kept as it is
+        {3, nan, 0.5f}};
+    Graphic source;
+    void* data = nullptr;
+    source.GetChunk(&data, false);
+    float chunk[35];
+    std::memcpy(chunk, data, sizeof chunk);
+    for (const Row& row : rows)
+        chunk[row.index] = row.value;
+    Graphic eq;
+    ASSERT_EQ(eq.SetChunk(chunk, 140, false), 140);
+    for (const Row& row : rows)
+        EXPECT_EQ(eq.GetParameter(row.index), row.stored) << row.index;
+    const Channels out = Stream(eq, NoiseChannels(2, 6000, 4, 0.5), 64);
+    for (const auto& channel : out)
+        EXPECT_TRUE(std::all_of(channel.begin(), channel.end(), [](float v) { return std::isfinite(v); }));
+}
+
 // ---- Response -----------------------------------------------------------------------------------
 
 struct LayoutCase {
