@@ -7,6 +7,8 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "errors.h"
@@ -137,6 +139,65 @@ bool IsPowerOfTwo(uint64_t n) {
 [[noreturn]] void Damaged(const std::string& path, const std::string& why) {
     Refuse(path, why, "the file is damaged; save the print again");
 }
+
+// The largest statistic a print may hold: far above any magnitude audio gives, and far enough
+// below the largest double that the sums and squares of the gain rules stay finite.
+constexpr double kLargestMagnitude = 1e30;
+// How far a noise print's threshold position (offset plus curve) may reach either way, and its
+// largest precision exponent: well beyond anything the capture writes, small enough to keep the
+// threshold parabola and the knee finite.
+constexpr double kLargestPosition = 1000.0;
+constexpr double kLargestExponent = 100.0;
+
+std::string Number(double v) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", v);
+    return text;
+}
+
+// The decoded values a reading run uses: a value outside its range (NaN included) refuses the
+// file, naming the field, where and what it holds.
+class ValueCheck {
+public:
+    explicit ValueCheck(const std::string& path) : mPath(path) {}
+
+    void Setting(const char* name, double v, double lo, double hi) const {
+        if (!(v >= lo && v <= hi))
+            Damaged(mPath,
+                    std::string("its ") + name + " is " + Number(v) + ", outside " + Number(lo) + " ... " + Number(hi));
+    }
+
+    // `count` values of a per-channel (channel >= 0) or shared array, each within [lo, hi].
+    template <typename T>
+    void Values(const char* name, int channel, const T* v, std::size_t count, double lo, double hi,
+                const char* unit) const {
+        for (std::size_t i = 0; i < count; ++i) {
+            const double x = double(v[i]);
+            if (x >= lo && x <= hi) continue;
+            const std::string where = channel >= 0 ? " of channel " + std::to_string(channel + 1) : "";
+            Damaged(mPath, std::string("its ") + name + where + " holds " + Number(x) + " at entry " +
+                               std::to_string(i) + ", where " + unit + " lies within " + Number(lo) + " ... " +
+                               Number(hi));
+        }
+    }
+
+    // Magnitudes: finite and not negative.
+    template <typename T>
+    void Magnitudes(const char* name, T* const* rows, std::size_t channels, std::size_t count) const {
+        for (std::size_t c = 0; c < channels; ++c)
+            Values(name, int(c), rows[c], count, 0.0, kLargestMagnitude, "a magnitude");
+    }
+
+    // Where the print was taken: frames from 0 on, its end within 64-bit frame positions.
+    void Span(const PrintSpan& span) const {
+        if (span.start < 0 || span.frames < 0 || span.start > INT64_MAX - span.frames)
+            Damaged(mPath, "its stretch (frame " + std::to_string(span.start) + ", " + std::to_string(span.frames) +
+                               " frames) is not one an audio file can hold");
+    }
+
+private:
+    const std::string& mPath;
+};
 
 }  // namespace
 
@@ -301,9 +362,13 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
     file.channels = int32_t(channels);
     file.fftSize = int32_t(fftSize);
     const std::size_t C = channels, N = fftSize;
+    // Bins 0 ... N/2 carry the statistics; the rest of each row is never read (a capture leaves
+    // its start values there).
+    const std::size_t bins = N / 2 + 1;
     Decoder in(bytes, kHeaderBytes);
     file.span.start = in.I64();
     file.span.frames = in.I64();
+    ValueCheck(path).Span(file.span);
 
     if (kind == PrintKind::NoisePrint) {
         NoNoisePtr record = MakeNoNoise(int(C), int(N));
@@ -336,6 +401,19 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
         for (std::size_t c = 0; c < C; ++c)
             in.F64s(r.binRms[c], N);
         in.F32s(r.thresholdCurve, N);
+        const ValueCheck check(path);
+        check.Setting("reductionDb", r.reductionDb, 0.0, 120.0);
+        check.Setting("smoothingPercent", r.smoothingPercent, 0.0, 99.0);
+        check.Setting("transitionDb", r.transitionDb, 0.0, 40.0);
+        check.Setting("outputMode", r.outputMode, 1.0, 2.0);
+        check.Setting("thresholdOffset", r.thresholdOffset, -kLargestPosition, kLargestPosition);
+        check.Setting("precisionExponent", r.precisionExponent, 0.0, kLargestExponent);
+        check.Values("dcMin", -1, r.dcMin, C, 0.0, kLargestMagnitude, "a magnitude");
+        check.Values("dcMax", -1, r.dcMax, C, 0.0, kLargestMagnitude, "a magnitude");
+        check.Magnitudes("binMin", r.binMin, C, bins);
+        check.Magnitudes("binMax", r.binMax, C, bins);
+        check.Magnitudes("binRms", r.binRms, C, bins);
+        check.Values("thresholdCurve", -1, r.thresholdCurve, bins, -kLargestPosition, kLargestPosition, "a position");
         file.noise = std::move(record);
     } else {
         NoHissPtr record = MakeNoHiss(int(C), int(N), int(rate));
@@ -360,6 +438,15 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
             in.F64s(r.floorRows[c], N);
         for (std::size_t c = 0; c < C; ++c)
             in.F32s(r.thresholdRows[c], N);
+        const ValueCheck check(path);
+        check.Setting("reductionDb", r.reductionDb, 0.0, 120.0);
+        check.Setting("kneeDb", r.kneeDb, 0.0, 40.0);
+        check.Setting("smoothingPercent", r.smoothingPercent, 0.0, 99.0);
+        check.Setting("outputMode", r.outputMode, 1.0, 2.0);
+        // A silent stretch measures -400 dB; no audio kesta reads comes near +1000 dB.
+        check.Values("floorLevel", -1, r.floorLevel, C, -400.0, 1000.0, "a level in dB");
+        check.Magnitudes("floorRows", r.floorRows, C, bins);
+        check.Magnitudes("thresholdRows", r.thresholdRows, C, bins);
         file.hiss = std::move(record);
     }
     return file;

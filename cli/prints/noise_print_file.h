@@ -44,7 +44,11 @@
 //
 // Reading checks, in this order, each refusal one clear line: the magic (not a print file), the
 // version (0 is unknown, above 1 is from a newer kesta), the length (truncated, or trailing
-// bytes), the checksum (damaged), the kind, the header and record fields. Whether a print suits
+// bytes), the checksum (damaged), the kind, the header and record fields, then every value a
+// reading run uses: the stretch (from frame 0 on, its end within 64-bit frame positions), the
+// stored settings (within the ranges the commands accept), and the statistics of bins 0 ... N/2
+// (magnitudes, floors, thresholds finite, 0 or more and at most 1e30). A checksum guards against
+// accidents, not edits: a file another program changed is refused here. Whether a print suits
 // the audio (kind, channels, FFT size, sample rate) is the command's check: see
 // CheckPrintMatches.
 

@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <cmath>
+#include <cstdint>
+#include <functional>
 #include <tuple>
 
 #include "errors.h"
@@ -14,13 +17,16 @@
 namespace kesta {
 namespace {
 
+using dsp::nohiss::NOHISS;
+using dsp::nonoise::NONOISE;
+
 // A default record but for distinct statistics, so a misplaced row or bin shows.
 std::string SamplePrint(int channels, int fftSize, int rate, PrintSpan span) {
     NoNoisePtr r = MakeNoNoise(channels, fftSize);
     r->thresholdOffset = 0.75;
     for (int c = 0; c < channels; ++c)
         for (int k = 0; k < fftSize; ++k)
-            r->binMin[c][k] = -1.0 - c * 1000 - k;
+            r->binMin[c][k] = 1.0 + c * 1000 + k;
     return EncodeNoisePrint(*r, rate, span);
 }
 
@@ -50,6 +56,24 @@ std::string Refusal(const std::string& bytes, int* code = nullptr) {
     return "";
 }
 
+// Each file is refused with exit status 3 in one line that names it and says what is wrong
+// (`expected`), ending in `hint` when one is given.
+void ExpectRefusedInOneLine(const std::vector<std::pair<std::string, std::string>>& cases,
+                            const std::string& hint = "") {
+    for (const auto& [bytes, expected] : cases) {
+        SCOPED_TRACE(expected);
+        int code = 0;
+        const std::string message = Refusal(bytes, &code);
+        EXPECT_EQ(code, 3);
+        EXPECT_NE(message.find(expected), std::string::npos) << message;
+        EXPECT_EQ(message.find('\n'), std::string::npos);
+        EXPECT_EQ(message.rfind("cannot use 'p.knp' as a noise print: ", 0), 0u) << message;
+        if (!hint.empty()) {
+            EXPECT_TRUE(message.ends_with(hint)) << message;
+        }
+    }
+}
+
 TEST(NoisePrintFileTest, LayoutIsTheDocumentedOneAndRoundTrips) {
     EXPECT_EQ(Crc32("123456789"), 0xCBF43926u);  // the catalogued check value of CRC-32/ISO-HDLC
     const std::string b = SamplePrint(2, 64, 48000, {100, 5000});
@@ -66,7 +90,7 @@ TEST(NoisePrintFileTest, LayoutIsTheDocumentedOneAndRoundTrips) {
     ASSERT_EQ(b.size(), 32 + payload + 4);
     EXPECT_EQ(Le(b, 48, 8), std::bit_cast<uint64_t>(0.75));  // thresholdOffset, the first field
     // binMin[1][5]: after the scalars, dcMin, dcMax and binMin[0]
-    EXPECT_EQ(Le(b, 48 + 64 + 16 * 2 + 8 * (64 + 5), 8), std::bit_cast<uint64_t>(-1006.0));
+    EXPECT_EQ(Le(b, 48 + 64 + 16 * 2 + 8 * (64 + 5), 8), std::bit_cast<uint64_t>(1006.0));
     EXPECT_EQ(Le(b, b.size() - 4, 4), Checksum(b));
     const PrintFile n = DecodePrintFile(b, "n.knp");
     ASSERT_TRUE(n.noise);
@@ -112,15 +136,70 @@ TEST(NoisePrintFileTest, DamagedOrForeignFilesAreRefusedInOneLine) {
         if (value != 0) PutLe(bad, bad.size() - 4, 4, Checksum(bad));
         cases.push_back({bad, message});
     }
-    for (const auto& [bytes, expected] : cases) {
-        SCOPED_TRACE(expected);
-        int code = 0;
-        const std::string message = Refusal(bytes, &code);
-        EXPECT_EQ(code, 3);
-        EXPECT_NE(message.find(expected), std::string::npos) << message;
-        EXPECT_EQ(message.find('\n'), std::string::npos);
-        EXPECT_EQ(message.rfind("cannot use 'p.knp' as a noise print: ", 0), 0u) << message;
+    ExpectRefusedInOneLine(cases);
+}
+
+// A print edited by another program with its checksum recomputed: every value a reading run uses
+// is checked, and one outside its range (NaN and infinities included) refuses the file.
+TEST(NoisePrintFileTest, EditedValuesOutsideTheirRangesAreRefusedInOneLine) {
+    const double nan = std::nan(""), inf = HUGE_VAL;
+    using Edit = std::function<void(NONOISE&, PrintSpan&)>;
+    const std::pair<Edit, std::string> noiseEdits[] = {
+        {[&](NONOISE& r, PrintSpan&) { r.binMin[1][7] = nan; }, "binMin of channel 2 holds nan at entry 7"},
+        {[&](NONOISE& r, PrintSpan&) { r.binMin[0][0] = -1.0; }, "binMin of channel 1 holds -1 at entry 0"},
+        {[&](NONOISE& r, PrintSpan&) { r.binMax[0][32] = inf; }, "binMax of channel 1 holds inf at entry 32"},
+        {[&](NONOISE& r, PrintSpan&) { r.binRms[1][3] = 1e300; }, "binRms of channel 2 holds 1e+300"},
+        {[&](NONOISE& r, PrintSpan&) { r.dcMax[1] = -0.5; }, "dcMax holds -0.5"},
+        {[&](NONOISE& r, PrintSpan&) { r.thresholdCurve[5] = float(nan); }, "thresholdCurve holds nan"},
+        {[&](NONOISE& r, PrintSpan&) { r.thresholdOffset = -inf; }, "thresholdOffset is -inf"},
+        {[&](NONOISE& r, PrintSpan&) { r.precisionExponent = -1.0; }, "precisionExponent is -1"},
+        {[&](NONOISE& r, PrintSpan&) { r.reductionDb = nan; }, "reductionDb is nan, outside 0 ... 120"},
+        {[&](NONOISE& r, PrintSpan&) { r.smoothingPercent = 100.0; }, "smoothingPercent is 100"},
+        {[&](NONOISE& r, PrintSpan&) { r.transitionDb = -3.0; }, "transitionDb is -3"},
+        {[&](NONOISE&, PrintSpan& s) {
+             s = {INT64_MAX, 1};
+         },
+         "stretch (frame 9223372036854775807, 1 frames)"},
+        {[&](NONOISE&, PrintSpan& s) {
+             s = {-1, 100};
+         },
+         "stretch (frame -1, 100 frames)"},
+        {[&](NONOISE&, PrintSpan& s) {
+             s = {0, -100};
+         },
+         "stretch (frame 0, -100 frames)"},
+    };
+    std::vector<std::pair<std::string, std::string>> cases;
+    for (const auto& [edit, expected] : noiseEdits) {
+        NoNoisePtr r = MakeNoNoise(2, 64);
+        PrintSpan span{10, 1000};
+        edit(*r, span);
+        cases.push_back({EncodeNoisePrint(*r, 44100, span), expected});
     }
+    using HissEdit = std::function<void(NOHISS&)>;
+    const std::pair<HissEdit, std::string> hissEdits[] = {
+        {[&](NOHISS& r) { r.floorRows[2][9] = nan; }, "floorRows of channel 3 holds nan at entry 9"},
+        {[&](NOHISS& r) { r.floorRows[0][4] = -1.0; }, "floorRows of channel 1 holds -1"},
+        {[&](NOHISS& r) { r.thresholdRows[1][4] = float(inf); }, "thresholdRows of channel 2 holds inf"},
+        {[&](NOHISS& r) { r.floorLevel[0] = float(nan); }, "floorLevel holds nan"},
+        {[&](NOHISS& r) { r.kneeDb = 41.0f; }, "kneeDb is 41, outside 0 ... 40"},
+        {[&](NOHISS& r) { r.reductionDb = float(-inf); }, "reductionDb is -inf"},
+    };
+    for (const auto& [edit, expected] : hissEdits) {
+        NoHissPtr r = MakeNoHiss(3, 32, 48000);
+        edit(*r);
+        cases.push_back({EncodeHissFloor(*r, {}), expected});
+    }
+    ExpectRefusedInOneLine(cases, "(the file is damaged; save the print again)");
+    // The ends of each range are accepted: a silent stretch's floor, a span ending at the last frame.
+    NoNoisePtr edge = MakeNoNoise(1, 32);
+    edge->reductionDb = 120.0;
+    edge->smoothingPercent = 99.0;
+    edge->binMax[0][1] = 1e30;
+    EXPECT_EQ(Refusal(EncodeNoisePrint(*edge, 8000, {INT64_MAX - 5, 5})), "");
+    NoHissPtr silent = MakeNoHiss(1, 32, 8000);
+    silent->floorLevel[0] = -400.0f;
+    EXPECT_EQ(Refusal(EncodeHissFloor(*silent, {})), "");
 }
 
 }  // namespace
