@@ -16,6 +16,7 @@
 #include "dsp/initializer.h"
 #include "dsp/version.h"
 #include "errors.h"
+#include "io/block_writer.h"
 
 namespace kesta {
 
@@ -96,8 +97,14 @@ int Run(int argc, char** argv) {
         throw UsageError(LowerFirst(error.what()), "", HelpHint(kesta));
     }
 
-    for (const Command& command : commands)
-        if (command.app->parsed()) return command.run();
+    for (const Command& command : commands) {
+        if (!command.app->parsed()) continue;
+        try {
+            return command.run();
+        } catch (const NonFiniteSampleError& error) {
+            throw error.ForCommand(command.app->get_name());
+        }
+    }
 
     std::fputs(kesta.help().c_str(), stdout);
     return kExitUsage;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "errors.h"
+#include "pipeline/units.h"
 #include "sndfile_reason.h"
 
 namespace kesta {
@@ -72,11 +73,31 @@ void BlockWriter::ThrowTooLong() const {
                       "name the output .rf64, .w64, .caf or .flac to use a container without that limit");
 }
 
+NonFiniteSampleError::NonFiniteSampleError(const std::string& path, int64_t frame, int channel, int sampleRate,
+                                           float value)
+    : CliError(kExitFault, "a sample that is not finite reached " + Quoted(path), "", ""),
+      mPosition("frame " + std::to_string(frame) + " (" + FormatClock(double(frame) / sampleRate, true) +
+                "), channel " + std::to_string(channel + 1) + " of " + Quoted(path)),
+      mValue(std::isnan(value) ? "nan" : (value < 0 ? "-inf" : "inf")) {}
+
+CliError NonFiniteSampleError::ForCommand(const std::string& command) const {
+    return CliError(kExitFault, "kesta " + command + " stopped at " + mPosition,
+                    "the processed audio holds a sample that is " + mValue,
+                    "nothing was written; if the input holds such samples, repair them, else please report "
+                    "this with the command line");
+}
+
 void BlockWriter::Write(const AudioBlock& block) {
     const int channels = mFormat.channels;
     const std::size_t frames = block.Frames();
     if (frames == 0) return;
     ExpectFrames(mFramesWritten + int64_t(frames));
+    for (int c = 0; c < channels; ++c) {
+        const float* in = block.Channel(c);
+        for (std::size_t i = 0; i < frames; ++i)
+            if (!std::isfinite(in[i]))
+                throw NonFiniteSampleError(mPath, mFramesWritten + int64_t(i), c, mFormat.sampleRate, in[i]);
+    }
     const std::size_t samples = frames * std::size_t(channels);
 
     sf_count_t written = 0;
@@ -91,8 +112,8 @@ void BlockWriter::Write(const AudioBlock& block) {
             int32_t* out = mInterleavedInt.data() + c;
             for (std::size_t i = 0; i < frames; ++i) {
                 const double x = in[i];
-                if (!(std::fabs(x) <= 1.0)) ++mClipped;  // beyond full scale, or not a number
-                int64_t q = std::isnan(x) ? 0 : int64_t(std::llrint(std::fmax(-2.0, std::fmin(2.0, x)) * scale));
+                if (!(std::fabs(x) <= 1.0)) ++mClipped;  // beyond full scale
+                int64_t q = int64_t(std::llrint(std::fmax(-2.0, std::fmin(2.0, x)) * scale));
                 q = q > top ? top : (q < bottom ? bottom : q);
                 out[i * channels] = int32_t(q * justify);
             }

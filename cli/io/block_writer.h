@@ -1,7 +1,10 @@
 #pragma once
 // Writes blocks of non-interleaved float channels into an audio file through libsndfile. Integer
 // encodings get exact rounding to their own bit depth and saturate at full scale (never wrap);
-// float encodings keep every value, beyond full scale included.
+// float encodings keep every value, beyond full scale included. A NaN or infinite sample is never
+// written: every command's audio passes here, so this is the last guard against a processor (or an
+// input) that produced one. The block holding it is refused whole (NonFiniteSampleError) and the
+// command stops before its output is committed.
 
 #include <sndfile.h>
 
@@ -13,8 +16,20 @@
 #include "audio_block.h"
 #include "audio_format.h"
 #include "audio_metadata.h"
+#include "errors.h"
 
 namespace kesta {
+
+// A sample that is NaN or infinite reached the writer. main() names the command that was running.
+class NonFiniteSampleError : public CliError {
+public:
+    NonFiniteSampleError(const std::string& path, int64_t frame, int channel, int sampleRate, float value);
+    // The refusal's one line, naming `command`.
+    CliError ForCommand(const std::string& command) const;
+
+private:
+    std::string mPosition, mValue;
+};
 
 class BlockWriter {
 public:
@@ -37,7 +52,8 @@ public:
     // The most frames the container can hold; nullopt when there is no practical limit.
     static std::optional<int64_t> FrameLimit(const AudioFormat& format);
 
-    // Throws an output error if the data does not fit (see ExpectFrames) or cannot be written.
+    // Throws an output error if the data does not fit (see ExpectFrames) or cannot be written, and
+    // NonFiniteSampleError, writing nothing of the block, if it holds a NaN or infinite sample.
     void Write(const AudioBlock& block);
     // Completes the file (header, trailing data). The file is whole only once this returns.
     void Finish();

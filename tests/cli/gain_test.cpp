@@ -72,6 +72,34 @@ TEST_F(GainTest, ScalesEverySampleSaturatingIntegersAndKeepsFormatAndTags) {
     }
 }
 
+// No command writes a NaN or infinite sample, whether the input brought it or the processing made
+// it (1e38 raised by 20 dB overflows a float): the run stops in one line naming the command and
+// the position, and the output is not touched.
+TEST_F(GainTest, NonFiniteSamplesAreNeverWritten) {
+    struct Case {
+        double value;
+        int64_t frame;
+        int channel;
+        std::vector<std::string> args;
+        std::vector<std::string> mentions;
+    };
+    const Case cases[] = {
+        {std::nan(""), 1000, 1, {"--db", "0"}, {"kesta gain stopped at frame 1000 (0:00:00.021), channel 2", "nan"}},
+        {1e38, 7, 0, {"--db", "20"}, {"kesta gain stopped at frame 7 ", "channel 1", "is inf"}},
+        {-HUGE_VAL, 0, 1, {"--db", "-6"}, {"kesta gain stopped at frame 0 ", "is -inf"}},
+        {std::nan(""), 2400, 0, {"--band", "1000:1:3"}, {"kesta eq stopped at frame ", "nan"}},
+    };
+    for (const Case& bad : cases) {
+        Audio audio;
+        audio.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+        audio.channels = {Sine(4800, 48000, 440.0, 0.5, 0.0, 0), Sine(4800, 48000, 660.0, 0.5, 0.0, 0)};
+        audio.channels[std::size_t(bad.channel)][std::size_t(bad.frame)] = bad.value;
+        WriteAudio(dir / "in.wav", audio);
+        const std::string command = bad.mentions[0].substr(6, bad.mentions[0].find(' ', 6) - 6);
+        ExpectRefusals(command, {{bad.args, 1, bad.mentions}});
+    }
+}
+
 TEST_F(GainTest, TheExtensionChoosesTheContainer) {
     // FLAC holds no floats: the nearest it can is 24-bit. No known extension: the input's format.
     Audio floats = StereoTone16();
