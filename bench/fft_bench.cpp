@@ -300,7 +300,7 @@ void RealRow(const char* name, int order, const std::vector<std::pair<std::strin
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool avx2 = dsp::fft::IsaAvailable(Isa::Avx2Fma);
+    const bool avx2 = dsp::detail::IsaAvailable(Isa::Avx2Fma);
     std::vector<Family> families = {
         {"complex f32", OursComplex<float>, FftwComplexSplit<float>, FftwComplexInterleaved<float>},
         {"complex f64", OursComplex<double>, FftwComplexSplit<double>, FftwComplexInterleaved<double>},
@@ -333,7 +333,7 @@ int main(int argc, char** argv) {
     std::printf(
         "\nours / FFTW, time ratio (below 1.00: we are faster); FFTW_MEASURE plans, forward,\n"
         "out of place; best of 41 alternating batches. Best kernel here: %s\n\n",
-        dsp::fft::IsaName(Isa::Best));
+        dsp::detail::IsaName(Isa::Best));
     std::printf("%-12s %7s %-9s %10s %10s %10s %12s %9s %9s\n", "transform", "N", "kernel", "ours ns", "split ns",
                 "inter ns", "Msamples/s", "/split", "/inter");
     for (int order : kOrders)

@@ -107,7 +107,7 @@ CheckOutcome SplitSeparatesTwoChannels() {
 }
 
 CheckOutcome KernelChoice() {
-    return {true, std::string("transforms run on the ") + fft::IsaName(fft::BestIsa()) + " kernel"};
+    return {true, std::string("transforms run on the ") + dsp::detail::IsaName(dsp::detail::Isa::Best) + " kernel"};
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include <bit>
 #include <new>
 
+#include "dsp/core/aligned_memory.h"
 #include "dsp/fft.h"
-#include "dsp/fft/aligned_memory.h"
 #include "dsp/fft/fft_kernel.h"
 
 namespace dsp {

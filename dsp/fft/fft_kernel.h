@@ -17,21 +17,14 @@
 #include <cstddef>
 #include <memory>
 
+#include "dsp/core/cpu.h"
+
 namespace dsp::fft {
 
 inline constexpr int kMaxOrder = 30;
 
-enum class Isa {
-    Best,      // the fastest kernel this CPU can run
-    Portable,  // plain C++, any CPU
-    Avx2Fma,   // x86-64 with AVX2 and FMA
-};
-
-// True when kernels for `isa` were compiled in and this CPU can run them.
-bool IsaAvailable(Isa isa);
-// The kernel Best resolves to on this CPU.
-Isa BestIsa();
-const char* IsaName(Isa isa);
+// Kernels: Portable (plain C++, any CPU) and Avx2Fma, chosen by dsp/core/cpu.h.
+using Isa = dsp::detail::Isa;
 
 template <typename T>
 class ComplexPlan {

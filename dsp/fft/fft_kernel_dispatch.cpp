@@ -1,18 +1,13 @@
-// Run-time choice of FFT kernel and the helpers the kernel translation units share.
-// This unit is compiled for the baseline instruction set only.
+// Run-time choice of FFT kernel (from the CPU, dsp/core/cpu.h) and the helpers the kernel
+// translation units share. This unit is compiled for the baseline instruction set only.
 
 #include <cmath>
 #include <memory>
 #include <new>
 
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/aligned_memory.h"
 #include "dsp/fft/fft_kernel.h"
 #include "dsp/fft/fft_kernel_internal.h"
-
-#if defined(KESTADSP_HAVE_AVX2_KERNEL) && defined(_MSC_VER) && !defined(__clang__)
-#include <immintrin.h>
-#include <intrin.h>
-#endif
 
 namespace dsp::fft {
 
@@ -75,70 +70,7 @@ void UnitRoot(long long k, long long n, float* re, float* im) {
 
 namespace {
 
-bool CpuHasAvx2Fma() {
-#if defined(KESTADSP_HAVE_AVX2_KERNEL)
-#if defined(__GNUC__) || defined(__clang__)
-    // On Linux and macOS the kernel enables the AVX state whenever the CPU reports AVX2.
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-#elif defined(_MSC_VER)
-    int regs[4];
-    __cpuid(regs, 0);
-    if (regs[0] < 7) return false;
-    __cpuid(regs, 1);
-    const bool fma = (regs[2] & (1 << 12)) != 0;
-    const bool osxsave = (regs[2] & (1 << 27)) != 0;
-    const bool avx = (regs[2] & (1 << 28)) != 0;
-    if (!fma || !osxsave || !avx) return false;
-    if ((_xgetbv(0) & 0x6) != 0x6) return false;  // XMM and YMM state saved by the OS
-    __cpuidex(regs, 7, 0);
-    return (regs[1] & (1 << 5)) != 0;
-#else
-    return false;
-#endif
-#else
-    return false;
-#endif
-}
-
-bool Avx2Usable() {
-    static const bool usable = CpuHasAvx2Fma();
-    return usable;
-}
-
-}  // namespace
-
-bool IsaAvailable(Isa isa) {
-    switch (isa) {
-        case Isa::Best:
-        case Isa::Portable:
-            return true;
-        case Isa::Avx2Fma:
-            return Avx2Usable();
-    }
-    return false;
-}
-
-Isa BestIsa() {
-    return Avx2Usable() ? Isa::Avx2Fma : Isa::Portable;
-}
-
-const char* IsaName(Isa isa) {
-    if (isa == Isa::Best) isa = BestIsa();
-    switch (isa) {
-        case Isa::Portable:
-            return "portable";
-        case Isa::Avx2Fma:
-            return "avx2-fma";
-        case Isa::Best:
-            break;
-    }
-    return "unknown";
-}
-
-namespace {
-
-#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+#if defined(KESTADSP_HAVE_AVX2)
 // Plans of a kernel compiled for a particular instruction set, reached through its function table.
 template <typename T>
 class ComplexOpsPlan final : public ComplexPlan<T> {
@@ -183,7 +115,7 @@ private:
 
 template <typename T>
 ComplexPlan<T>* NewComplex(int order, Isa isa) {
-#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+#if defined(KESTADSP_HAVE_AVX2)
     if (isa == Isa::Avx2Fma) return new ComplexOpsPlan<T>(order, avx2::ComplexOps(T{}));
 #endif
     (void)isa;
@@ -192,7 +124,7 @@ ComplexPlan<T>* NewComplex(int order, Isa isa) {
 
 template <typename T>
 RealPlan<T>* NewReal(int order, Isa isa) {
-#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+#if defined(KESTADSP_HAVE_AVX2)
     if (isa == Isa::Avx2Fma) return new RealOpsPlan<T>(order, avx2::RealOps(T{}));
 #endif
     (void)isa;
@@ -201,8 +133,8 @@ RealPlan<T>* NewReal(int order, Isa isa) {
 
 bool Resolve(int order, Isa* isa) {
     if (order < 0 || order > kMaxOrder) return false;
-    if (*isa == Isa::Best) *isa = BestIsa();
-    return IsaAvailable(*isa);
+    if (*isa == Isa::Best) *isa = dsp::detail::BestIsa();
+    return dsp::detail::IsaAvailable(*isa);
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ RealPlan<double>* NewRealPlan(int order, double);
 
 }  // namespace dsp::fft::portable
 
-#if defined(KESTADSP_HAVE_AVX2_KERNEL)
+#if defined(KESTADSP_HAVE_AVX2)
 namespace dsp::fft::avx2 {
 
 const detail::ComplexOps<float>& ComplexOps(float);

@@ -1,7 +1,7 @@
 #include <vector>
 
+#include "dsp/core/aligned_memory.h"
 #include "dsp/fft.h"
-#include "dsp/fft/aligned_memory.h"
 #include "dsp/fft/fft_kernel.h"
 #include "dsp/spectrum_packing.h"
 

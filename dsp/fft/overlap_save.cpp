@@ -6,8 +6,9 @@
 #include <cstring>
 #include <numbers>
 
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/aligned_memory.h"
 #include "dsp/fft/spectrum_packing_internal.h"
+#include "dsp/fft/window_kernels.h"
 #include "dsp/fft_window.h"
 #include "dsp/spectrum_packing.h"
 
@@ -18,27 +19,11 @@ namespace {
 // Process copies the caller's channel pointers so it can advance them; hosts pass at most this many.
 constexpr int kMaxChannels = 32;
 
-// The window products run on every sample of every frame: the loops are built for AVX as well
-// as the baseline and the loader picks one for the CPU (a product is the same either way).
-#if defined(__GNUC__) && defined(__x86_64__) && defined(__linux__)
-#define KESTADSP_WIDE_LOOP __attribute__((target_clones("avx", "default")))
-#else
-#define KESTADSP_WIDE_LOOP
-#endif
-
-KESTADSP_WIDE_LOOP void Multiply(const float* a, const float* b, float* out, int n) {
-    for (int i = 0; i < n; ++i)
-        out[i] = a[i] * b[i];
-}
-
-KESTADSP_WIDE_LOOP void AddProduct(const float* a, const float* b, float* out, int n) {
-    for (int i = 0; i < n; ++i)
-        out[i] += a[i] * b[i];
-}
-
-KESTADSP_WIDE_LOOP void SubtractProduct(const float* a, const float* b, float* out, int n) {
-    for (int i = 0; i < n; ++i)
-        out[i] -= a[i] * b[i];
+// The window products built for this CPU, picked once.
+const detail::WindowKernels& BestWindowKernels() {
+    static const detail::WindowKernels& best = detail::PickKernels(
+        detail::portable::WindowKernelTable(), KESTADSP_AVX2_TABLE(detail::avx2::WindowKernelTable()));
+    return best;
 }
 
 void Scale(float* data, float factor, int n) {
@@ -316,10 +301,11 @@ void OverlapSave::OnSpectrum(float** re, float** im, int numChannels, int numBin
 void OverlapSave::TransformFrameToSpectra(float** frame, int numChannels) {
     assert(numChannels <= mNumChannels);
     const int N = mFrameLength;
+    const detail::WindowKernels& kernels = BestWindowKernels();
     for (int ch = 0; ch < numChannels; ch += 2) {
         const float* second = ch + 1 < numChannels ? frame[ch + 1] : frame[ch];
-        Multiply(frame[ch], mAnalysisWindow, mTransformRe, N);
-        Multiply(second, mAnalysisWindow, mTransformIm, N);
+        kernels.multiply(frame[ch], mAnalysisWindow, mTransformRe, N);
+        kernels.multiply(second, mAnalysisWindow, mTransformIm, N);
         mFFT.FFT(mTransformRe, mTransformIm, 1);
         if (mPreScaler != 1.0f) {
             Scale(mTransformRe, mPreScaler, N);
@@ -335,14 +321,15 @@ void OverlapSave::TransformSpectraToFrame(float** frame, int numChannels, Synthe
     assert(numChannels <= mNumChannels);
     const int N = mFrameLength;
     const float* window = mSynthesisWindow;
+    const detail::WindowKernels& kernels = BestWindowKernels();
     auto emit = [&](float* dst, const float* src) {
         switch (mode) {
             case Synthesis::Store:
-                return Multiply(src, window, dst, N);
+                return kernels.multiply(src, window, dst, N);
             case Synthesis::Add:
-                return AddProduct(src, window, dst, N);
+                return kernels.addProduct(src, window, dst, N);
             case Synthesis::Subtract:
-                return SubtractProduct(src, window, dst, N);
+                return kernels.subtractProduct(src, window, dst, N);
         }
     };
     for (int ch = 0; ch < numChannels; ch += 2) {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/aligned_memory.h"
 
 namespace dsp {
 

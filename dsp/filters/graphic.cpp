@@ -6,7 +6,7 @@
 #include <cstring>
 #include <numbers>
 
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/aligned_memory.h"
 
 namespace dsp {
 

@@ -89,7 +89,7 @@ double RelErr(const Spectrum& want, std::size_t count, T* re, T* im, std::size_t
 class FftKernelIsa : public testing::TestWithParam<Isa> {
 protected:
     void SetUp() override {
-        if (!dsp::fft::IsaAvailable(GetParam())) GTEST_SKIP() << "kernel not available on this CPU";
+        if (!dsp::detail::IsaAvailable(GetParam())) GTEST_SKIP() << "kernel not available on this CPU";
     }
 };
 
@@ -194,11 +194,11 @@ INSTANTIATE_TEST_SUITE_P(Kernels, FftKernelIsa, testing::Values(Isa::Portable, I
                          });
 
 TEST(FftKernelDispatch, BestResolvesToAnAvailableKernel) {
-    const Isa best = dsp::fft::BestIsa();
+    const Isa best = dsp::detail::BestIsa();
     EXPECT_NE(best, Isa::Best);
-    EXPECT_TRUE(dsp::fft::IsaAvailable(best));
-    EXPECT_TRUE(dsp::fft::IsaAvailable(Isa::Portable));
-    EXPECT_STREQ(dsp::fft::IsaName(Isa::Best), dsp::fft::IsaName(best));
+    EXPECT_TRUE(dsp::detail::IsaAvailable(best));
+    EXPECT_TRUE(dsp::detail::IsaAvailable(Isa::Portable));
+    EXPECT_STREQ(dsp::detail::IsaName(Isa::Best), dsp::detail::IsaName(best));
 }
 
 }  // namespace

@@ -4,11 +4,23 @@
 #include <cstddef>
 #include <cstring>
 
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/aligned_memory.h"
+#include "dsp/core/kernel_dispatch.h"
 #include "dsp/nohiss.h"
 #include "dsp/restoration/nohiss/hiss_kernels.h"
 
 namespace dsp::nohiss {
+
+namespace kernels {
+
+const HissKernels& HissKernelsFor(dsp::detail::Isa isa) {
+    static const HissKernels& best =
+        dsp::detail::PickKernels(portable::HissKernelTable(), KESTADSP_AVX2_TABLE(avx2::HissKernelTable()));
+    if (isa == dsp::detail::Isa::Best) return best;
+    return dsp::detail::PickKernels(portable::HissKernelTable(), KESTADSP_AVX2_TABLE(avx2::HissKernelTable()), isa);
+}
+
+}  // namespace kernels
 
 namespace {
 
@@ -187,6 +199,7 @@ void NoHissProcess::OnSpectrum(float** re, float** im, int numChannels, int numB
     const float oneMinusD = mOneMinusDecay;
     const kernels::GainRule rule{mFloorGain, mOneMinusFloorGain, mKneeRatio};
     const int first = kFirstProcessedBin;
+    const kernels::HissKernels& k = kernels::HissKernelsFor();
 
     // Channels go in pairs, so the smoothing recurrence of two channels runs side by side.
     for (int c = 0; c < numChannels; c += 2) {
@@ -195,21 +208,21 @@ void NoHissProcess::OnSpectrum(float** re, float** im, int numChannels, int numB
         float* mB = mMagnitude[1];
         float* sA = mSmoothing[static_cast<std::size_t>(c)] + kGuard;
         float* sB = pair ? mSmoothing[static_cast<std::size_t>(c) + 1] + kGuard : nullptr;
-        kernels::Magnitudes(re[c], im[c], mA, first, numBins, divisor);
-        if (pair) kernels::Magnitudes(re[c + 1], im[c + 1], mB, first, numBins, divisor);
+        k.magnitudes(re[c], im[c], mA, first, numBins, divisor);
+        if (pair) k.magnitudes(re[c + 1], im[c + 1], mB, first, numBins, divisor);
 
         if (mSeedSmoothing) {
             // The first frame after Resume stores m.
             std::copy(mA + first, mA + numBins, sA + first);
             if (pair) std::copy(mB + first, mB + numBins, sB + first);
         } else if (pair) {
-            kernels::SmoothPair(sA, sB, mA, mB, first, numBins, d, oneMinusD);
+            k.smoothPair(sA, sB, mA, mB, first, numBins, d, oneMinusD);
         } else {
             kernels::scalar::SmoothRow(sA, mA, first, numBins, d, oneMinusD);
         }
 
-        kernels::ApplyGains(re[c], im[c], sA, mParam.thresholdRows[c], first, numBins, rule);
-        if (pair) kernels::ApplyGains(re[c + 1], im[c + 1], sB, mParam.thresholdRows[c + 1], first, numBins, rule);
+        k.applyGains(re[c], im[c], sA, mParam.thresholdRows[c], first, numBins, rule);
+        if (pair) k.applyGains(re[c + 1], im[c + 1], sB, mParam.thresholdRows[c + 1], first, numBins, rule);
     }
     mSeedSmoothing = false;
 }

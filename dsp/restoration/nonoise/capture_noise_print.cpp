@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/aligned_memory.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/record_storage.h"
 #include "dsp/spectrum_packing.h"

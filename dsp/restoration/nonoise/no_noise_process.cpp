@@ -16,16 +16,15 @@
 #include <cmath>
 #include <cstring>
 
+#include "dsp/core/aligned_memory.h"
 #include "dsp/core/denormal_guard.h"
-#include "dsp/fft/aligned_memory.h"
+#include "dsp/core/kernel_dispatch.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/noise_reducer.h"
 #include "dsp/restoration/nonoise/record_storage.h"
 
 #if defined(__SSE2__) || defined(_M_X64)
 #include <immintrin.h>
-
-#include "dsp/fft/fft_kernel.h"
 #define KESTADSP_NONOISE_SSE2 1
 #endif
 
@@ -142,19 +141,6 @@ inline double SmoothBin(double prev2, double prev1, double m, double next1, doub
     return q <= old ? old * decay + oneMinusDecay * q : old * 0.07 + q * 0.93;
 }
 
-// The gain 1 − min(r, t/m); 1 when m is 0.
-inline double BinGain(double m, double lo, double hi, double width, double ceiling) {
-    double t;
-    if (m < lo)
-        t = m;
-    else if (m >= hi)
-        t = hi;
-    else
-        t = m + ((m - lo) / width) * (hi - m);
-    if (m == 0.0) return 1.0;
-    return 1.0 - std::min(ceiling, t / m);
-}
-
 template <int Lanes>
 void ReduceScalar(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale, Smoothing mode,
                   double decay, double oneMinusDecay) {
@@ -195,7 +181,8 @@ void ReduceScalar(float* const* re, float* const* im, const NOISEREDUCER::Group&
 // (discarded quotients may be inf or NaN; nothing traps), so they give the scalar results bit for
 // bit. The work is split in two passes: the magnitudes and the smoothing recursion, serial along
 // the bins, with two channels in the two lanes of an SSE2 register; then the gains, which have no
-// order and run four bins at a time where AVX is available (their two divisions dominate).
+// order and run in the gain kernels (noise_gain_kernels.cpp), four bins at a time where the CPU
+// has AVX2 (their two divisions dominate).
 
 template <int Lanes>
 inline __m128d Load(const double* p) {
@@ -290,80 +277,12 @@ void MagnitudesSse2(float* const* re, float* const* im, const NOISEREDUCER::Grou
     }
 }
 
-// Pass 2 for one channel over bins [from, n): two at a time, then the last one scalar.
-void GainsSse2(float* re, float* im, const NOISEREDUCER::Tables& t, int from, int n) {
-    const __m128d one = _mm_set1_pd(1.0);
-    int k = from;
-    for (; k + 2 <= n; k += 2) {
-        const __m128d m = _mm_loadu_pd(t.magnitude + k);
-        const __m128d lo = _mm_loadu_pd(t.lo + k);
-        const __m128d hi = _mm_loadu_pd(t.hi + k);
-        const __m128d inside =
-            _mm_add_pd(m, _mm_mul_pd(_mm_div_pd(_mm_sub_pd(m, lo), _mm_loadu_pd(t.kneeWidth + k)), _mm_sub_pd(hi, m)));
-        __m128d target = Select(_mm_cmpge_pd(m, hi), hi, inside);
-        target = Select(_mm_cmplt_pd(m, lo), m, target);
-        // min(r, t/m) keeps r unless t/m is smaller, which is minpd(t/m, r).
-        const __m128d r = _mm_min_pd(_mm_div_pd(target, m), _mm_loadu_pd(t.ceiling + k));
-        const __m128d gain = Select(_mm_cmpeq_pd(m, _mm_setzero_pd()), one, _mm_sub_pd(one, r));
-        for (float* x : {re + k, im + k}) {
-            const __m128d v = _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(x))));
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(x), _mm_castps_si128(_mm_cvtpd_ps(_mm_mul_pd(v, gain))));
-        }
-    }
-    for (; k < n; ++k) {
-        const double gain = BinGain(t.magnitude[k], t.lo[k], t.hi[k], t.kneeWidth[k], t.ceiling[k]);
-        re[k] = static_cast<float>(re[k] * gain);
-        im[k] = static_cast<float>(im[k] * gain);
-    }
-}
-
-#if defined(__GNUC__) || defined(__clang__)
-#define KESTADSP_NONOISE_AVX __attribute__((target("avx")))
-#else
-#define KESTADSP_NONOISE_AVX
-#endif
-
-// A bitwise select: the blend instruction's builtin is folded by some compilers into a generic
-// vector choice that they then take apart lane by lane.
-KESTADSP_NONOISE_AVX inline __m256d SelectAvx(__m256d mask, __m256d a, __m256d b) {  // mask ? a : b
-    return _mm256_or_pd(_mm256_and_pd(mask, a), _mm256_andnot_pd(mask, b));
-}
-
-// Pass 2 for one channel with AVX, four bins at a time. Returns the first bin left over.
-KESTADSP_NONOISE_AVX int GainsAvx(float* re, float* im, const NOISEREDUCER::Tables& t, int n) {
-    const __m256d one = _mm256_set1_pd(1.0);
-    const __m256d zero = _mm256_setzero_pd();
-    int k = 0;
-    for (; k + 4 <= n; k += 4) {
-        const __m256d m = _mm256_loadu_pd(t.magnitude + k);
-        const __m256d lo = _mm256_loadu_pd(t.lo + k);
-        const __m256d hi = _mm256_loadu_pd(t.hi + k);
-        const __m256d inside = _mm256_add_pd(
-            m,
-            _mm256_mul_pd(_mm256_div_pd(_mm256_sub_pd(m, lo), _mm256_loadu_pd(t.kneeWidth + k)), _mm256_sub_pd(hi, m)));
-        __m256d target = SelectAvx(_mm256_cmp_pd(m, hi, _CMP_GE_OQ), hi, inside);
-        target = SelectAvx(_mm256_cmp_pd(m, lo, _CMP_LT_OQ), m, target);
-        const __m256d r = _mm256_min_pd(_mm256_div_pd(target, m), _mm256_loadu_pd(t.ceiling + k));
-        const __m256d gain = SelectAvx(_mm256_cmp_pd(m, zero, _CMP_EQ_OQ), one, _mm256_sub_pd(one, r));
-        _mm_storeu_ps(re + k, _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(re + k)), gain)));
-        _mm_storeu_ps(im + k, _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(im + k)), gain)));
-    }
-    return k;
-}
-
-bool AvxUsable() {
-    static const bool usable = fft::IsaAvailable(fft::Isa::Avx2Fma);
-    return usable;
-}
-
 template <int Lanes>
 void ReduceVector(float* const* re, float* const* im, const NOISEREDUCER::Group& g, int n, double scale, Smoothing mode,
-                  double decay, double oneMinusDecay, bool avx) {
+                  double decay, double oneMinusDecay, const GainKernels& gains) {
     MagnitudesSse2<Lanes>(re, im, g, n, scale, mode, decay, oneMinusDecay);
-    for (int lane = 0; lane < Lanes; ++lane) {
-        const int from = avx ? GainsAvx(re[lane], im[lane], g.lane[lane], n) : 0;
-        GainsSse2(re[lane], im[lane], g.lane[lane], from, n);
-    }
+    for (int lane = 0; lane < Lanes; ++lane)
+        gains.apply(re[lane], im[lane], g.lane[lane], n);
 }
 #endif
 
@@ -373,11 +292,13 @@ void ReduceGroup(float* const* re, float* const* im, const NOISEREDUCER::Group& 
                  Smoothing mode, double decay, double oneMinusDecay, KernelPath path) {
 #ifdef KESTADSP_NONOISE_SSE2
     if (path != KernelPath::Portable) {
-        const bool avx = path == KernelPath::Best && AvxUsable();
+        static const GainKernels& best =
+            dsp::detail::PickKernels(portable::GainKernelTable(), KESTADSP_AVX2_TABLE(avx2::GainKernelTable()));
+        const GainKernels& gains = path == KernelPath::Best ? best : portable::GainKernelTable();
         if (group.lanes == 2)
-            ReduceVector<2>(re, im, group, n, magScale, mode, decay, oneMinusDecay, avx);
+            ReduceVector<2>(re, im, group, n, magScale, mode, decay, oneMinusDecay, gains);
         else
-            ReduceVector<1>(re, im, group, n, magScale, mode, decay, oneMinusDecay, avx);
+            ReduceVector<1>(re, im, group, n, magScale, mode, decay, oneMinusDecay, gains);
         return;
     }
 #else

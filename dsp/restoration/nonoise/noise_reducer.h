@@ -82,10 +82,40 @@ enum class Smoothing {
 
 // Which code runs the frame kernel. Every path gives the same bits; tests run each.
 enum class KernelPath {
-    Best,      // SSE2 for the smoothing, AVX for the gains where the CPU has it
-    Sse2,      // SSE2 throughout (x86-64 baseline)
+    Best,      // SSE2 for the smoothing, the best gain kernel build for the CPU
+    Sse2,      // SSE2 throughout (x86-64 baseline; the portable gain kernel build)
     Portable,  // plain scalar code (the build for other CPUs)
 };
+
+// The gain 1 − min(r, t/m) of one bin; 1 when m is 0. In an unnamed namespace and free of
+// library templates, so each kernel build keeps its own copy (see dsp/core/kernel_dispatch.h).
+namespace {
+inline double BinGain(double m, double lo, double hi, double width, double ceiling) {
+    double t;
+    if (m < lo)
+        t = m;
+    else if (m >= hi)
+        t = hi;
+    else
+        t = m + ((m - lo) / width) * (hi - m);
+    if (m == 0.0) return 1.0;
+    const double ratio = t / m;
+    return 1.0 - (ratio < ceiling ? ratio : ceiling);  // std::min(ceiling, t / m), written out
+}
+}  // namespace
+
+// The gains pass of one channel: re[k], im[k] *= BinGain(t.magnitude[k], ...) for k in [0, n),
+// in double, rounded back to float. One build per instruction set, the same bits from each
+// (noise_gain_kernels.cpp).
+struct GainKernels {
+    void (*apply)(float* re, float* im, const NOISEREDUCER::Tables& t, int n);
+};
+namespace portable {
+const GainKernels& GainKernelTable();
+}
+namespace avx2 {
+const GainKernels& GainKernelTable();
+}
 
 // One group's bins 0 ... n − 1 through the rule: m = |X|·magScale; smoothing; t from the knee;
 // X *= 1 − min(r, t/m) (left alone when m = 0). re[lane], im[lane] are the group's channels.
