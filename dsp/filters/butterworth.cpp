@@ -11,6 +11,7 @@
 #include <numbers>
 
 #include "dsp/core/denormal_guard.h"
+#include "dsp/core/numerics.h"
 
 namespace dsp::butterworth {
 
@@ -43,7 +44,9 @@ constexpr int kFreeLawsonSteps = 8;
 constexpr double kCutoffWeight = 1e4;
 constexpr int kMaxUnknowns = 2 * kMaxFreeLowPassOrder > kMaxOrder + 1 ? 2 * kMaxFreeLowPassOrder : kMaxOrder + 1;
 
-using Complex = std::complex<double>;
+using numerics::Complex;
+using numerics::FactorInsideUnitCircle;
+using numerics::Horner;
 // One column of a least-squares system: a row per grid point and one for a constraint.
 using Column = std::array<double, kGridSize + 1>;
 
@@ -72,103 +75,12 @@ double PoleFactor(const Pole& p, double w) {
     return p.im == 0.0 ? one(w) : one(w - p.im) * one(w + p.im);
 }
 
-// Least squares: x minimising |M x - b| over the first `rows` rows of the first `cols` columns of M
-// (Householder QR on equilibrated columns). M and b are overwritten. False for a zero or
-// non-finite column.
+// numerics::LeastSquares on columns of the grid.
 bool LeastSquares(Column* M, int cols, int rows, Column& b, double* x) {
-    double scale[kMaxUnknowns], diag[kMaxUnknowns];
-    for (int j = 0; j < cols; ++j) {
-        double sum = 0.0;
-        for (int i = 0; i < rows; ++i)
-            sum += M[j][i] * M[j][i];
-        scale[j] = std::sqrt(sum);
-        if (!(scale[j] > 0.0) || !std::isfinite(scale[j])) return false;
-        for (int i = 0; i < rows; ++i)
-            M[j][i] /= scale[j];
-    }
-    for (int k = 0; k < cols; ++k) {
-        Column& v = M[k];
-        double norm2 = 0.0;
-        for (int i = k; i < rows; ++i)
-            norm2 += v[i] * v[i];
-        double alpha = std::sqrt(norm2);
-        if (!(alpha > 0.0)) return false;
-        if (v[k] > 0.0) alpha = -alpha;
-        v[k] -= alpha;  // v = column - alpha e_k, and v'v = -2 alpha v_k
-        const double vv = -2.0 * alpha * v[k];
-        auto reflect = [&v, k, vv, rows](Column& c) {
-            double dot = 0.0;
-            for (int i = k; i < rows; ++i)
-                dot += v[i] * c[i];
-            const double t = 2.0 * dot / vv;
-            for (int i = k; i < rows; ++i)
-                c[i] -= t * v[i];
-        };
-        for (int j = k + 1; j < cols; ++j)
-            reflect(M[j]);
-        reflect(b);
-        diag[k] = alpha;
-    }
-    for (int k = cols - 1; k >= 0; --k) {
-        double sum = b[k];
-        for (int j = k + 1; j < cols; ++j)
-            sum -= M[j][k] * x[j];
-        x[k] = sum / diag[k];
-    }
+    double* columns[kMaxUnknowns];
     for (int j = 0; j < cols; ++j)
-        x[j] /= scale[j];
-    return true;
-}
-
-// The n roots of p[0] + p[1] u + ... + p[n] u^n by the Aberth-Ehrlich iteration. False if they
-// do not settle.
-bool Roots(const double* p, int n, Complex* roots) {
-    if (!(std::fabs(p[n]) > 0.0) || !std::isfinite(p[n])) return false;
-    const double radius = std::pow(std::fabs(p[0] / p[n]), 1.0 / n);
-    for (int k = 0; k < n; ++k)
-        roots[k] = std::polar(radius, 0.4 + 2.0 * kPi * k / n);
-    double worst = 1.0;
-    for (int iteration = 0; iteration < 100 && worst > 1e-13; ++iteration) {
-        worst = 0.0;
-        for (int i = 0; i < n; ++i) {
-            const Complex z = roots[i];
-            Complex value = p[n], slope = 0.0;
-            for (int k = n - 1; k >= 0; --k) {
-                slope = slope * z + value;
-                value = value * z + p[k];
-            }
-            if (value == 0.0) continue;
-            const Complex ratio = value / slope;
-            Complex sum = 0.0;
-            for (int j = 0; j < n; ++j)
-                if (j != i) sum += 1.0 / (z - roots[j]);
-            const Complex step = ratio / (1.0 - ratio * sum);
-            if (!std::isfinite(step.real()) || !std::isfinite(step.imag())) return false;
-            roots[i] -= step;
-            worst = std::max(worst, std::abs(step) / std::max(std::abs(roots[i]), 1e-300));
-        }
-    }
-    return worst <= 1e-9;
-}
-
-// The root inside the unit circle that belongs to a root u of |B|^2: z + 1/z = 2 - 4u, |z| < 1.
-Complex ZeroOf(Complex u) {
-    const Complex beta = 2.0 - 4.0 * u;
-    Complex d = std::sqrt(16.0 * u * (u - 1.0));  // beta^2 - 4 without its cancellation near u = 0, 1
-    if (std::abs(beta - d) > std::abs(beta + d)) d = -d;
-    return 2.0 / (beta + d);  // 1 / the root outside, free of cancellation
-}
-
-// The n roots u_k of p[0] + ... + p[n] u^n, with u scaled by uScale, as their roots z inside the unit
-// circle (ZeroOf). False if the roots do not settle or one lies on the circle (|B|^2 < 0 somewhere).
-bool FactorInsideUnitCircle(const double* p, int n, double uScale, Complex* out) {
-    Complex roots[kMaxOrder];
-    if (!Roots(p, n, roots)) return false;
-    for (int k = 0; k < n; ++k) {
-        out[k] = ZeroOf(uScale * roots[k]);
-        if (!(std::abs(out[k]) < 1.0 - 1e-9)) return false;
-    }
-    return true;
+        columns[j] = M[j].data();
+    return numerics::LeastSquares(columns, cols, rows, b.data(), x);
 }
 
 // One Lawson step: each point's weight grows with its share of the worst error.
@@ -288,41 +200,6 @@ bool FitLowPassZeros(const Design& d, const Pole* poles, const Grid& grid, Compl
     return FactorInsideUnitCircle(p, n, 1.0, zeros);
 }
 
-// A section's numerator or denominator 1 + c1 z^-1 + c2 z^-2 (c2 = 0 for the first-order one), and
-// its magnitude at DC taken from its roots, which keeps full precision for roots near z = 1.
-struct Factor {
-    double c1 = 0.0, c2 = 0.0, dc = 1.0;
-};
-
-// Shares roots out as section factors: conjugate pairs together (in the order given), real roots
-// paired in ascending order, the last real one to the first-order section for an odd order. False if
-// the roots are not real or conjugate pairs.
-bool ShareRoots(const Complex* roots, int n, Factor* factors) {
-    double reals[kMaxOrder];
-    int realCount = 0, pairCount = 0, lowerCount = 0;
-    for (int k = 0; k < n; ++k) {
-        const Complex z = roots[k];
-        const double tolerance = 1e-9 * (1.0 + std::abs(z));
-        if (std::fabs(z.imag()) <= tolerance) {
-            reals[realCount++] = z.real();
-        } else if (z.imag() > 0.0) {
-            factors[pairCount++] = {-2.0 * z.real(), std::norm(z), std::norm(1.0 - z)};
-        } else {
-            ++lowerCount;
-        }
-    }
-    if (lowerCount != pairCount || 2 * pairCount + realCount != n) return false;
-    for (int i = 1; i < realCount; ++i)  // a few values: insertion sort
-        for (int j = i; j > 0 && reals[j - 1] > reals[j]; --j)
-            std::swap(reals[j - 1], reals[j]);
-    int factor = pairCount;
-    for (int k = 0; k + 1 < realCount; k += 2)
-        factors[factor++] = {-(reals[k] + reals[k + 1]), reals[k] * reals[k + 1],
-                             std::fabs((1.0 - reals[k]) * (1.0 - reals[k + 1]))};
-    if (realCount % 2 != 0) factors[factor] = {-reals[realCount - 1], 0.0, std::fabs(1.0 - reals[realCount - 1])};
-    return true;
-}
-
 // The worst in-band error, |ln(|H|^2 / curve)|, of the cascade with these n zeros and n poles: with
 // unit gain at DC for a low-pass; for a high-pass with the gain G that centres the error (equal and
 // opposite at its two extremes), returned as ln G. Infinite, with ln G = 0, when no point of the band
@@ -353,13 +230,6 @@ double WorstError(const Design& d, const Complex* zeros, const Complex* poles, c
     if (d.lowPass) return std::max(-lo, hi);
     logGain = -0.5 * (lo + hi);
     return 0.5 * (hi - lo);
-}
-
-double Horner(const double* p, int n, double x) {
-    double value = p[n];
-    for (int k = n - 1; k >= 0; --k)
-        value = value * x + p[k];
-    return value;
 }
 
 // Poles and zeros fitted together. On the unit circle |H|^2 is N(x) / D(x), both of degree n in
@@ -554,21 +424,21 @@ Design DesignCutFilter(bool lowPass, int order, double normalisedCutoff, double 
     // curve more closely.
     Grid grid;
     FillGrid(grid, d);
-    Factor numerators[kMaxSections], denominators[kMaxSections];
-    if (!(lowPass && FitLowPassZeros(d, analog, grid, zeros) && ShareRoots(zeros, n, numerators))) {
+    numerics::SectionFactor numerators[kMaxSections], denominators[kMaxSections];
+    if (!(lowPass && FitLowPassZeros(d, analog, grid, zeros) && numerics::PairRoots(zeros, n, numerators))) {
         std::fill(zeros, zeros + n, Complex(lowPass ? -1.0 : 1.0));
-        ShareRoots(zeros, n, numerators);
+        numerics::PairRoots(zeros, n, numerators);
     }
-    ShareRoots(poles, n, denominators);
+    numerics::PairRoots(poles, n, denominators);
     double logGain = 0.0;
     double error = WorstError(d, zeros, poles, grid, logGain);
     if (error > kCloseEnough && (!lowPass || n <= kMaxFreeLowPassOrder)) {
         Complex freeZeros[kMaxOrder], freePoles[kMaxOrder];
         std::copy(zeros, zeros + n, freeZeros);
-        Factor freeNumerators[kMaxSections], freeDenominators[kMaxSections];
+        numerics::SectionFactor freeNumerators[kMaxSections], freeDenominators[kMaxSections];
         double freeLogGain = 0.0;
-        if (FitFreePoles(d, analog, grid, freeZeros, freePoles) && ShareRoots(freeZeros, n, freeNumerators) &&
-            ShareRoots(freePoles, n, freeDenominators)) {
+        if (FitFreePoles(d, analog, grid, freeZeros, freePoles) && numerics::PairRoots(freeZeros, n, freeNumerators) &&
+            numerics::PairRoots(freePoles, n, freeDenominators)) {
             const double freeError = WorstError(d, freeZeros, freePoles, grid, freeLogGain);
             if (freeError < error) {
                 error = freeError;
@@ -581,8 +451,8 @@ Design DesignCutFilter(bool lowPass, int order, double normalisedCutoff, double 
 
     double logSectionGains = 0.0;
     for (int k = 0; k < d.sectionCount; ++k) {
-        const Factor& a = denominators[k];
-        const Factor& b = numerators[k];
+        const numerics::SectionFactor& a = denominators[k];
+        const numerics::SectionFactor& b = numerators[k];
         const bool first = k == d.sectionCount - 1 && n % 2 != 0;
         Section& s = d.sections[static_cast<std::size_t>(k)];
         s.a1 = a.c1;
