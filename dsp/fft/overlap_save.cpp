@@ -60,7 +60,7 @@ void OverlapSave::ReleaseStorage() {
     mStorage = nullptr;
     mStorageFloats = 0;
     mAnalysisWindow = mSynthesisWindow = mRising = mFalling = nullptr;
-    mTransformRe = mTransformIm = nullptr;
+    mTransformRe = mTransformIm = mSilence = mDiscard = nullptr;
     mTail.clear();
     mWork.clear();
     mSpectrumRe.clear();
@@ -111,6 +111,8 @@ void OverlapSave::CopyFrom(const OverlapSave& other) {
     mOutputRing = other.mOutputRing;
     mTransformRe = rebase(other.mTransformRe);
     mTransformIm = rebase(other.mTransformIm);
+    mSilence = rebase(other.mSilence);
+    mDiscard = rebase(other.mDiscard);
 }
 
 void OverlapSave::Init(int N, int C, int P, int L, FFTWindowType type) {
@@ -125,7 +127,8 @@ void OverlapSave::Init(int N, int C, int P, int L, FFTWindowType type) {
                               + static_cast<std::size_t>(C) * strideL                 // tails
                               + static_cast<std::size_t>(C) * strideN                 // work frames
                               + 2 * static_cast<std::size_t>(channelsEven) * strideN  // spectra
-                              + 2 * strideN;                                          // transform
+                              + 2 * strideN                                           // transform
+                              + 2 * strideL * 2;  // silence and discard for missing host channels
     float* storage = detail::AllocateAlignedArray<float>(total);
     ReleaseStorage();
     mStorage = storage;
@@ -155,6 +158,8 @@ void OverlapSave::Init(int N, int C, int P, int L, FFTWindowType type) {
         p = carve(strideN);
     mTransformRe = carve(strideN);
     mTransformIm = carve(strideN);
+    mSilence = carve(2 * strideL);
+    mDiscard = carve(2 * strideL);
 
     mFrameLength = N;
     mLatency = N;
@@ -231,24 +236,33 @@ void OverlapSave::Process(float* in, float* out, int numFrames) {
     Process(inChannels, outChannels, 1, numFrames);
 }
 
-void OverlapSave::Process(float** in, float** out, int /*numChannels*/, int numFrames) {
+void OverlapSave::Process(float** in, float** out, int numChannels, int numFrames) {
     assert(mFrameLength > 0 && "Init and Resume before Process");
-    if (mFrameLength == 0) return;
+    assert(mWindowsBuilt && "Resume before the first Process after Init");
+    assert(numChannels >= mNumChannels && in != nullptr && out != nullptr && "buffers for every channel");
+    if (mFrameLength == 0 || numFrames <= 0) return;
+    // A host that skipped Resume gets a started stream rather than silence from unbuilt windows.
+    if (!mWindowsBuilt) Resume();
 
     const int C = std::min(mNumChannels, kMaxChannels);
     const int N = mFrameLength;
     const int L = mCrossfadeLength;
     const int P = mOutputOffset;
     const int hop = 2 * L;
+    // Channels the host did not pass read silence, and their output goes to a scratch block (both
+    // one chunk long; those pointers are not advanced).
+    const int fed = in != nullptr && out != nullptr ? std::clamp(numChannels, 0, C) : 0;
     float* inP[kMaxChannels];
     float* outP[kMaxChannels];
-    std::copy_n(in, C, inP);
-    std::copy_n(out, C, outP);
+    for (int ch = 0; ch < C; ++ch) {
+        inP[ch] = ch < fed ? in[ch] : mSilence;
+        outP[ch] = ch < fed ? out[ch] : mDiscard;
+    }
 
     for (int n = numFrames; n > 0;) {
         const int chunk = std::min(hop, n);
         mInputRing.Write(inP, 0, C, chunk);
-        for (int ch = 0; ch < C; ++ch)
+        for (int ch = 0; ch < fed; ++ch)
             inP[ch] += chunk;
         mAccumulated += chunk;
 
@@ -275,7 +289,7 @@ void OverlapSave::Process(float** in, float** out, int /*numChannels*/, int numF
 
         if (mOutputRing.CanBeRead() >= chunk) {
             mOutputRing.Read(outP, C, chunk, chunk);
-            for (int ch = 0; ch < C; ++ch)
+            for (int ch = 0; ch < fed; ++ch)
                 outP[ch] += chunk;
         }
         n -= chunk;

@@ -22,6 +22,17 @@
 // ComputeThresholdsFromFloor from the captured floor. Bins 0, 1 and 2 (DC and the lowest
 // frequencies, where a floor estimate is meaningless) are never recorded and never changed.
 //
+// Typical use (C channels; every buffer passed holds C channels of the frames asked for):
+//     NOHISS hiss;  SetDefaultParameter(&hiss);  hiss.channels = C;  AllocateArrays(&hiss);
+//     CaptureNoiseFloor capture(&hiss);  capture.SetSelection(0, hissFrames);  capture.Start(nullptr);
+//     for (pos = 0; !capture.IsCompleted();) pos += capture.Analyze(at(pos), C, capture.GetDesiredBlockSize());
+//     capture.Done();  CopyParameter(capture.GetParam(), &hiss);  ComputeThresholdsFromFloor(&hiss);
+//     NoHissProcess reducer(&hiss);  reducer.Resume();
+//     reducer.Process(in, out, C, frames) ...   // in, out: C pointers to `frames` floats each
+//     FreeArrays(&hiss);
+// A channel an analyzer or processor was set up for but not given is read as silence (and not
+// written); debug builds assert on it.
+//
 // Threads: each object is used by one thread at a time; distinct objects share nothing.
 
 #include <cstddef>
@@ -150,7 +161,7 @@ public:
 private:
     // Windowed transform of the pair of channels that starts at channel `channelPair`, split into
     // mSplitRe/mSplitIm rows 0 and 1.
-    void IdentifySystem(int channelPair, float** data, int numFrames);
+    void IdentifySystem(int channelPair, float** data, int numChannels, int numFrames);
 
     NOHISS mParam{};
     int32_t mN = 0;

@@ -16,14 +16,15 @@
 // about 0.35875·N, the sine's peak is a/2 times that); white noise of RMS σ gives bins of RMS magnitude
 // 4/N·σ·√(Σw²) ≈ 2.03·σ/√N (Σw² ≈ 0.258·N). Decibels are 20·log10.
 //
-// Typical use:
-//     NONOISE print;  SetDefaultParameter(&print);  AllocateArrays(&print);
+// Typical use (C channels; every buffer passed holds C channels of the frames asked for):
+//     NONOISE print;  SetDefaultParameter(&print);  print.channels = C;  AllocateArrays(&print);
 //     CaptureNoisePrint capture(&print);
 //     capture.SetSelection(0, noiseFrames);  capture.Start(nullptr);
 //     for (pos = 0; !capture.IsCompleted();) pos += capture.Analyze(at(pos), C, capture.GetDesiredBlockSize());
 //     capture.Done();
 //     NoNoiseProcess reducer(capture.GetParam());  reducer.Resume();
-//     reducer.Process(in, out, C, frames) ...                // output lags input by GetLatency() = N
+//     reducer.Process(in, out, C, frames) ...   // in, out: C pointers to `frames` floats each;
+//                                               // output lags input by GetLatency() = N
 //     FreeArrays(&print);
 //
 // Threads: none are started. One object is used by one thread at a time; distinct objects share
@@ -118,7 +119,9 @@ public:
     // max(N, hop).
     int32_t GetDesiredBlockSize() const override;
     void Start(float* hostPointer) override;
-    // Takes one snapshot from the first N frames of every channel and returns the hop.
+    // Takes one snapshot from the first N frames of every channel and returns the hop. Pass the
+    // record's channel count (or more) of blocks of GetDesiredBlockSize() frames; frames past a
+    // shorter block and channels beyond numChannels are read as silence.
     long long Analyze(float** data, int numChannels, int numFrames) override;
     bool IsCompleted() const override;
     // Snapshots taken × 100 / snapshots planned.
@@ -126,7 +129,8 @@ public:
     void Done() override;
 
 private:
-    void addtolevels(int c, float** data);
+    void addtolevels(int c, float** data, int numChannels);
+    void WindowInto(double* dst, const float* src, int n) const;  // null src: silence
     void scaleResult(double* row);
     void Allocate();
     void Release();

@@ -62,9 +62,11 @@ public:
     // The scalers keep their values.
     void Init(int N, int C, int P, int L, FFTWindowType type);
 
-    // Streams numFrames frames of the engine's own channel count (the numChannels argument is not
-    // used). `in` and `out` may be the same arrays. Nothing is written for a chunk the output queue
-    // cannot serve yet, which a stream started with Resume never meets.
+    // Streams numFrames frames of the engine's own channel count: pass numChannels >= that many
+    // channel buffers of numFrames frames each (channels beyond the engine's are left alone; a
+    // missing one is read as silence and nothing is written for it). `in` and `out` may be the same
+    // arrays. A Process before the first Resume after Init resumes first. Nothing is written for a
+    // chunk the output queue cannot serve yet, which a stream started with Resume never meets.
     void Process(float** in, float** out, int numChannels, int numFrames) override;
     // The same for a one-channel engine.
     void Process(float* in, float* out, int numFrames);
@@ -133,6 +135,8 @@ protected:
     IppFFT32 mFFT;
     float mPreScaler = 1.0f;
     float mPostScaler = 1.0f;
+    float* mSilence = nullptr;  // 2L zeros: input of channels a host did not pass
+    float* mDiscard = nullptr;  // 2L: output of channels a host did not pass
     RingBuffer mInputRing;
     RingBuffer mOutputRing;
 

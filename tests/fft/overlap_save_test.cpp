@@ -239,4 +239,24 @@ TEST(OverlapSave, MonoOverloadMatchesTheBlockInterface) {
     EXPECT_TRUE(out == reference);
 }
 
+TEST(OverlapSave, HostMistakesStayInsideTheBuffersGiven) {
+    // A two-channel engine given one channel reads the other as silence and writes nothing for
+    // it: channel 0 is still the delayed input (the sanitizers watch for reads past the single
+    // pointer). A Process without Resume after Init starts the stream instead of giving silence.
+    // Debug builds stop at either mistake.
+    Signal x = kesta::test::WhiteNoise(12000, 5), out(x.size());
+    float* in[1] = {x.data()};
+    float* outs[1] = {out.data()};
+    IdentityEngine wide(kN, 2, kP, kL, OverlapSave::Hann);
+    wide.Resume();
+    EXPECT_DEBUG_DEATH(wide.Process(in, outs, 1, static_cast<int>(x.size())), "every channel");
+    IdentityEngine unresumed(kN, 1, kP, kL, OverlapSave::Hann);
+    Signal late(x.size());
+    EXPECT_DEBUG_DEATH(unresumed.Process(x.data(), late.data(), static_cast<int>(x.size())), "Resume");
+#ifdef NDEBUG
+    ExpectDelayed(Channels{x}, Channels{out}, kN, 1e-6);
+    ExpectDelayed(Channels{x}, Channels{late}, kN, 1e-6);
+#endif
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "dsp/core/host_buffers.h"
 #include "dsp/fft_window.h"
 #include "dsp/nohiss.h"
 #include "dsp/spectrum_packing.h"
@@ -145,17 +146,19 @@ void CaptureNoiseFloor::Start(float* hostPointer) {
     mBlockCount = 0;
 }
 
-void CaptureNoiseFloor::IdentifySystem(int channelPair, float** data, int numFrames) {
+void CaptureNoiseFloor::IdentifySystem(int channelPair, float** data, int numChannels, int numFrames) {
     const int N = mN;
     const int C = mParam.channels;
     const int count = std::clamp(numFrames, 0, N);
-    const float* first = data[channelPair];
-    const float* second = channelPair + 1 < C ? data[channelPair + 1] : data[channelPair];
+    // A channel the host did not pass reads as silence.
+    const float* first = dsp::detail::HostChannel(data, numChannels, channelPair);
+    const float* second = channelPair + 1 < C ? dsp::detail::HostChannel(data, numChannels, channelPair + 1) : first;
     double* re = mTransformRe.data();
     double* im = mTransformIm.data();
     for (int i = 0; i < count; ++i) {
-        re[i] = static_cast<double>(first[i]) * mWindow[static_cast<std::size_t>(i)];
-        im[i] = static_cast<double>(second[i]) * mWindow[static_cast<std::size_t>(i)];
+        const double w = mWindow[static_cast<std::size_t>(i)];
+        re[i] = first != nullptr ? static_cast<double>(first[i]) * w : 0.0;
+        im[i] = second != nullptr ? static_cast<double>(second[i]) * w : 0.0;
     }
     // A short final block is read as its frames followed by silence.
     std::fill(re + count, re + N, 0.0);
@@ -168,8 +171,8 @@ void CaptureNoiseFloor::IdentifySystem(int channelPair, float** data, int numFra
 
 long long CaptureNoiseFloor::Analyze(float** data, int numChannels, int numFrames) {
     const int C = mParam.channels;
-    assert(numChannels >= C && "the capture reads the record's channel count");
-    (void)numChannels;
+    assert(data != nullptr && numChannels >= C && "buffers for the record's channel count");
+    assert(mParam.floorRows != nullptr && "a record with its arrays");
     const int N = mN;
     const int half = N / 2;
     const double magnitudeDivisor = N * 0.25;
@@ -178,7 +181,7 @@ long long CaptureNoiseFloor::Analyze(float** data, int numChannels, int numFrame
     const double oneMinusD = mOneMinusDecay;
 
     for (int pair = 0; pair < mChannelsEven; pair += 2) {
-        IdentifySystem(pair, data, numFrames);
+        IdentifySystem(pair, data, numChannels, numFrames);
         for (int side = 0; side < 2 && pair + side < C; ++side) {
             const int c = pair + side;
             const double* re = mSplitRe.data() + static_cast<std::size_t>(side) * static_cast<std::size_t>(N);
@@ -195,7 +198,7 @@ long long CaptureNoiseFloor::Analyze(float** data, int numChannels, int numFrame
 
             // Spectral and temporal smoothing; bins 0, 1, 2 are never recorded.
             double* S = mSmoothing.data() + static_cast<std::size_t>(c) * static_cast<std::size_t>(N + 8) + kGuard;
-            double* floorRow = mParam.floorRows[c];
+            double* floorRow = mParam.floorRows != nullptr ? mParam.floorRows[c] : nullptr;
             for (int k = 3; k <= half; ++k) {
                 const double m = std::sqrt(re[k] * re[k] + im[k] * im[k]) / magnitudeDivisor;
                 if (mFirstFrame) {
@@ -206,7 +209,7 @@ long long CaptureNoiseFloor::Analyze(float** data, int numChannels, int numFrame
                     // Slow decay, fast attack.
                     S[k] = q <= S[k] ? S[k] * d + oneMinusD * q : S[k] * 0.08 + q * 0.92;
                 }
-                floorRow[k] = std::max(floorRow[k], S[k]);
+                if (floorRow != nullptr) floorRow[k] = std::max(floorRow[k], S[k]);
             }
         }
     }

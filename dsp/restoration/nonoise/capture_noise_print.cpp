@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "dsp/core/aligned_memory.h"
+#include "dsp/core/host_buffers.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/record_storage.h"
 #include "dsp/spectrum_packing.h"
@@ -135,31 +136,28 @@ void CaptureNoisePrint::Start(float* hostPointer) {
 }
 
 long long CaptureNoisePrint::Analyze(float** data, int numChannels, int numFrames) {
-    assert(numChannels >= mParam.channels);
+    assert(data != nullptr && numChannels >= mParam.channels && "buffers for the record's channel count");
     assert(numFrames >= mParam.fftSize && "blocks of GetDesiredBlockSize() frames");
-    (void)numChannels;
-    // A short block (a host that ignored GetDesiredBlockSize) reads as silence past its end
-    // rather than past the caller's buffer.
+    // A short block (a host that ignored GetDesiredBlockSize) reads as silence past its end, and a
+    // channel the host did not pass as silence throughout, rather than past the caller's buffers.
     mAvailable = std::clamp<int>(numFrames, 0, mParam.fftSize);
     for (int c = 0; c < mChannelsEven; c += 2)
-        addtolevels(c, data);
+        addtolevels(c, data, numChannels);
     mParam.frameCount = static_cast<int16_t>(mParam.frameCount + 1);
     ++mBlocksDone;
     return mHop;
 }
 
-void CaptureNoisePrint::addtolevels(int c, float** data) {
+void CaptureNoisePrint::addtolevels(int c, float** data, int numChannels) {
     const int N = mParam.fftSize;
     const int C = mParam.channels;
-    const float* first = data[c];
-    const float* second = c + 1 < C ? data[c + 1] : data[c];
+    const float* first = dsp::detail::HostChannel(data, numChannels, c);
+    const float* second = c + 1 < C ? dsp::detail::HostChannel(data, numChannels, c + 1) : first;
     double* re = mInputRe[c];
     double* im = mInputIm[c];
     const int n = mAvailable;
-    for (int i = 0; i < n; ++i) {
-        re[i] = static_cast<double>(first[i]) * mWindow[i];
-        im[i] = static_cast<double>(second[i]) * mWindow[i];
-    }
+    WindowInto(re, first, n);
+    WindowInto(im, second, n);
     std::fill(re + n, re + N, 0.0);
     std::fill(im + n, im + N, 0.0);
     mFFT.FFT(re, im, 1);
@@ -183,6 +181,15 @@ void CaptureNoisePrint::addtolevels(int c, float** data) {
             hi[k] = std::max(hi[k], m);
         }
     }
+}
+
+void CaptureNoisePrint::WindowInto(double* dst, const float* src, int n) const {
+    if (src == nullptr) {
+        std::fill(dst, dst + n, 0.0);
+        return;
+    }
+    for (int i = 0; i < n; ++i)
+        dst[i] = static_cast<double>(src[i]) * mWindow[i];
 }
 
 bool CaptureNoisePrint::IsCompleted() const {

@@ -209,4 +209,26 @@ TEST(CaptureNoiseFloor, FloorRowsFollowTheModelAndASecondCaptureContinuesFromThe
                 assigned.GetParam()->floorRows != capture.GetParam()->floorRows);
 }
 
+TEST(CaptureNoiseFloor, ChannelsTheHostDidNotPassReadAsSilence) {
+    // Mono data with a record of two channels: channel 0 follows the model of the mono data,
+    // channel 1 records the floor of silence (0 up to rounding), and nothing is read past the one buffer passed
+    // (the sanitizers watch). Debug builds stop at the mistake.
+    constexpr int N = 256;
+    Record rec(2, N);
+    CaptureNoiseFloor capture(&rec.r);
+    const int hop = capture.GetHop();
+    const Channels mono = kesta::test::NoiseChannels(1, 4 * hop, 9, 0.1);
+    EXPECT_DEBUG_DEATH(RunCapture(capture, mono, 0, 4 * hop), "record's channel count");
+#ifdef NDEBUG
+    ReferenceCapture reference(N, 1, 69, 116);
+    for (int b = 0; b < 4; ++b)
+        reference.Snapshot(mono, static_cast<std::size_t>(b * hop));
+    const NOHISS& r = *capture.GetParam();
+    for (int k = 3; k <= N / 2; ++k) {
+        ASSERT_NEAR(r.floorRows[0][k], reference.Floor(0, k), 1e-10 * MaxFloor(r, 0)) << k;
+        ASSERT_LE(r.floorRows[1][k], 1e-12 * MaxFloor(r, 0)) << k;  // rounding of the pairwise transform
+    }
+#endif
+}
+
 }  // namespace

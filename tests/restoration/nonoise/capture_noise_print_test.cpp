@@ -153,4 +153,23 @@ TEST(CaptureNoisePrint, StatisticsMatchANaiveDftAndASecondCaptureDividesByBothCo
     }
 }
 
+TEST(CaptureNoisePrint, ChannelsTheHostDidNotPassReadAsSilence) {
+    // Mono data with a record left at its default two channels: channel 0 gets the mono print and
+    // channel 1 the print of silence (up to rounding), and nothing is read past the one buffer passed (the
+    // sanitizers watch). Debug builds stop at the mistake.
+    constexpr int N = 512;
+    const long long length = N + 4 * 170 + 1;
+    const Channels mono = kesta::test::NoiseChannels(1, length, 7, 0.3);
+    Record two(2, N);
+    CaptureNoisePrint wide(&two.r);
+    EXPECT_DEBUG_DEATH(RunCapture(wide, mono, 0, length), "record's channel count");
+#ifdef NDEBUG
+    const NONOISE& p = *wide.GetParam();
+    ExpectMatchesReference(p, NaiveCapture(mono, N, 4, 170));
+    const double scale = *std::max_element(p.binMax[0], p.binMax[0] + N / 2 + 1);
+    for (int k = 0; k <= N / 2; ++k)  // only the rounding of the pairwise transform leaks across
+        ASSERT_LE(p.binMax[1][k], 1e-12 * scale) << "bin " << k;
+#endif
+}
+
 }  // namespace
