@@ -2,14 +2,17 @@
 // A kesta command: its CLI11 sub-application (options and help) and what it does once the command
 // line has been parsed. `run` returns the exit status and reports failures by throwing CliError.
 //
-// A command that turns INPUT into OUTPUT follows commands/gain.cpp:
-//   BlockReader reader(input);                                   // input errors, exit 3
-//   AudioFormat format = ChooseOutputFormat(reader.Format(), output);
-//   SafeOutput out(output, {{input, reader.Identity()}}, force); // refusals, exit 4
-//   BlockWriter writer(out.Descriptor(), output, format);
-//   ... read, process, writer.Write(block), progress.Advance(frames) ...
-//   writer.Finish(); out.Commit();                               // only now does OUTPUT change
-// and reports through Console (warnings, --quiet, --json) and report.h (formats, levels).
+// A command that turns INPUT into OUTPUT runs the job flow of pipeline/job.h (commands/gain.cpp
+// is the smallest whole example):
+//   1. its options: a struct with INPUT, OUTPUT, its settings, OutputOptions (AddOutputOptions:
+//      --force, --bits, --float) and ReportOptions (AddReportOptions: --quiet, --json);
+//   2. a check of the settings (UsageError with the range) and a factory that makes its Stage
+//      (latency and in-place processing of every channel) for the input's channels and rate;
+//   3. the run: BlockReader, AudioOutput (refusals before any work), StreamStages (latency
+//      compensated), Commit, WarnAfterStream, then the summary (AudioOutput::Summary plus its
+//      settings) or its JSON object (AudioOutput::WriteFields plus its settings).
+// Commands with analysis passes before the stream follow commands/spectral_command.cpp; those
+// with a response table or a saved preset commands/equaliser_command.cpp.
 
 #include <functional>
 

@@ -14,8 +14,8 @@
 #include "io/file_identity.h"
 #include "io/safe_output.h"
 #include "pipeline/command_support.h"
+#include "pipeline/job.h"
 #include "pipeline/json_writer.h"
-#include "pipeline/latency_stream.h"
 #include "pipeline/level_meter.h"
 #include "pipeline/progress.h"
 #include "pipeline/report.h"
@@ -25,12 +25,6 @@
 namespace kesta {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 constexpr int kLowestRate = 8000;
 constexpr int kHighestRate = 384000;
@@ -185,12 +179,12 @@ void AddEqualiserOptions(CLI::App& app, std::shared_ptr<EqualiserOptions> option
                  "Print the response curve (gain in dB, 20 Hz to 20 kHz) at INPUT's sample rate or --rate");
     app.add_option("--rate", options->rate, "Sample rate of the --response curve when no INPUT is given")
         ->type_name("HZ");
-    AddForceOption(app, options->force);
+    AddOutputOptions(app, options->out);
     AddReportOptions(app, options->report);
 }
 
 int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
-    const auto started = Clock::now();
+    const Stopwatch clock;
     const std::string command = tool.Command();
 
     // 1. The command line by itself.
@@ -214,17 +208,10 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
     for (const std::string& path : tool.ReadFiles())
         if (auto identity = IdentityOfPath(path)) inputs.push_back({path, *identity});
     std::unique_ptr<SafeOutput> savedOutput;
-    if (!tool.SavedFile().empty()) savedOutput = std::make_unique<SafeOutput>(tool.SavedFile(), inputs, options.force);
-    std::optional<AudioFormat> outputFormat;
-    std::unique_ptr<SafeOutput> output;
-    std::unique_ptr<BlockWriter> writer;
-    if (!options.output.empty()) {
-        outputFormat = ChooseOutputFormat(reader->Format(), options.output);
-        output = std::make_unique<SafeOutput>(options.output, inputs, options.force);
-        writer = std::make_unique<BlockWriter>(output->Descriptor(), options.output, *outputFormat);
-        writer->SetMetadata(reader->Metadata());
-        if (reader->HeaderFrames()) writer->ExpectFrames(*reader->HeaderFrames());
-    }
+    if (!tool.SavedFile().empty())
+        savedOutput = std::make_unique<SafeOutput>(tool.SavedFile(), inputs, options.out.force);
+    std::optional<AudioOutput> output;
+    if (!options.output.empty()) output.emplace(options.output, *reader, inputs, options.out);
 
     Console console(options.report);
     if (savedOutput) WriteAll(savedOutput->Descriptor(), tool.SavedBytes(), tool.SavedFile());
@@ -237,21 +224,17 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
         latency = tool.Latency();
         if (options.response) response = ComputeResponse(tool, rate);
     }
-    LevelMeter inputLevels(channels), outputLevels(channels);
+    LevelMeter inputLevels(channels);
     double processSeconds = 0.0;
     if (output) {
-        const auto processStart = Clock::now();
+        const Stopwatch processClock;
         StreamWatchers watchers;
         watchers.input = [&](const AudioBlock& block, int64_t) { inputLevels.Add(block); };
-        watchers.output = [&](const AudioBlock& block, int64_t) { outputLevels.Add(block); };
-        {
-            Progress progress(command, reader->HeaderFrames(), rate, console.ShowsProgress());
-            StreamWithLatency(
-                *reader, *writer, progress, latency,
-                [&](float** data, int count, int frames) { tool.Process(data, count, frames); }, watchers);
-        }
-        writer->Finish();
-        processSeconds = SecondsSince(processStart);
+        const std::unique_ptr<Stage> stage =
+            MakeStage(latency, [&](float** data, int count, int frames) { tool.Process(data, count, frames); });
+        Progress progress(command, reader->HeaderFrames(), rate, console.ShowsProgress());
+        StreamStages(*reader, *output, {stage.get()}, progress, watchers);
+        processSeconds = processClock.Seconds();
     }
 
     // 5. Into place.
@@ -260,19 +243,14 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
 
     const int64_t frames = output ? reader->FramesRead() : 0;
     std::vector<double> levelChange;
-    double peak = 0.0;
     if (output) {
-        if (auto mismatch = LengthMismatch(options.input, reader->HeaderFrames(), frames)) console.Warn(*mismatch);
-        levelChange = LevelChanges(inputLevels.Levels(), outputLevels.Levels());
-        for (const ChannelLevels& level : outputLevels.Levels())
-            peak = std::fmax(peak, level.peak);
-        if (writer->ClippedSamples() > 0)
-            console.Warn(
-                std::to_string(writer->ClippedSamples()) + " samples went beyond full scale and were clipped in " +
-                Quoted(options.output) + " (the peak would have been " + FormatDb(LinearToDb(peak), 2, true) +
-                " dBFS; lower --gain by " + FormatDb(LinearToDb(peak), 2) + " dB or more, or write a float file)");
+        levelChange = LevelChanges(inputLevels.Levels(), output->Levels());
+        const double peak = LinearToDb(output->UnclippedPeak());
+        WarnAfterStream(console, *reader, *output,
+                        "the peak would have been " + FormatDb(peak, 2, true) + " dBFS; lower --gain by " +
+                            FormatDb(peak, 2) + " dB or more, or add --float");
     }
-    const double seconds = SecondsSince(started);
+    const double seconds = clock.Seconds();
 
     if (console.Json()) {
         JsonWriter json(std::cout);
@@ -296,11 +274,7 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
         if (output) {
             json.Key("latency_frames").Int(latency);
             json.Key("output").BeginObject();
-            json.Key("file").String(options.output);
-            WriteAudioFields(json, *outputFormat, writer->FramesWritten());
-            json.Key("clipped_samples").Int(int64_t(writer->ClippedSamples()));
-            json.Key("levels");
-            WriteLevels(json, outputLevels.Levels());
+            output->WriteFields(json);
             json.Key("level_change_db").BeginArray();
             for (double change : levelChange)
                 json.Number(change);
@@ -322,10 +296,7 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
         json.Key("timings").BeginObject();
         json.Key("process_seconds").Number(processSeconds);
         json.Key("total_seconds").Number(seconds);
-        if (output && processSeconds > 0)
-            json.Key("realtime_factor").Number(double(frames) / rate / processSeconds);
-        else
-            json.Key("realtime_factor").Null();
+        WriteRealTimeFactor(json, frames, rate, processSeconds);
         json.EndObject();
         WriteWarnings(json, console.Warnings());
         json.Key("seconds").Number(seconds);
@@ -336,14 +307,10 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
     if (console.ShowsText()) {
         if (savedOutput) std::cout << "Saved the preset in " << tool.SavedFile() << "\n";
         if (output) {
-            std::cout << "Wrote " << options.output << ": " << DescribeFormat(outputFormat->sndfileFormat) << ", "
-                      << outputFormat->sampleRate << " Hz, " << outputFormat->channels << " channel(s), "
-                      << FormatLength(frames, rate) << ", " << tool.DescribeSettings() << "\n";
-            std::cout << "Level change: " << DescribeChange(levelChange) << ", peak " << FormatDb(LinearToDb(peak))
-                      << " dBFS (" << FormatElapsed(processSeconds) << ", "
-                      << (processSeconds > 0 ? std::to_string(int(std::lround(double(frames) / rate / processSeconds)))
-                                             : std::string("-"))
-                      << "x real time)\n";
+            std::cout << output->Summary() << ", " << tool.DescribeSettings() << "\n";
+            std::cout << "Level change: " << DescribeChange(levelChange) << ", peak "
+                      << FormatDb(LinearToDb(output->Peak())) << " dBFS " << RealTimeText(frames, rate, processSeconds)
+                      << "\n";
         }
     }
     // The curve is what --response asks for: printed even with --quiet.

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "pipeline/console.h"
+#include "pipeline/job.h"
 
 namespace CLI {
 class App;
@@ -36,7 +37,7 @@ struct EqualiserOptions {
     std::string output;  // empty: no audio to write
     bool response = false;
     int rate = 0;  // --rate, 0 when not given
-    bool force = false;
+    OutputOptions out;
     ReportOptions report;
 };
 

@@ -16,8 +16,8 @@
 #include "io/file_identity.h"
 #include "io/safe_output.h"
 #include "pipeline/command_support.h"
+#include "pipeline/job.h"
 #include "pipeline/json_writer.h"
-#include "pipeline/latency_stream.h"
 #include "pipeline/level_meter.h"
 #include "pipeline/progress.h"
 #include "pipeline/report.h"
@@ -26,12 +26,6 @@
 namespace kesta {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // Seconds with millisecond precision, as "1.500".
 std::string FormatSeconds(double seconds) {
@@ -233,14 +227,14 @@ int RunCapture(dsp::DSPAnalyzer& capture, BlockReader& reader, const NoiseSource
 
 // What the processing pass measured.
 struct StreamMeasures {
-    LevelMeter input, output;
+    LevelMeter input;
     std::optional<RangeMeter> noiseIn, noiseOut;
-    explicit StreamMeasures(int channels) : input(channels), output(channels) {}
+    explicit StreamMeasures(int channels) : input(channels) {}
 };
 
-// Runs INPUT through the processor into the writer with its latency compensated (see
-// latency_stream.h), measuring the levels on the way.
-void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, BlockWriter& writer, Progress& progress,
+// Runs INPUT through the processor into OUTPUT with its latency compensated, measuring the levels
+// on the way.
+void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, AudioOutput& output, Progress& progress,
                    StreamMeasures& measures) {
     StreamWatchers watchers;
     watchers.input = [&](const AudioBlock& block, int64_t position) {
@@ -248,15 +242,13 @@ void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, BlockWriter& 
         if (measures.noiseIn) measures.noiseIn->Add(block, position);
     };
     watchers.output = [&](const AudioBlock& block, int64_t position) {
-        measures.output.Add(block);
         if (measures.noiseOut) measures.noiseOut->Add(block, position);
     };
-    StreamWithLatency(
-        reader, writer, progress, process.GetLatency(),
-        [&](float** channels, int channelCount, int frames) {
+    const std::unique_ptr<Stage> stage =
+        MakeStage(process.GetLatency(), [&](float** channels, int channelCount, int frames) {
             process.Process(channels, channels, channelCount, frames);
-        },
-        watchers);
+        });
+    StreamStages(reader, output, {stage.get()}, progress, watchers);
 }
 
 void WriteNumbers(JsonWriter& json, const std::vector<double>& values) {
@@ -310,12 +302,12 @@ void AddSpectralOptions(CLI::App& app, std::shared_ptr<SpectralOptions> options)
         ->type_name("N")
         ->each([options](const std::string&) { options->fftSizeGiven = true; });
     app.add_flag("--residual", options->residual, "Write what is removed instead of the cleaned audio");
-    AddForceOption(app, options->force);
+    AddOutputOptions(app, options->out);
     AddReportOptions(app, options->report);
 }
 
 int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
-    const auto started = Clock::now();
+    const Stopwatch clock;
     const std::string command = tool.Command();
 
     // 1. The command line by itself.
@@ -405,31 +397,23 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
         if (auto identity = IdentityOfPath(options.printPath)) inputs.push_back({options.printPath, *identity});
     std::unique_ptr<SafeOutput> printOutput;
     if (!options.savePrint.empty())
-        printOutput = std::make_unique<SafeOutput>(options.savePrint, inputs, options.force);
-    std::optional<AudioFormat> outputFormat;
-    std::unique_ptr<SafeOutput> output;
-    std::unique_ptr<BlockWriter> writer;
-    if (!options.output.empty()) {
-        outputFormat = ChooseOutputFormat(format, options.output);
-        output = std::make_unique<SafeOutput>(options.output, inputs, options.force);
-        writer = std::make_unique<BlockWriter>(output->Descriptor(), options.output, *outputFormat);
-        writer->SetMetadata(reader.Metadata());
-        if (reader.HeaderFrames()) writer->ExpectFrames(*reader.HeaderFrames());
-    }
+        printOutput = std::make_unique<SafeOutput>(options.savePrint, inputs, options.out.force);
+    std::optional<AudioOutput> output;
+    if (!options.output.empty()) output.emplace(options.output, reader, inputs, options.out);
 
     Console console(options.report);
 
     // 4. The capture.
     double captureSeconds = 0.0;
     if (capture) {
-        const auto captureStart = Clock::now();
+        const Stopwatch captureClock;
         {
             Progress progress("capture", source.start + source.frames, format.sampleRate, console.ShowsProgress());
             source.snapshots = RunCapture(*capture, *captureReader, source, progress);
         }
         tool.TakeCapture(*capture);
         capture.reset();
-        captureSeconds = SecondsSince(captureStart);
+        captureSeconds = captureClock.Seconds();
         if (printOutput)
             WriteAll(printOutput->Descriptor(), tool.EncodePrint(format.sampleRate, {source.start, source.frames}),
                      options.savePrint);
@@ -448,14 +432,13 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
             measures.noiseIn.emplace(format.channels, from, to);
             measures.noiseOut.emplace(format.channels, from, to);
         }
-        const auto processStart = Clock::now();
+        const Stopwatch processClock;
         std::unique_ptr<dsp::OverlapSave> process = tool.MakeProcess();
         {
             Progress progress(command, reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-            StreamThrough(*process, reader, *writer, progress, measures);
+            StreamThrough(*process, reader, *output, progress, measures);
         }
-        writer->Finish();
-        processSeconds = SecondsSince(processStart);
+        processSeconds = processClock.Seconds();
     }
 
     // 6. Into place.
@@ -464,21 +447,15 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
 
     const int rate = format.sampleRate;
     const int64_t frames = reader.FramesRead();
-    if (output) {
-        if (auto mismatch = LengthMismatch(options.input, reader.HeaderFrames(), frames)) console.Warn(*mismatch);
-        if (writer->ClippedSamples() > 0)
-            console.Warn(std::to_string(writer->ClippedSamples()) +
-                         " samples went beyond full scale and were clipped in " + Quoted(options.output) +
-                         " (write a float file, such as a .wav made from a float input, to keep them)");
-    }
     std::vector<double> levelChange, noiseChange;
     if (output) {
-        levelChange = LevelChanges(measures.input.Levels(), measures.output.Levels());
+        WarnAfterStream(console, reader, *output, "add --float to keep them");
+        levelChange = LevelChanges(measures.input.Levels(), output->Levels());
         if (measures.noiseIn)
             for (int c = 0; c < format.channels; ++c)
                 noiseChange.push_back(measures.noiseOut->RmsDb(c) - measures.noiseIn->RmsDb(c));
     }
-    const double seconds = SecondsSince(started);
+    const double seconds = clock.Seconds();
 
     const char* sourceName = source.kind == NoiseSource::Kind::Range  ? "range"
                              : source.kind == NoiseSource::Kind::File ? "file"
@@ -515,11 +492,7 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
             json.Key("saved_print").Null();
         if (output) {
             json.Key("output").BeginObject();
-            json.Key("file").String(options.output);
-            WriteAudioFields(json, *outputFormat, writer->FramesWritten());
-            json.Key("clipped_samples").Int(int64_t(writer->ClippedSamples()));
-            json.Key("levels");
-            WriteLevels(json, measures.output.Levels());
+            output->WriteFields(json);
             json.Key("level_change_db");
             WriteNumbers(json, levelChange);
             json.Key("noise_level_change_db");
@@ -535,10 +508,7 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
         json.Key("capture_seconds").Number(captureSeconds);
         json.Key("process_seconds").Number(processSeconds);
         json.Key("total_seconds").Number(seconds);
-        if (output && processSeconds > 0)
-            json.Key("realtime_factor").Number(double(frames) / rate / processSeconds);
-        else
-            json.Key("realtime_factor").Null();
+        WriteRealTimeFactor(json, frames, rate, processSeconds);
         json.EndObject();
         WriteWarnings(json, console.Warnings());
         json.Key("seconds").Number(seconds);
@@ -554,16 +524,11 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
                       << source.snapshots << " snapshots, FFT size " << fftSize << ")\n";
         if (printOutput) std::cout << "Saved the print in " << options.savePrint << "\n";
         if (output) {
-            std::cout << "Wrote " << options.output << ": " << DescribeFormat(outputFormat->sndfileFormat) << ", "
-                      << outputFormat->sampleRate << " Hz, " << outputFormat->channels << " channel(s), "
-                      << FormatLength(frames, rate) << ", " << tool.DescribeSettings()
+            std::cout << output->Summary() << ", " << tool.DescribeSettings()
                       << (options.residual ? ", what was removed" : "") << "\n";
             std::cout << "Level change: " << DescribeChange(levelChange) << " overall";
             if (measures.noiseIn) std::cout << ", " << DescribeChange(noiseChange) << " in the noise stretch";
-            std::cout << " (" << FormatElapsed(processSeconds) << ", "
-                      << (processSeconds > 0 ? std::to_string(int(std::lround(double(frames) / rate / processSeconds)))
-                                             : std::string("-"))
-                      << "x real time)\n";
+            std::cout << " " << RealTimeText(frames, rate, processSeconds) << "\n";
         }
     }
     return kExitOk;

@@ -23,6 +23,7 @@
 #include "dsp/overlap_save.h"
 #include "pipeline/command_support.h"  // FormatValue, CheckSetting
 #include "pipeline/console.h"
+#include "pipeline/job.h"
 #include "prints/noise_print_file.h"
 
 namespace CLI {
@@ -47,7 +48,7 @@ struct SpectralOptions {
     int fftSize = kDefaultFftSize;
     bool fftSizeGiven = false;  // --fft-size was on the command line
     bool residual = false;
-    bool force = false;
+    OutputOptions out;
     ReportOptions report;
 };
 

@@ -69,4 +69,22 @@ std::optional<std::string> LengthMismatch(const std::string& path, std::optional
            (framesRead < *headerFrames ? " (it is probably truncated)" : "");
 }
 
+std::vector<double> LevelChanges(const std::vector<ChannelLevels>& before, const std::vector<ChannelLevels>& after) {
+    std::vector<double> change;
+    for (std::size_t c = 0; c < before.size(); ++c)
+        change.push_back(LinearToDb(after[c].rms) - LinearToDb(before[c].rms));
+    return change;
+}
+
+std::string DescribeChange(const std::vector<double>& changes) {
+    double sum = 0.0;
+    int count = 0;
+    for (double change : changes)
+        if (std::isfinite(change)) sum += change, ++count;
+    if (count == 0) return "none";
+    const double mean = sum / count;
+    if (std::fabs(mean) < 0.05) return "none";
+    return FormatDb(std::fabs(mean), 1) + (mean < 0 ? " dB quieter" : " dB louder");
+}
+
 }  // namespace kesta

@@ -29,4 +29,9 @@ void PrintLevels(std::ostream& out, const std::vector<ChannelLevels>& levels);
 std::optional<std::string> LengthMismatch(const std::string& path, std::optional<int64_t> headerFrames,
                                           int64_t framesRead);
 
+// Per channel, the RMS level of `after` minus that of `before`, in dB.
+std::vector<double> LevelChanges(const std::vector<ChannelLevels>& before, const std::vector<ChannelLevels>& after);
+// "3.2 dB louder" or "38.2 dB quieter" for the mean change over channels (finite ones only), or "none".
+std::string DescribeChange(const std::vector<double>& changes);
+
 }  // namespace kesta

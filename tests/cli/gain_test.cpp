@@ -144,5 +144,48 @@ TEST_F(GainTest, ProgressOnATerminalOnlyErasedWhenDoneAndQuietMeansQuiet) {
     }
 }
 
+TEST_F(GainTest, BitsAndFloatChooseTheEncodingAndTheReportGivesWhatWasWritten) {
+    WriteAudio(dir / "in.wav", StereoTone16());
+    struct Case {
+        std::vector<std::string> options;
+        const char* out;
+        int format;  // 0: refused as a usage error
+    };
+    const Case cases[] = {
+        {{"--bits", "8"}, "u8.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_U8},
+        {{"--bits", "24"}, "b24.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_24},
+        {{"--bits", "24"}, "b24.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24},
+        {{"--float"}, "f.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+        {{"--bits", "32"}, "b32.flac", 0},
+        {{"--bits", "12"}, "b12.wav", 0},
+        {{"--float"}, "f.ogg", 0},
+        {{"--float", "--bits", "16"}, "both.wav", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.out);
+        std::vector<std::string> args = {"gain", "--json", P("in.wav"), P(c.out), "--db", "12"};
+        args.insert(args.end(), c.options.begin(), c.options.end());
+        const RunResult run = RunKesta(args);
+        if (c.format == 0) {
+            EXPECT_EQ(run.exitCode, 2);
+            EXPECT_FALSE(std::filesystem::exists(dir / c.out));
+            continue;
+        }
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        const Audio out = ReadAudio(dir / c.out);
+        EXPECT_EQ(out.format, c.format);
+        // The reported levels are those of the file as written: clipped to full scale by integer
+        // encodings, kept beyond it by float.
+        const JsonValue report = ParseJson(run.out)["output"];
+        for (std::size_t ch = 0; ch < out.channels.size(); ++ch) {
+            const double written = MeasureLevels(out.channels[ch]).peak;
+            EXPECT_NEAR(report["levels"][ch]["peak"].number, written, std::ldexp(1.0, 1 - 8));
+        }
+        EXPECT_EQ(report["clipped_samples"].number > 0, IntegerBits(c.format) > 0);
+    }
+    const RunResult text = RunKesta({"gain", P("in.wav"), P("loud.wav"), "--db", "12"});
+    EXPECT_NE(text.out.find(", peak 0.00 dBFS"), std::string::npos) << text.out;
+}
+
 }  // namespace
 }  // namespace kesta_test

@@ -1,0 +1,208 @@
+#include "job.h"
+
+#include <sndfile.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "console.h"
+#include "errors.h"
+#include "json_writer.h"
+#include "report.h"
+#include "units.h"
+
+namespace kesta {
+
+namespace {
+
+class FunctionStage : public Stage {
+public:
+    FunctionStage(int64_t latency, std::function<void(float**, int, int)> process)
+        : mLatency(latency), mProcess(std::move(process)) {}
+    int64_t Latency() const override { return mLatency; }
+    void Process(float** channels, int channelCount, int frames) override { mProcess(channels, channelCount, frames); }
+
+private:
+    int64_t mLatency;
+    std::function<void(float**, int, int)> mProcess;
+};
+
+bool Writable(int sndfileFormat, const AudioFormat& like) {
+    SF_INFO info{};
+    info.format = sndfileFormat;
+    info.channels = like.channels;
+    info.samplerate = like.sampleRate;
+    return sf_format_check(&info) == SF_TRUE;
+}
+
+}  // namespace
+
+void AddOutputOptions(CLI::App& command, OutputOptions& options) {
+    AddForceOption(command, options.force);
+    command.add_option("--bits", options.bits, "Write integer PCM samples of 8, 16, 24 or 32 bits")->type_name("N");
+    command.add_flag("--float", options.floatSamples, "Write 32-bit float samples (keeps levels beyond full scale)");
+}
+
+AudioFormat ChooseEncodedFormat(const AudioFormat& input, const std::string& outputPath, const OutputOptions& options) {
+    AudioFormat format = ChooseOutputFormat(input, outputPath);
+    if (options.bits == 0 && !options.floatSamples) return format;
+    if (options.bits != 0 && options.floatSamples)
+        throw UsageError("--bits cannot be combined with --float", "", "choose integer samples or float samples");
+    std::vector<int> encodings;
+    std::string asked;
+    if (options.floatSamples) {
+        encodings = {SF_FORMAT_FLOAT};
+        asked = "--float";
+    } else {
+        asked = "--bits " + std::to_string(options.bits);
+        switch (options.bits) {
+            case 8:
+                encodings = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_U8};
+                break;  // WAV holds 8 bits unsigned only
+            case 16:
+                encodings = {SF_FORMAT_PCM_16};
+                break;
+            case 24:
+                encodings = {SF_FORMAT_PCM_24};
+                break;
+            case 32:
+                encodings = {SF_FORMAT_PCM_32};
+                break;
+            default:
+                throw UsageError(asked + " is not a sample size", "", "give --bits 8, 16, 24 or 32");
+        }
+    }
+    for (int encoding : encodings) {
+        if (Writable(format.Container() | encoding, format)) {
+            format.sndfileFormat = format.Container() | encoding;
+            return format;
+        }
+    }
+    throw UsageError("cannot write " + Quoted(outputPath) + " with " + asked,
+                     ContainerName(format.sndfileFormat) + " does not hold that encoding",
+                     "leave out " + asked + ", or name the output .wav, .flac or .aiff");
+}
+
+std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process) {
+    return std::make_unique<FunctionStage>(latency, std::move(process));
+}
+
+AudioOutput::AudioOutput(const std::string& path, const BlockReader& source,
+                         const std::vector<SafeOutput::Input>& inputs, const OutputOptions& options)
+    : mPath(path),
+      mOutput(path, inputs, options.force),
+      mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(source.Format(), path, options)),
+      mClips(!IsFloatEncoding(mWriter.Format().sndfileFormat)),
+      mWritten(source.Format().channels) {
+    mWriter.SetMetadata(source.Metadata());
+    if (source.HeaderFrames()) mWriter.ExpectFrames(*source.HeaderFrames());
+}
+
+void AudioOutput::Write(AudioBlock& block) {
+    mWriter.Write(block);
+    for (int c = 0; c < block.Channels(); ++c) {
+        float* x = block.Channel(c);
+        for (std::size_t i = 0; i < block.Frames(); ++i) {
+            mUnclippedPeak = std::fmax(mUnclippedPeak, std::fabs(double(x[i])));
+            if (mClips) x[i] = std::fmax(-1.0f, std::fmin(1.0f, x[i]));  // what the encoding saturated to
+        }
+    }
+    mWritten.Add(block);
+}
+
+double AudioOutput::Peak() const {
+    double peak = 0.0;
+    for (const ChannelLevels& level : mWritten.Levels())
+        peak = std::fmax(peak, level.peak);
+    return peak;
+}
+
+std::string AudioOutput::Summary() const {
+    const AudioFormat& format = Format();
+    return "Wrote " + mPath + ": " + DescribeFormat(format.sndfileFormat) + ", " + std::to_string(format.sampleRate) +
+           " Hz, " + std::to_string(format.channels) + " channel(s), " +
+           FormatLength(mWriter.FramesWritten(), format.sampleRate);
+}
+
+void AudioOutput::WriteFields(JsonWriter& json) const {
+    json.Key("file").String(mPath);
+    WriteAudioFields(json, Format(), mWriter.FramesWritten());
+    json.Key("clipped_samples").Int(int64_t(mWriter.ClippedSamples()));
+    json.Key("levels");
+    WriteLevels(json, Levels());
+}
+
+int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
+                     const StreamWatchers& watchers) {
+    const int channels = reader.Format().channels;
+    int64_t latency = 0;
+    for (const Stage* stage : stages)
+        latency += stage->Latency();
+    AudioBlock block = reader.MakeBlock();
+    std::vector<float*> pointers(static_cast<std::size_t>(channels));
+    int64_t toDrop = latency, inPosition = 0, outPosition = 0;
+
+    auto processAndWrite = [&]() {
+        for (int c = 0; c < channels; ++c)
+            pointers[std::size_t(c)] = block.Channel(c);
+        for (Stage* stage : stages)
+            stage->Process(pointers.data(), channels, int(block.Frames()));
+        const std::size_t frames = block.Frames();
+        const std::size_t drop = std::size_t(std::min<int64_t>(toDrop, int64_t(frames)));
+        toDrop -= int64_t(drop);
+        if (drop == frames) return;
+        if (drop > 0) {
+            for (int c = 0; c < channels; ++c)
+                std::memmove(block.Channel(c), block.Channel(c) + drop, (frames - drop) * sizeof(float));
+            block.SetFrames(frames - drop);
+        }
+        if (watchers.output) watchers.output(block, outPosition);
+        outPosition += int64_t(block.Frames());
+        output.Write(block);
+    };
+
+    while (reader.Read(block)) {
+        if (watchers.input) watchers.input(block, inPosition);
+        const int64_t frames = int64_t(block.Frames());
+        inPosition += frames;
+        processAndWrite();
+        progress.Advance(frames);
+    }
+    for (int64_t zeros = latency; zeros > 0;) {
+        const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
+        for (int c = 0; c < channels; ++c)
+            std::fill_n(block.Channel(c), frames, 0.0f);
+        block.SetFrames(frames);
+        processAndWrite();
+        zeros -= int64_t(frames);
+    }
+    output.Finish();
+    return outPosition;
+}
+
+void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOutput& output,
+                     const std::string& advice) {
+    if (auto mismatch = LengthMismatch(reader.Path(), reader.HeaderFrames(), reader.FramesRead()))
+        console.Warn(*mismatch);
+    if (output.Writer().ClippedSamples() > 0)
+        console.Warn(std::to_string(output.Writer().ClippedSamples()) +
+                     " samples went beyond full scale and were clipped in " + Quoted(output.Path()) + " (" + advice +
+                     ")");
+}
+
+std::string RealTimeText(int64_t frames, int rate, double seconds) {
+    return "(" + FormatElapsed(seconds) + ", " +
+           (seconds > 0 ? std::to_string(int(std::lround(double(frames) / rate / seconds))) : std::string("-")) +
+           "x real time)";
+}
+
+void WriteRealTimeFactor(JsonWriter& json, int64_t frames, int rate, double seconds) {
+    if (seconds > 0)
+        json.Key("realtime_factor").Number(double(frames) / rate / seconds);
+    else
+        json.Key("realtime_factor").Null();
+}
+
+}  // namespace kesta

@@ -1,0 +1,133 @@
+#pragma once
+// The one flow of a kesta command that turns INPUT into OUTPUT, shared by every such command:
+//
+//   BlockReader reader(input);                                  // input errors, exit 3
+//   ... settings checked against the input, analysis passes prepared ...
+//   AudioOutput output(path, reader, {{input, reader.Identity()}}, options.output);  // refusals, exit 4
+//   ... analysis passes streamed (a capture over a stretch of the file) ...
+//   std::vector<Stage*> stages = {...};                         // the command's processors
+//   StreamStages(reader, output, stages, progress, watchers);   // latency compensated
+//   output.Commit();                                            // only now does OUTPUT appear
+//   WarnAfterStream(console, reader, output, advice);           // length and clipping warnings
+//
+// The output keeps the input's format unless its name or --bits/--float choose another; it is
+// written to a temporary file beside the target and moved into place only when complete.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "io/audio_block.h"
+#include "io/audio_format.h"
+#include "io/block_reader.h"
+#include "io/block_writer.h"
+#include "io/safe_output.h"
+#include "level_meter.h"
+#include "progress.h"
+
+namespace CLI {
+class App;
+}
+
+namespace kesta {
+
+class Console;
+class JsonWriter;
+
+// What a command that writes audio lets the person choose about OUTPUT.
+struct OutputOptions {
+    bool force = false;
+    int bits = 0;               // --bits: 8, 16, 24 or 32 bits integer PCM; 0 keeps the chosen encoding
+    bool floatSamples = false;  // --float: 32-bit float samples
+};
+// Adds --force, --bits and --float.
+void AddOutputOptions(CLI::App& command, OutputOptions& options);
+
+// The format OUTPUT gets: ChooseOutputFormat's, with the encoding --bits or --float asks for.
+// Throws a usage error when the container cannot hold that encoding (Ogg, MP3) or both are given.
+AudioFormat ChooseEncodedFormat(const AudioFormat& input, const std::string& outputPath, const OutputOptions& options);
+
+class Stopwatch {
+public:
+    double Seconds() const { return std::chrono::duration<double>(Clock::now() - mStart).count(); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point mStart = Clock::now();
+};
+
+// A processor of a stream: every block of every channel in place, the output lagging the input by
+// Latency() frames. A command's factory makes one, set up for the input's channels and rate.
+class Stage {
+public:
+    virtual ~Stage() = default;
+    virtual int64_t Latency() const = 0;
+    virtual void Process(float** channels, int channelCount, int frames) = 0;
+};
+
+// A stage made of a function, for processors without delay or state worth a class.
+std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process);
+
+// An audio file being written: refused before any work when it exists (without --force) or is one
+// of the inputs; measured as written (levels after the encoding's clipping); in place on Commit.
+class AudioOutput {
+public:
+    AudioOutput(const std::string& path, const BlockReader& source, const std::vector<SafeOutput::Input>& inputs,
+                const OutputOptions& options);
+
+    const std::string& Path() const { return mPath; }
+    const AudioFormat& Format() const { return mWriter.Format(); }
+    const BlockWriter& Writer() const { return mWriter; }
+
+    // Writes a block (which may then hold the clipped samples).
+    void Write(AudioBlock& block);
+    // Completes the file; the work is done.
+    void Finish() { mWriter.Finish(); }
+    void Commit() { mOutput.Commit(); }
+
+    // Levels of what was written, and the largest magnitude before clipping.
+    std::vector<ChannelLevels> Levels() const { return mWritten.Levels(); }
+    double Peak() const;
+    double UnclippedPeak() const { return mUnclippedPeak; }
+
+    // "Wrote PATH: WAV (PCM 16-bit), 44100 Hz, 2 channel(s), 0:01.500"
+    std::string Summary() const;
+    // "file", the audio fields, "clipped_samples" and "levels" of the JSON "output" object.
+    void WriteFields(JsonWriter& json) const;
+
+private:
+    std::string mPath;
+    SafeOutput mOutput;
+    BlockWriter mWriter;
+    bool mClips;
+    LevelMeter mWritten;
+    double mUnclippedPeak = 0.0;
+};
+
+// Sees a block of the stream and the position of its first frame.
+using WatchBlock = std::function<void(const AudioBlock& block, int64_t position)>;
+struct StreamWatchers {
+    WatchBlock input;   // each block read, before processing
+    WatchBlock output;  // each block leaving the last stage, its latency dropped, before writing
+};
+
+// Streams the rest of `reader` through every stage in turn into `output`, advancing `progress` by
+// the frames read. The first (sum of the stages' latencies) frames are dropped and as many zeros
+// fed after the input, so the output has the input's length and is aligned with it sample for
+// sample. Returns the frames written.
+int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
+                     const StreamWatchers& watchers = {});
+
+// The warnings every audio output may need after its stream: a length other than the header's,
+// and samples clipped (with `advice` on how to avoid it, in parentheses).
+void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOutput& output, const std::string& advice);
+
+// "(1.2 s, 35x real time)" for `frames` frames at `rate` processed in `seconds`.
+std::string RealTimeText(int64_t frames, int rate, double seconds);
+// "realtime_factor" as a field of the object being written (null when nothing was timed).
+void WriteRealTimeFactor(JsonWriter& json, int64_t frames, int rate, double seconds);
+
+}  // namespace kesta
