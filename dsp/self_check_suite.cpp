@@ -14,6 +14,7 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddNoNoiseChecks(*suite);
     AddNoHissChecks(*suite);
     AddHardLimitChecks(*suite);
+    AddNoClipChecks(*suite);
     return suite;
 }
 

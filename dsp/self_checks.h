@@ -15,5 +15,6 @@ void AddParametricChecks(CheckSuite& suite);
 void AddNoNoiseChecks(CheckSuite& suite);
 void AddNoHissChecks(CheckSuite& suite);
 void AddHardLimitChecks(CheckSuite& suite);
+void AddNoClipChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks

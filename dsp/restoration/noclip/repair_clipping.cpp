@@ -1,0 +1,419 @@
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <numbers>
+
+#include "dsp/noclip.h"
+
+namespace dsp::noclip {
+
+namespace {
+
+constexpr int kMaxChannels = 32;
+constexpr int kLowPassHalf = 320;  // the low-pass has 2 x 320 + 1 taps
+// Cut-off of that low-pass in cycles per sample (2756 Hz at 44.1 kHz): it keeps the trend a run
+// interrupts and drops the detail that makes a slope taken from three samples jump about.
+constexpr double kLowPassCutoff = 1.0 / 16.0;
+
+bool IsSpectralSize(int n) {
+    return n >= 8 && n <= 256 && (n & (n - 1)) == 0;
+}
+
+}  // namespace
+
+RepairClipping::RepairClipping(const NOCLIPPING* record, long pre, long post)
+    : mPre(static_cast<int32_t>(pre)), mPost(static_cast<int32_t>(post)) {
+    CopyParameter(record, &mParam, false);
+    mBufferLength = 2 * (mPre + mPost);
+    mChannels = std::clamp(mParam.channels, 0, kMaxChannels);
+    mInput.Allocate(mChannels, mBufferLength);
+    mOutput.Allocate(mChannels, mBufferLength);
+    mWork.Resize(mChannels, mBufferLength);
+    mContext.Resize(mChannels, mBufferLength);
+    mWork.ZeroBuffers();
+    mContext.ZeroBuffers();
+    if (IsSpectralSize(mParam.fftSize)) {
+        mFFT.Init(mParam.fftSize);
+        mSpectral.assign(6 * static_cast<std::size_t>(mParam.fftSize), 0.0);
+    }
+
+    // Windowed-sinc low-pass, Blackman window, unity gain at DC.
+    mLowPass.assign(2 * kLowPassHalf + 1, 0.0);
+    double sum = 0.0;
+    for (int k = -kLowPassHalf; k <= kLowPassHalf; ++k) {
+        const double phase = std::numbers::pi * k / kLowPassHalf;
+        const double window = 0.42 + 0.5 * std::cos(phase) + 0.08 * std::cos(2.0 * phase);
+        const double sinc = k == 0 ? 2.0 * kLowPassCutoff
+                                   : std::sin(2.0 * std::numbers::pi * kLowPassCutoff * k) / (std::numbers::pi * k);
+        mLowPass[k + kLowPassHalf] = sinc * window;
+        sum += sinc * window;
+    }
+    for (double& tap : mLowPass)
+        tap /= sum;
+    // Differences of the low-passed signal as single kernels: slope[m] = h[m] - h[m - 1] and
+    // curvature[m] = h[m] - 2 h[m - 1] + h[m - 2], m counted from -320 (h is 0 outside its taps).
+    auto tap = [this](int m) { return m < -kLowPassHalf || m > kLowPassHalf ? 0.0 : mLowPass[m + kLowPassHalf]; };
+    mSlopeKernel.resize(2 * kLowPassHalf + 2);
+    mCurvatureKernel.resize(2 * kLowPassHalf + 3);
+    for (int m = -kLowPassHalf; m <= kLowPassHalf + 2; ++m) {
+        if (m <= kLowPassHalf + 1) mSlopeKernel[m + kLowPassHalf] = tap(m) - tap(m - 1);
+        mCurvatureKernel[m + kLowPassHalf] = tap(m) - 2.0 * tap(m - 1) + tap(m - 2);
+    }
+    std::reverse(mSlopeKernel.begin(), mSlopeKernel.end());  // stored reversed for LowPassedAt
+    std::reverse(mCurvatureKernel.begin(), mCurvatureKernel.end());
+
+    mMargin = std::min(mParam.fillInMargin, 64);
+    if (mMargin <= 16) mMargin = 0;
+    if (mMargin > 0) mFillIn.Init(std::min(2 * mMargin, mPre), 0);
+    mMask.resize(static_cast<std::size_t>(2 * mPost + 1), false);
+
+    mLimiter.SetChannels(std::max(mChannels, 1));
+    mLimiter.SetSampleRate(static_cast<int>(mParam.sampleRate + 0.5f));
+    mLimiter.Resume();
+    mCursor.assign(static_cast<std::size_t>(mChannels), 0);
+    mDrawn.assign(static_cast<std::size_t>(mChannels), 0);
+    UpdateParameter();
+}
+
+RepairClipping::~RepairClipping() = default;
+
+void RepairClipping::GetPrePostRoll(long long& pre, long long& post) {
+    pre = 320;
+    post = 320;
+}
+
+void RepairClipping::UpdateParameter() {
+    mGain = static_cast<float>(std::pow(10.0, static_cast<double>(mParam.gainDb) / 20.0));
+}
+
+bool RepairClipping::SetSelection(long long start, long long /*length*/) {
+    mSelectionStart = start;
+    return true;
+}
+
+int RepairClipping::GetLatency() const {
+    return mBufferLength + (mParam.useLimiter ? mLimiter.GetLatency() : 0) + mFillIn.GetLatency();
+}
+
+void RepairClipping::Start() {
+    mInput.Reset();
+    mOutput.Reset();
+    // The work buffer delays by mBufferLength - mPost; these zeros make up the rest of the latency.
+    mOutput.FillZeroes(mPost);
+    mWork.ZeroBuffers();
+    mContext.ZeroBuffers();
+    mBlockStart = mSelectionStart - (mPre + mPost);
+    std::fill(mCursor.begin(), mCursor.end(), 0);
+    std::fill(mDrawn.begin(), mDrawn.end(), 0);
+    mLimiter.Resume();
+    UpdateParameter();
+}
+
+void RepairClipping::Done() {}
+
+void RepairClipping::Process(float** in, float** out, int numChannels, int numFrames) {
+    if (numFrames < 1 || mChannels == 0) return;
+    (void)numChannels;
+    float* inAt[kMaxChannels];
+    float* outAt[kMaxChannels];
+    for (int done = 0; done < numFrames;) {
+        const int chunk = std::min(numFrames - done, mPost - mInput.CanBeRead());
+        mInput.Write(in, done, mChannels, chunk);
+        if (mInput.CanBeRead() == mPost) Hop();
+        for (int c = 0; c < mChannels; ++c)
+            outAt[c] = out[c] + done;
+        mOutput.Read(outAt, mChannels, chunk, chunk);
+        done += chunk;
+    }
+    if (mGain != 1.0f)
+        for (int c = 0; c < mChannels; ++c)
+            for (int i = 0; i < numFrames; ++i)
+                out[c][i] *= mGain;
+    if (mParam.useLimiter) {
+        for (int c = 0; c < mChannels; ++c)
+            inAt[c] = out[c];
+        mLimiter.Process(inAt, inAt, numFrames);
+    }
+}
+
+void RepairClipping::Hop() {
+    float** work = mWork.GetBuffersAsRaw();
+    float** context = mContext.GetBuffersAsRaw();
+    float* newest[kMaxChannels];
+    const std::size_t kept = static_cast<std::size_t>(mBufferLength - mPost);
+    for (int c = 0; c < mChannels; ++c) {
+        std::memmove(work[c], work[c] + mPost, sizeof(float) * kept);
+        std::memmove(context[c], context[c] + mPost, sizeof(float) * kept);
+        newest[c] = work[c] + kept;
+    }
+    mInput.Read(newest, mChannels, mPost, mPost);
+    for (int c = 0; c < mChannels; ++c)
+        std::copy_n(newest[c], mPost, context[c] + kept);
+    Repair(mPost);
+    mOutput.Write(work, 0, mChannels, mPost);
+    mBlockStart += mPost;
+}
+
+long RepairClipping::Repair(long length) {
+    long furthest = length;
+    const long long T = mBlockStart;
+    float** work = mWork.GetBuffersAsRaw();
+    float** context = mContext.GetBuffersAsRaw();
+    for (int c = 0; c < mChannels && c < static_cast<int>(mParam.repairClips.size()); ++c) {
+        std::vector<utils::Range>& list = mParam.repairClips[c];
+        // Every run is drawn once into the context as soon as the buffer holds it and the low-pass's
+        // reach after it, so that no redraw or fill-in takes a flattened neighbour for good context.
+        // Runs too long for a block are left as they are (they stay so in the output).
+        std::size_t& drawn = mDrawn[c];
+        for (; drawn < list.size(); ++drawn) {
+            const utils::Range& r = list[drawn];
+            const long long first = r.start - T + mPre, last = first + r.length - 1;
+            if (last + 3 + kLowPassHalf >= mBufferLength) break;  // its low-passed edges would be cut short
+            if (r.length < 1 || r.done != 0 || first < 3 || r.length - 1 + 2 * mMargin >= 2 * mPost) continue;
+            DoInterpolation(context, c, static_cast<long>(first), static_cast<long>(last), r.length - 1);
+        }
+        // The block's own ranges: redrawn again now that the runs around them are drawn, filled in,
+        // held on the clipped side, and copied into the work buffer.
+        std::size_t& cursor = mCursor[c];
+        for (; cursor < list.size(); ++cursor) {
+            utils::Range& r = list[cursor];
+            const long long lo = r.start - mMargin, hi = r.start + r.length - 1 + mMargin;
+            if (r.length < 1 || lo < T) continue;  // empty, or passed over: its span never fitted a block
+            if (lo >= T + mPost || hi >= T + 2 * mPost) break;
+            if (r.done != 0) continue;
+            const long first = static_cast<long>(r.start - T) + mPre;
+            const long last = first + r.length - 1;
+            DoInterpolation(context, c, first, last, r.length - 1);
+            if (mMargin > 0) mFillIn.FillInNow(first, last, context[c], nullptr, 100.0f, 0.0f, nullptr);
+            HoldClippedSide(c, first, last);
+            std::copy(context[c] + first, context[c] + last + 1, work[c] + first);
+            r.done = 1;
+            furthest = std::max(furthest, last);
+        }
+    }
+    return furthest;
+}
+
+// The samples of a run were flattened towards the channel's extreme: the true values lie at or
+// beyond the observed ones. Redrawn samples that came out on the wrong side are held at the
+// observed value, and with the fill-in active the others are solved again with those fixed.
+void RepairClipping::HoldClippedSide(int channel, long first, long last) {
+    float* x = mContext.GetBuffersAsRaw()[channel];
+    const float* seen = mWork.GetBuffersAsRaw()[channel];  // the run as it came in
+    double runMean = 0.0;
+    for (long i = first; i <= last; ++i)
+        runMean += seen[i];
+    runMean /= static_cast<double>(last - first + 1);
+    const bool top = runMean >= 0.5 * (static_cast<double>(seen[first - 1]) + seen[last + 1]);
+    auto hold = [&] {
+        bool any = false;
+        for (long i = first; i <= last; ++i) {
+            const bool wrong = top ? x[i] < seen[i] : x[i] > seen[i];
+            mMask[static_cast<std::size_t>(i - first)] = !wrong;
+            if (wrong) {
+                x[i] = seen[i];
+                any = true;
+            }
+        }
+        return any;
+    };
+    if (hold() && mMargin > 0) {
+        if (mFillIn.FillInNow(static_cast<int>(first), static_cast<int>(last), x, nullptr, 100.0f, 0.0f, &mMask[0]))
+            hold();
+    }
+}
+
+void RepairClipping::DoInterpolation(float** buffers, long channel, long first, long last, long length) {
+    const int N = mParam.fftSize;
+    const bool spectral = mParam.useFFT && IsSpectralSize(N) && length >= 3 * N / 4 && first - N - N / 4 >= 0 &&
+                          last + N + N / 4 < mBufferLength;
+    if (spectral)
+        DoFFTInterpolation(buffers, channel, first, last, length);
+    else
+        DoPolyNomialInterpolation(buffers, channel, first, last, length);
+}
+
+double RepairClipping::LowPassedAt(int channel, long index, const std::vector<double>& kernel) {
+    // The kernels are stored reversed: entry q weighs x[index + 320 - (size - 1) + q].
+    const float* x = mContext.GetBuffersAsRaw()[channel];
+    const long size = static_cast<long>(kernel.size()), origin = index + kLowPassHalf - (size - 1);
+    const long from = std::max(0L, -origin), to = std::min(size, static_cast<long>(mBufferLength) - origin);
+    const double* k = kernel.data();
+    const float* v = x + origin;
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;  // four running sums, added in a fixed order
+    long q = from;
+    for (; q + 4 <= to; q += 4) {
+        s0 += k[q] * v[q];
+        s1 += k[q + 1] * v[q + 1];
+        s2 += k[q + 2] * v[q + 2];
+        s3 += k[q + 3] * v[q + 3];
+    }
+    for (; q < to; ++q)
+        s0 += k[q] * v[q];
+    return (s0 + s1) + (s2 + s3);
+}
+
+void RepairClipping::FindFIRLowPassedSlopes(int channel, long first, long last, double* left, double* right) {
+    *left = LowPassedAt(channel, first - 1, mSlopeKernel);
+    *right = LowPassedAt(channel, last + 2, mSlopeKernel);
+}
+
+// The polynomial redraw.
+//
+// At each edge the parabola through the last three samples outside the run gives the value, slope
+// and curvature with which the signal enters (or leaves) the run. The redraw is a quintic over the
+// run and its two edge samples that matches value, slope and curvature at both ends (quintic
+// Hermite), so it joins the signal on either side without a step, rises past the old clip level as
+// far as the edges carry it and comes back down smoothly: for a sine clipped at half its peak and
+// well sampled, that is within a fraction of a percent of the lost arc.
+//
+// Slopes from three samples follow whatever detail rides on the signal, and over a long run that
+// detail carries the curve far off. So the derivatives the quintic uses lean, with the run's length,
+// towards those of the low-passed signal (FindFIRLowPassedSlopes and the low-passed curvature):
+// wholly local up to a run of kTrustLocal samples, wholly low-passed from kTrustLocal + kBlendSpan
+// on. The low-pass would see the run's flat top and read the edge as flatter than it is, so the
+// redraw is made three times, the low-pass reading each time the redraw before (the first reads
+// the run flat): each pass removes most of the bias the flat top left in the last.
+//
+// The local shape is then put back at the edges: the difference between the edge parabola,
+// continued three samples into the run, and the low-passed trend is added and faded out over those
+// three samples (a cubic fade, 1 with zero slope at the edge), so value and slope at both edges are
+// those of the signal itself. Finally the curve is held within three times the run's level.
+namespace {
+
+constexpr double kTrustLocal = 4.0;
+constexpr double kBlendSpan = 16.0;
+constexpr int kTrendPasses = 3;
+
+// 1 with zero slope at d = 0, falling to 0 with zero slope at d = 3.
+double EdgeFade(double d) {
+    if (d >= 3.0) return 0.0;
+    const double q = d / 3.0;
+    return 1.0 - 3.0 * q * q + 2.0 * q * q * q;
+}
+
+// Quintic Hermite at u in [0, 1] over a span of D samples: values, slopes and curvatures (per
+// sample) at both ends.
+double Quintic(double u, double D, double v0, double s0, double k0, double v1, double s1, double k1) {
+    const double u2 = u * u, u3 = u2 * u, u4 = u3 * u, u5 = u4 * u;
+    const double h0 = 1.0 - 10.0 * u3 + 15.0 * u4 - 6.0 * u5;
+    const double h1 = u - 6.0 * u3 + 8.0 * u4 - 3.0 * u5;
+    const double h2 = 0.5 * (u2 - 3.0 * u3 + 3.0 * u4 - u5);
+    const double h3 = 0.5 * (u3 - 2.0 * u4 + u5);
+    const double h4 = -4.0 * u3 + 7.0 * u4 - 3.0 * u5;
+    const double h5 = 10.0 * u3 - 15.0 * u4 + 6.0 * u5;
+    return v0 * h0 + D * s0 * h1 + D * D * k0 * h2 + D * D * k1 * h3 + D * s1 * h4 + v1 * h5;
+}
+
+}  // namespace
+
+void RepairClipping::DoPolyNomialInterpolation(float** buffers, long channel, long first, long last, long length) {
+    float* x = buffers[channel];
+    const int c = static_cast<int>(channel);
+    const double D = static_cast<double>(length + 2);  // from the sample before the run to the one after
+    const double v0 = x[first - 1], v1 = x[last + 1];
+    const double s0 = (3.0 * x[first - 1] - 4.0 * x[first - 2] + x[first - 3]) / 2.0;
+    const double k0 = static_cast<double>(x[first - 1]) - 2.0 * x[first - 2] + x[first - 3];
+    const double s1 = -(3.0 * x[last + 1] - 4.0 * x[last + 2] + x[last + 3]) / 2.0;
+    const double k1 = static_cast<double>(x[last + 1]) - 2.0 * x[last + 2] + x[last + 3];
+    const double trend = std::clamp((D - kTrustLocal) / kBlendSpan, 0.0, 1.0);
+    double level = 0.0;
+    for (long i = first; i <= last; ++i)
+        level = std::max(level, std::fabs(static_cast<double>(x[i])));
+    const double bound = 3.0 * level;
+    const int passes = trend > 0.0 ? kTrendPasses : 1;
+    for (int pass = 0; pass < passes; ++pass) {
+        double lowS0 = 0.0, lowS1 = 0.0, lowK0 = 0.0, lowK1 = 0.0;
+        if (trend > 0.0) {
+            FindFIRLowPassedSlopes(c, first, last, &lowS0, &lowS1);
+            lowK0 = LowPassedAt(c, first - 1, mCurvatureKernel);
+            lowK1 = LowPassedAt(c, last + 3, mCurvatureKernel);
+        }
+        const double ts0 = s0 + trend * (lowS0 - s0), ts1 = s1 + trend * (lowS1 - s1);
+        const double tk0 = k0 + trend * (lowK0 - k0), tk1 = k1 + trend * (lowK1 - k1);
+        for (long i = first; i <= last; ++i) {
+            const double t = static_cast<double>(i - first + 1), tr = D - t;
+            double y = Quintic(t / D, D, v0, ts0, tk0, v1, ts1, tk1);
+            y += ((s0 - ts0) * t + 0.5 * (k0 - tk0) * t * t) * EdgeFade(t);
+            y += (-(s1 - ts1) * tr + 0.5 * (k1 - tk1) * tr * tr) * EdgeFade(tr);
+            x[i] = static_cast<float>(std::clamp(y, -bound, bound));
+        }
+    }
+}
+
+// The spectral redraw carries the sinusoids of the signal across the run from both sides. On each
+// side two frames of fftSize samples, hop fftSize/4 apart, are weighted by the raised cosine
+// w[i] = (1 + cos(2 pi (i + 1) / (fftSize + 1) + pi)) / 2 and transformed; the phase advance of
+// every bin between the two frames gives its true frequency (a phase vocoder's estimate), and the
+// frame nearest the run, resynthesised at its centre with each bin turning at that frequency, is
+// continued across the run (forwards from the left, backwards from the right). The two
+// continuations are cross-faded with a raised cosine over the run, and what each misses at its own
+// edge sample is spread linearly across the run, so the redraw meets both edges exactly.
+void RepairClipping::DoFFTInterpolation(float** buffers, long channel, long first, long last, long length) {
+    const float* x = buffers[channel];
+    (void)length;
+    const int N = mParam.fftSize, hop = std::max(1, N / 4), half = N / 2;
+    const double centre = (N - 1) / 2.0;
+    double* re = mSpectral.data();
+    double* im = re + N;
+    double* near = im + N;         // N/2 complex values at the frame centre, interleaved re, im
+    double* frequency = near + N;  // N/2 bin frequencies
+    auto analyse = [&](long frameStart, long otherStart) {
+        // otherStart: the frame hop samples further from the run.
+        for (int pass = 0; pass < 2; ++pass) {
+            const long start = pass == 0 ? frameStart : otherStart;
+            for (int i = 0; i < N; ++i) {
+                const double w = (1.0 + std::cos(2.0 * std::numbers::pi * (i + 1) / (N + 1) + std::numbers::pi)) / 2.0;
+                re[i] = w * x[start + i];
+                im[i] = 0.0;
+            }
+            mFFT.FFT(re, im, 1);
+            for (int k = 0; k < half; ++k) {
+                const std::complex<double> X(re[k], im[k]);
+                if (pass == 0) {
+                    const std::complex<double> atCentre = X * std::polar(1.0, 2.0 * std::numbers::pi * k * centre / N);
+                    near[2 * k] = atCentre.real();
+                    near[2 * k + 1] = atCentre.imag();
+                    frequency[k] = std::arg(X);
+                } else {
+                    // Phase advance from the far frame to the near one, less the bin's own advance.
+                    const double binFrequency = 2.0 * std::numbers::pi * k / N;
+                    const long shift = frameStart - otherStart;  // +hop on the left, -hop on the right
+                    double d = frequency[k] - std::arg(X) - binFrequency * static_cast<double>(shift);
+                    d -= 2.0 * std::numbers::pi * std::round(d / (2.0 * std::numbers::pi));
+                    frequency[k] = k == 0 ? 0.0 : binFrequency + d / static_cast<double>(shift);
+                }
+            }
+        }
+    };
+    auto continuation = [&](double t) {  // t samples from the near frame's centre
+        double sum = near[0];
+        for (int k = 1; k < half; ++k) {
+            const std::complex<double> turn = std::polar(1.0, frequency[k] * t);
+            sum += 2.0 * (near[2 * k] * turn.real() - near[2 * k + 1] * turn.imag());
+        }
+        return sum / N;
+    };
+    const long n = last - first + 1;
+    // The forward continuation is kept in the run's own samples until the backward one joins it
+    // (the right-hand frames lie after the run).
+    float* y = buffers[channel];
+    analyse(first - N, first - N - hop);
+    const double leftCentre = static_cast<double>(first - N) + centre;
+    const double leftMiss = x[first - 1] - continuation(static_cast<double>(first - 1) - leftCentre);
+    for (long i = 0; i < n; ++i)
+        y[first + i] = static_cast<float>(continuation(static_cast<double>(first + i) - leftCentre));
+    analyse(last + 1, last + 1 + hop);
+    const double rightCentre = static_cast<double>(last + 1) + centre;
+    const double rightMiss = x[last + 1] - continuation(static_cast<double>(last + 1) - rightCentre);
+    for (long i = 0; i < n; ++i) {
+        const double a = (1.0 - std::cos(std::numbers::pi * (i + 1) / (n + 1))) / 2.0;  // share of the right
+        const double backward = continuation(static_cast<double>(first + i) - rightCentre);
+        const double along = static_cast<double>(i + 1) / (n + 1);
+        y[first + i] =
+            static_cast<float>((1.0 - a) * y[first + i] + a * backward + (1.0 - along) * leftMiss + along * rightMiss);
+    }
+}
+
+}  // namespace dsp::noclip

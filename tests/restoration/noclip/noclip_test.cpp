@@ -1,0 +1,332 @@
+// Clipping: the record's housekeeping; detection of runs by the level rules (table of small cases,
+// runs across blocks, tones clipped at half their peak against runs read off the unclipped tone);
+// repair of clipped tones against the unclipped original, with every sample outside the runs
+// untouched, at any block size, with the gain stage and limiter, and past ranges too long for a
+// block; the fill-in engine on a gap in a tone.
+
+#include "dsp/noclip.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+#include "support/allocation_counter.h"
+#include "support/metrics.h"
+#include "support/signals.h"
+
+namespace {
+
+using dsp::noclip::FindClipping;
+using dsp::noclip::NOCLIPPING;
+using dsp::noclip::RepairClipping;
+using dsp::utils::Range;
+using namespace kesta::test;
+
+constexpr double kRate = 44100.0;
+
+NOCLIPPING Record(int channels) {
+    NOCLIPPING r;
+    dsp::noclip::SetDefaultParameter(&r);
+    r.channels = channels;
+    dsp::noclip::AllocateArrays(&r);
+    return r;
+}
+
+// Both passes over x from selection start `start` in blocks of `block` frames; the found ranges.
+std::vector<std::vector<Range>> Find(const NOCLIPPING& record, const Channels& x, int block = 4096,
+                                     long long start = 0) {
+    FindClipping find(&record);
+    const long long frames = static_cast<long long>(x[0].size());
+    find.SetSelection(start, frames);
+    find.Start(nullptr);
+    std::vector<float*> data(x.size());
+    for (long long pos = 0; !find.IsCompleted();) {
+        const int n = static_cast<int>(std::min<long long>(block, frames - pos));
+        for (std::size_t c = 0; c < x.size(); ++c)
+            data[c] = const_cast<float*>(x[c].data()) + pos;
+        find.Analyze(data.data(), static_cast<int>(x.size()), n);
+        pos = pos + n >= frames ? 0 : pos + n;
+    }
+    find.Done();
+    return find.GetParam()->foundClips;
+}
+
+struct Repaired {
+    Channels y;  // aligned with the input
+    std::vector<std::vector<Range>> ranges;
+};
+
+// Repairs `ranges` in x, streamed in random blocks of up to maxBlock frames (0: one block), the
+// latency's worth of zeros fed at the end and the output realigned.
+Repaired Repair(NOCLIPPING record, const Channels& x, const std::vector<std::vector<Range>>& ranges, int maxBlock) {
+    record.repairClips = ranges;
+    RepairClipping repair(&record);
+    repair.SetSelection(0, static_cast<long long>(x[0].size()));
+    repair.Start();
+    const std::size_t latency = static_cast<std::size_t>(repair.GetLatency()), frames = x[0].size();
+    Channels padded = x;
+    for (Signal& s : padded)
+        s.resize(frames + latency, 0.0f);
+    const int channels = static_cast<int>(x.size());
+    auto block = [&](float** in, float** out, int n) { repair.Process(in, out, channels, n); };
+    const Channels y = maxBlock > 0 ? RunInRandomBlocks(padded, block, maxBlock, 17)
+                                    : RunInBlocks(padded, block, static_cast<int>(padded[0].size()));
+    Repaired result{{}, repair.GetParam()->repairClips};
+    for (const Signal& s : y)
+        result.y.emplace_back(s.begin() + static_cast<std::ptrdiff_t>(latency), s.end());
+    return result;
+}
+
+Signal Clip(const Signal& x, float level) {
+    Signal y = x;
+    for (float& v : y)
+        v = std::clamp(v, -level, level);
+    return y;
+}
+
+TEST(NoClipRecord, DefaultsAndCopies) {
+    NOCLIPPING r = Record(3);
+    EXPECT_EQ(r.fftSize, 32);
+    EXPECT_EQ(r.minRunLength, 3);
+    EXPECT_EQ(r.gainDb, -12.0f);
+    EXPECT_FALSE(r.useFFT);
+    EXPECT_EQ(r.tolerancePercent, 10.0f);
+    EXPECT_TRUE(r.useLimiter);
+    EXPECT_EQ(r.fillInMargin, 64);
+    EXPECT_EQ(r.foundClips.size(), 3u);
+    EXPECT_EQ(r.repairClips.size(), 3u);
+    r.foundClips[1].push_back({5, 3, 0});
+    r.repairClips[2].push_back({9, 4, 1});
+    for (const bool empty : {true, false}) {
+        NOCLIPPING copy = Record(1);
+        dsp::noclip::CopyParameter(&r, &copy, empty);
+        EXPECT_EQ(copy.channels, 3);
+        ASSERT_EQ(copy.foundClips.size(), 3u);
+        EXPECT_EQ(copy.foundClips[1].size(), empty ? 0u : 1u);
+        ASSERT_EQ(copy.repairClips[2].size(), 1u);
+        EXPECT_EQ(copy.repairClips[2][0].start, 9);
+    }
+    dsp::noclip::FreeArrays(&r);
+    EXPECT_TRUE(r.foundClips.empty() && r.repairClips.empty() && r.maxLevel.empty());
+}
+
+// Each case: a short channel (peak 1 unless said otherwise), the runs expected.
+TEST(FindClipping, RunsFollowTheLevelRules) {
+    struct Case {
+        const char* what;
+        Signal x;
+        std::vector<Range> expected;
+        int minRun = 3;
+    };
+    const Case cases[] = {
+        {"three at the top", {0.1f, 0.95f, 1.0f, 0.92f, 0.2f}, {{1, 3, 0}}},
+        {"two are too few", {0.1f, 1.0f, 1.0f, 0.2f, -0.3f}, {}},
+        {"just outside the tolerance", {0.1f, 1.0f, 0.89f, 1.0f, 0.2f}, {}},
+        {"bottom run, top run", {-1.0f, -0.95f, -0.99f, 0.0f, 0.97f, 0.9f, 1.0f, 0.5f}, {{0, 3, 0}, {4, 3, 0}}},
+        {"top meets bottom", {1.0f, 1.0f, 1.0f, -1.0f, -1.0f, -1.0f, 0.0f}, {{0, 3, 0}, {3, 3, 0}}},
+        {"quiet channel", {0.05f, 0.06f, 0.06f, 0.06f, 0.0f, -0.06f}, {}},
+        {"run at the end", {0.0f, 0.5f, 1.0f, 1.0f, 0.98f, 1.0f}, {{2, 4, 0}}},
+        {"longer minimum", {0.0f, 1.0f, 1.0f, 1.0f, 0.0f, 1.0f, 1.0f, 1.0f, 1.0f}, {{5, 4, 0}}, 4},
+    };
+    for (const Case& k : cases) {
+        NOCLIPPING r = Record(1);
+        r.minRunLength = k.minRun;
+        for (const int block : {1, 2, 4096}) {
+            const auto found = Find(r, Channels{k.x}, block, 1000);
+            std::vector<Range> expected = k.expected;
+            for (Range& e : expected)
+                e.start += 1000;  // positions are absolute
+            ASSERT_EQ(found[0].size(), expected.size()) << k.what << ", blocks of " << block;
+            for (std::size_t i = 0; i < expected.size(); ++i) {
+                EXPECT_EQ(found[0][i].start, expected[i].start) << k.what;
+                EXPECT_EQ(found[0][i].length, expected[i].length) << k.what;
+            }
+        }
+    }
+}
+
+// A tone of peak 0.9 clipped at 0.45: the runs are exactly the stretches where the unclipped tone
+// reaches 0.405 (10 % of the 0.45 peak below it) in magnitude, on either side.
+TEST(FindClipping, TonesClippedAtHalfTheirPeak) {
+    for (const double f : {100.0, 997.0, 3001.0}) {
+        const Signal clean = Sine(20000, f, kRate, 0.9, 0.3);
+        const auto found = Find(Record(1), Channels{Clip(clean, 0.45f)}, 1000);
+        const float edge = 0.45f - 0.45f * 10.0f / 100.0f;
+        std::vector<Range> expected;
+        for (std::size_t i = 0; i < clean.size();) {
+            const int side = clean[i] >= edge ? 1 : clean[i] <= -edge ? -1 : 0;
+            std::size_t j = i + 1;
+            while (side != 0 && j < clean.size() && (side > 0 ? clean[j] >= edge : clean[j] <= -edge))
+                ++j;
+            if (side != 0 && j - i >= 3) expected.push_back({static_cast<long long>(i), static_cast<int>(j - i), 0});
+            i = j;
+        }
+        ASSERT_EQ(found[0].size(), expected.size()) << f;
+        for (std::size_t i = 0; i < expected.size(); ++i)
+            ASSERT_TRUE(found[0][i].start == expected[i].start && found[0][i].length == expected[i].length)
+                << f << " Hz, run " << i;
+    }
+}
+
+// Error over the runs against the unclipped tone, before and after the repair (0 dB gain, no
+// limiter), and every sample outside the runs unchanged; with the fill-in on and off.
+TEST(RepairClipping, ClippedTonesComeBackCloseToTheOriginal) {
+    struct Case {
+        double frequency;
+        int margin;
+        double minimumDb;  // error reduction over the runs
+    };
+    const Case cases[] = {{100.0, 64, 12.0}, {440.0, 64, 12.0},  {997.0, 64, 25.0},
+                          {997.0, 0, 18.0},  {3001.0, 64, 10.0}, {3001.0, 16, 8.0}};
+    for (const Case& k : cases) {
+        const Signal clean = Sine(30000, k.frequency, kRate, 0.9, 0.3);
+        const Signal clipped = Clip(clean, 0.45f);
+        NOCLIPPING r = Record(1);
+        r.gainDb = 0.0f;
+        r.useLimiter = false;
+        r.fillInMargin = k.margin;
+        const auto ranges = Find(r, Channels{clipped});
+        const Repaired out = Repair(r, Channels{clipped}, ranges, 0);
+        std::vector<char> inRun(clean.size(), 0);
+        for (const Range& range : out.ranges[0]) {
+            EXPECT_EQ(range.done, 1);
+            std::fill_n(inRun.begin() + range.start, range.length, 1);
+        }
+        double before = 0.0, after = 0.0;
+        std::size_t changedOutside = 0;
+        for (std::size_t i = 0; i < clean.size(); ++i) {
+            if (inRun[i]) {
+                before += std::pow(clipped[i] - clean[i], 2.0);
+                after += std::pow(out.y[0][i] - clean[i], 2.0);
+            } else {
+                changedOutside += out.y[0][i] != clipped[i];
+            }
+        }
+        EXPECT_GE(10.0 * std::log10(before / after), k.minimumDb) << k.frequency << " Hz, margin " << k.margin;
+        EXPECT_EQ(changedOutside, 0u) << k.frequency << " Hz";
+    }
+}
+
+// Stereo programme (tones and noise, clipped), the default record (fill-in, -12 dB, limiter):
+// random block partitions give the output of one block, bit for bit; the gain is exact outside
+// the runs up to the limiter's delay; Process allocates nothing; the spectral method runs too.
+TEST(RepairClipping, StreamingIsBlockSizeInvariantWithGainAndLimiter) {
+    Channels clean = NoiseChannels(2, 40000, 5, 0.05);
+    for (int c = 0; c < 2; ++c) {
+        const Signal tone = Sine(40000, 180.0 + 70 * c, kRate, 1.2);
+        for (std::size_t i = 0; i < tone.size(); ++i)
+            clean[c][i] += tone[i];
+    }
+    Channels clipped;
+    for (const Signal& s : clean)
+        clipped.push_back(Clip(s, 0.7f));
+    for (const bool fft : {false, true}) {
+        NOCLIPPING r = Record(2);
+        r.useFFT = fft;
+        r.fftSize = 64;
+        const auto ranges = Find(r, clipped);
+        ASSERT_GT(ranges[0].size(), 20u);
+        const Repaired whole = Repair(r, clipped, ranges, 0);
+        EXPECT_EQ(Repair(r, clipped, ranges, 700).y, whole.y) << "fft " << fft;
+        EXPECT_EQ(Repair(r, clipped, ranges, 3).y, whole.y) << "fft " << fft;
+        const float ceiling = static_cast<float>(std::pow(10.0, -0.1 / 20.0));
+        for (const Signal& s : whole.y)
+            EXPECT_LE(Peak(s), ceiling);
+
+        // Without the limiter the output is the input times 10^(-12/20) outside the runs.
+        r.useLimiter = false;
+        const Repaired plain = Repair(r, clipped, ranges, 0);
+        const float gain = static_cast<float>(std::pow(10.0, -12.0 / 20.0));
+        std::size_t off = 0;
+        for (int c = 0; c < 2; ++c) {
+            std::vector<char> inRun(clipped[c].size(), 0);
+            for (const Range& range : plain.ranges[c])
+                std::fill_n(inRun.begin() + range.start, range.length, 1);
+            for (std::size_t i = 0; i < inRun.size(); ++i)
+                off += !inRun[i] && plain.y[c][i] != clipped[c][i] * gain;
+        }
+        EXPECT_EQ(off, 0u);
+    }
+
+    NOCLIPPING r = Record(2);
+    r.repairClips = Find(r, clipped);
+    RepairClipping repair(&r);
+    repair.SetSelection(0, 40000);
+    repair.Start();
+    Channels y = clipped;
+    AllocationCounter allocations;
+    for (int pos = 0; pos + 500 <= 40000; pos += 500) {
+        float* in[2] = {clipped[0].data() + pos, clipped[1].data() + pos};
+        float* out[2] = {y[0].data() + pos, y[1].data() + pos};
+        repair.Process(in, out, 2, 500);
+    }
+    EXPECT_EQ(allocations.Count(), 0);
+}
+
+TEST(RepairClipping, LatencyAndRangesThatDoNotFitABlock) {
+    long long pre = 0, post = 0;
+    RepairClipping::GetPrePostRoll(pre, post);
+    EXPECT_EQ(pre, 320);
+    EXPECT_EQ(post, 320);
+    NOCLIPPING r = Record(1);
+    EXPECT_EQ(RepairClipping(&r).GetLatency(), 1280 + 882);
+    r.sampleRate = 48000.0f;
+    EXPECT_EQ(RepairClipping(&r).GetLatency(), 1280 + 960);
+    r.useLimiter = false;
+    EXPECT_EQ(RepairClipping(&r).GetLatency(), 1280);
+
+    // A 600-sample run cannot be held with its margins by one block: it is passed over (not done,
+    // untouched), and the runs after it are still repaired.
+    Signal x = Clip(Sine(8000, 200.0, kRate, 0.6), 0.5f);
+    std::fill(x.begin() + 2000, x.begin() + 2600, 0.5f);
+    r.gainDb = 0.0f;
+    const auto ranges = Find(r, Channels{x});
+    const Repaired out = Repair(r, Channels{x}, ranges, 0);
+    int longRuns = 0;
+    for (const Range& range : out.ranges[0]) {
+        const bool tooLong = range.length > 512;
+        longRuns += tooLong;
+        EXPECT_EQ(range.done, tooLong ? 0 : 1) << range.start;
+        const bool same =
+            std::equal(x.begin() + range.start, x.begin() + range.start + range.length, out.y[0].begin() + range.start);
+        // Runs with good context on both sides come out changed (one right after the long run and
+        // one at the very end may be held at their observed level).
+        if (tooLong || (range.start > 2700 && range.start < 7900)) {
+            EXPECT_EQ(same, tooLong) << range.start;
+        }
+    }
+    EXPECT_EQ(longRuns, 1);
+}
+
+TEST(CFillIn, GapInAToneIsFilledFromItsSurroundings) {
+    const Signal clean = Sine(600, 1234.0, kRate, 0.8, 1.0);
+    for (const int gap : {4, 12, 30}) {
+        Signal x = clean;
+        std::fill(x.begin() + 300, x.begin() + 300 + gap, 0.0f);
+        dsp::CFillIn fill;
+        fill.Init(128, 0);
+        ASSERT_TRUE(fill.FillInNow(300, 299 + gap, x.data(), nullptr, 100.0f, 0.0f, nullptr));
+        EXPECT_LT(MaxAbsDiff(x, clean), gap > 12 ? 2e-2 : 2e-3) << gap;
+
+        // Masked: only the named samples change; half strength goes half way.
+        Signal y = clean;
+        bool mask[30];
+        for (int i = 0; i < gap; ++i) {
+            mask[i] = i % 2 == 0;
+            if (mask[i]) y[300 + i] = 0.0f;
+        }
+        ASSERT_TRUE(fill.FillInNow(300, 299 + gap, y.data(), nullptr, 50.0f, 0.0f, mask));
+        for (int i = 0; i < gap; ++i)
+            EXPECT_NEAR(y[300 + i], mask[i] ? 0.5 * clean[300 + i] : clean[300 + i], mask[i] ? 1e-3 : 0.0) << gap;
+    }
+    dsp::CFillIn small;
+    small.Init(16, 0);
+    Signal x = clean;
+    EXPECT_FALSE(small.FillInNow(300, 304, x.data(), nullptr, 100.0f, 0.0f, nullptr));  // 5 > 16 / 4
+    EXPECT_EQ(x, clean);
+}
+
+}  // namespace
