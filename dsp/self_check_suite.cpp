@@ -15,6 +15,7 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddNoHissChecks(*suite);
     AddHardLimitChecks(*suite);
     AddNoClipChecks(*suite);
+    AddNoClickChecks(*suite);
     return suite;
 }
 

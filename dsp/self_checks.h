@@ -16,5 +16,6 @@ void AddNoNoiseChecks(CheckSuite& suite);
 void AddNoHissChecks(CheckSuite& suite);
 void AddHardLimitChecks(CheckSuite& suite);
 void AddNoClipChecks(CheckSuite& suite);
+void AddNoClickChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks
