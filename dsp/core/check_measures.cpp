@@ -1,8 +1,10 @@
 #include "dsp/check_measures.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <limits>
 #include <numbers>
 
 namespace dsp::checks {
@@ -23,36 +25,63 @@ std::string Format(const char* format, ...) {
     return text;
 }
 
-double ToneAmplitude(const float* x, std::size_t count, double frequency, double sampleRate) {
+double ToDb(double linear) {
+    return linear > 0.0 ? 20.0 * std::log10(linear) : -std::numeric_limits<double>::infinity();
+}
+
+double Rms(std::span<const float> x) {
+    if (x.empty()) return 0.0;
+    long double sum = 0.0L;
+    for (float v : x)
+        sum += static_cast<long double>(v) * v;
+    return static_cast<double>(std::sqrt(sum / static_cast<long double>(x.size())));
+}
+
+// std::max would drop a NaN; it is passed on instead.
+double Peak(std::span<const float> x) {
+    double peak = 0.0;
+    for (float v : x) {
+        const double a = std::fabs(static_cast<double>(v));
+        if (std::isnan(a)) return a;
+        peak = std::max(peak, a);
+    }
+    return peak;
+}
+
+double MaxAbsDiff(std::span<const float> a, std::span<const float> b) {
+    const std::size_t n = std::min(a.size(), b.size());
+    double diff = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double d = std::fabs(static_cast<double>(a[i]) - b[i]);
+        if (std::isnan(d)) return d;
+        diff = std::max(diff, d);
+    }
+    return diff;
+}
+
+double LevelAt(std::span<const float> x, double frequency, double sampleRate) {
+    const std::size_t n = x.size();
+    if (n < 2) return 0.0;
     const double w0 = 2.0 * std::numbers::pi * frequency / sampleRate;
-    double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        const double t = 2.0 * std::numbers::pi * static_cast<double>(i) / static_cast<double>(count - 1);
-        const double w = 0.35875 - 0.48829 * std::cos(t) + 0.14128 * std::cos(2 * t) - 0.01168 * std::cos(3 * t);
-        const double s = std::sin(w0 * static_cast<double>(i));
-        const double c = std::cos(w0 * static_cast<double>(i));
-        const double v = x[i];
+    const double step = 2.0 * std::numbers::pi / static_cast<double>(n - 1);
+    long double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double t = step * static_cast<double>(i);
+        const long double w = 0.35875 - 0.48829 * std::cos(t) + 0.14128 * std::cos(2 * t) - 0.01168 * std::cos(3 * t);
+        const long double s = std::sin(w0 * static_cast<double>(i));
+        const long double c = std::cos(w0 * static_cast<double>(i));
         ss += w * s * s;
         cc += w * c * c;
         sc += w * s * c;
-        xs += w * v * s;
-        xc += w * v * c;
+        xs += w * x[i] * s;
+        xc += w * x[i] * c;
     }
-    const double det = ss * cc - sc * sc;
-    const double a = (xs * cc - xc * sc) / det;
-    const double b = (xc * ss - xs * sc) / det;
-    return std::sqrt(a * a + b * b);
-}
-
-double MeanSquare(const float* x, std::size_t count) {
-    double sum = 0.0;
-    for (std::size_t i = 0; i < count; ++i)
-        sum += static_cast<double>(x[i]) * x[i];
-    return sum / static_cast<double>(count);
-}
-
-double Rms(const float* x, std::size_t count) {
-    return std::sqrt(MeanSquare(x, count));
+    // Normal equations of min sum w (x - a sin - b cos)^2.
+    const long double det = ss * cc - sc * sc;
+    if (det == 0.0L) return 0.0;  // frequency 0 or Nyquist: only one basis function
+    const long double a = (xs * cc - xc * sc) / det;
+    const long double b = (xc * ss - xs * sc) / det;
+    return static_cast<double>(std::sqrt(a * a + b * b));
 }
 
 std::vector<float> UniformNoise(std::size_t frames, uint32_t seed, double amplitude) {

@@ -1,27 +1,13 @@
-// Self-checks of the processing framework: buffer capacity rules and the multi-pass protocol.
+// Smoke self-check of the processing framework: the multi-pass analyzer protocol.
 
 #include <string>
 
-#include "dsp/audio_buffer.h"
 #include "dsp/dsp_analyzer.h"
 #include "dsp/self_checks.h"
 
 namespace dsp::checks {
 
 namespace {
-
-CheckOutcome AudioBufferKeepsMemoryWhenItFits() {
-    AudioBuffer buffer(2, 1024);
-    float** before = buffer.GetBuffersAsRaw();
-    buffer.Resize(1, 512);
-    const bool kept = buffer.GetBuffersAsRaw() == before && buffer.GetFrameCapacity() == 1024;
-    buffer.Resize(4, 100);
-    const bool exact = buffer.GetChannelCapacity() == 4 && buffer.GetFrameCapacity() == 100;
-    return {kept && exact, "fitting resize keeps memory: " + std::string(kept ? "yes" : "no") +
-                               "; growing resize to 4 x 100 gives capacity " +
-                               std::to_string(buffer.GetChannelCapacity()) + " x " +
-                               std::to_string(buffer.GetFrameCapacity())};
-}
 
 class CountingAnalyzer : public DSPMultiPassAnalyzer {
 public:
@@ -54,7 +40,6 @@ CheckOutcome MultiPassProtocolRewindsAndCompletes() {
 }  // namespace
 
 void AddCoreChecks(CheckSuite& suite) {
-    suite.Add("core", "AudioBuffer capacity rules", AudioBufferKeepsMemoryWhenItFits);
     suite.Add("core", "multi-pass analyzer protocol", MultiPassProtocolRewindsAndCompletes);
 }
 

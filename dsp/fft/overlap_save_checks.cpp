@@ -1,11 +1,8 @@
-// Self-checks of the overlap-save engine: a hook that leaves spectra alone makes the engine a pure
-// delay of one frame; the output does not depend on the block sizes; the base hook is a low-pass
-// at one eighth of the band. Expectations are analytic (a delayed copy, a tone's known amplitude).
+// Smoke self-check of the overlap-save engine: a hook that leaves spectra alone makes the engine a
+// pure delay of one frame, so analysis window, resynthesis and crossfade fit together.
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
-#include <string>
 #include <vector>
 
 #include "dsp/check_measures.h"
@@ -19,7 +16,6 @@ namespace {
 constexpr int kN = 4096;
 constexpr int kL = 585;
 constexpr int kP = 1755;
-constexpr double kRate = 48000.0;
 
 class IdentityEngine : public OverlapSave {
 public:
@@ -57,45 +53,10 @@ CheckOutcome IdentityHookIsADelayOfOneFrame() {
                        engine.GetLatency(), leadIn, error)};
 }
 
-CheckOutcome BlockSizeDoesNotChangeOutput() {
-    const std::vector<float> x = UniformNoise(20000, 777u, 1.0);
-    OverlapSave engine(kN, 1, kP, kL, OverlapSave::Hann);
-    const std::vector<float> reference = Run(engine, x, 4096);
-    const bool ones = Run(engine, x, 1) == reference;
-    const bool sevens = Run(engine, x, 7) == reference;
-    const bool whole = Run(engine, x, 20000) == reference;
-    const bool ok = ones && sevens && whole;
-    return {ok, std::string("blocks of 1, 7 and 20000 frames equal blocks of 4096 bit for bit: ") +
-                    (ones ? "yes" : "no") + ", " + (sevens ? "yes" : "no") + ", " + (whole ? "yes" : "no")};
-}
-
-CheckOutcome BaseHookIsALowPassAtOneEighthOfTheBand() {
-    // Bins are 48000/4096 Hz wide; bins 0 ... 256 (up to 3000 Hz) are kept.
-    const double amplitude = 0.4;
-    std::vector<float> x(60000);
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        const double t = static_cast<double>(i) / kRate;
-        x[i] = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * 1000.0 * t) +
-                                  amplitude * std::sin(2.0 * std::numbers::pi * 9000.0 * t));
-    }
-    OverlapSave engine(kN, 1, kP, kL, OverlapSave::Kaiser140);
-    const std::vector<float> y = Run(engine, x, 2048);
-    // Measured after two frames, once the output is steady; the other tone sits far away.
-    const float* steady = y.data() + 2 * kN;
-    const std::size_t count = y.size() - 2 * kN;
-    const double keptDb = 20.0 * std::log10(ToneAmplitude(steady, count, 1000.0, kRate) / amplitude);
-    const double removedDb = 20.0 * std::log10(ToneAmplitude(steady, count, 9000.0, kRate) / amplitude + 1e-30);
-    const bool ok = std::fabs(keptDb) <= 0.01 && removedDb <= -100.0;
-    return {ok,
-            Format("1 kHz tone %.3g dB (expect 0 +- 0.01); 9 kHz tone %.3g dB (expect below -100)", keptDb, removedDb)};
-}
-
 }  // namespace
 
 void AddOverlapSaveChecks(CheckSuite& suite) {
     suite.Add("overlap-save", "identity hook delays by exactly one frame", IdentityHookIsADelayOfOneFrame);
-    suite.Add("overlap-save", "output independent of block size", BlockSizeDoesNotChangeOutput);
-    suite.Add("overlap-save", "base hook low-pass at one eighth of the band", BaseHookIsALowPassAtOneEighthOfTheBand);
 }
 
 }  // namespace dsp::checks

@@ -19,7 +19,6 @@
 
 #include "dsp/core/denormal_guard.h"
 #include "dsp/filters/butterworth.h"
-#include "dsp/self_checks.h"
 #include "support/allocation_counter.h"
 #include "support/metrics.h"
 #include "support/signals.h"
@@ -466,16 +465,6 @@ TEST(ParametricStreaming, ProcessAllocatesNothing) {
         EXPECT_GT(eq.ComputeFilterResponse(1000.0f), 0.0f);
     }
     EXPECT_EQ(allocations.Count(), 0);
-}
-
-// ---- Self-checks --------------------------------------------------------------------------------
-
-TEST(ParametricSelfChecks, AllPass) {
-    dsp::checks::CheckSuite suite;
-    dsp::checks::AddParametricChecks(suite);
-    ASSERT_EQ(suite.Size(), 3u);
-    for (const auto& result : suite.Run())
-        EXPECT_TRUE(result.outcome.passed) << result.name << ": " << result.outcome.detail;
 }
 
 }  // namespace

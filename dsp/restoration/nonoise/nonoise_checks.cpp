@@ -1,7 +1,5 @@
-// Self-checks of the noise-print family: a captured tone reads its analytic magnitude; a print of
-// white noise lets the reduction remove that noise and keep a tone; cleaned plus removed output
-// rebuilds the input; reduction 0 is a pure delay. Expectations are analytic (a sine's windowed
-// magnitude, a delayed copy, level ratios), on a mono 44.1 kHz signal of a few seconds.
+// Smoke self-check of the noise-print family: a print captured from white noise lets the
+// reduction remove that noise and keep a tone, on a mono 44.1 kHz signal of a few seconds.
 
 #include <algorithm>
 #include <cmath>
@@ -73,29 +71,6 @@ std::vector<float> Programme() {
     return x;
 }
 
-CheckOutcome CapturedToneReadsItsWindowedMagnitude() {
-    // A sine of amplitude a centred on bin 93 peaks at a/2 times the window's sum, times the 4/N
-    // scale. The sum is taken here in long double from the window's definition: v(k) for k = 0 ...
-    // N/2 − 2 twice (the middle term over N − 1), plus 1 at N/2; about 0.35875·N − 2.
-    const double a = 0.5;
-    const int bin = 93;
-    const long double pi = std::numbers::pi_v<long double>;
-    long double sum = 1.0L;
-    for (int k = 0; k <= kN / 2 - 2; ++k)
-        sum += 2.0L * (0.35875L - 0.48829L * std::cos(2 * pi * k / kN) + 0.14128L * std::cos(4 * pi * k / (kN - 1)) -
-                       0.01168L * std::cos(6 * pi * k / kN));
-    std::vector<float> x(2 * kN);
-    for (std::size_t n = 0; n < x.size(); ++n)
-        x[n] = static_cast<float>(a * std::cos(2.0 * std::numbers::pi * bin * static_cast<double>(n) / kN));
-    MonoRecord record;
-    Capture(x, x.size(), &record.p);
-    const double measured = record.p.binMax[0][bin];
-    const double expected = static_cast<double>(a / 2 * sum * 4 / kN);
-    const double error = std::fabs(measured / expected - 1.0);
-    return {error <= 1e-5,
-            Format("bin %d reads %.3g (expect %.3g, relative error %.3g, bound 1e-5)", bin, measured, expected, error)};
-}
-
 CheckOutcome PrintedNoiseIsRemovedAndToneKept() {
     std::vector<float> x = Programme();
     MonoRecord record;
@@ -103,45 +78,20 @@ CheckOutcome PrintedNoiseIsRemovedAndToneKept() {
     const std::vector<float> y = Reduce(&record.p, x);
     const std::size_t d = kN;  // latency
     const std::size_t noiseFrom = 4410, noiseTo = 59535, toneFrom = 88200;
-    const double reductionDb = 10.0 * std::log10(MeanSquare(x.data() + noiseFrom, noiseTo - noiseFrom) /
-                                                 MeanSquare(y.data() + noiseFrom + d, noiseTo - noiseFrom));
-    const double toneDb =
-        20.0 * std::log10(ToneAmplitude(y.data() + toneFrom + d, kFrames - toneFrom - d, 1000.0, kRate) /
-                          ToneAmplitude(x.data() + toneFrom, kFrames - toneFrom - d, 1000.0, kRate));
+    const std::span<const float> in(x), out(y);
+    const double reductionDb =
+        ToDb(Rms(in.subspan(noiseFrom, noiseTo - noiseFrom)) / Rms(out.subspan(noiseFrom + d, noiseTo - noiseFrom)));
+    const double toneDb = ToDb(LevelAt(out.subspan(toneFrom + d), 1000.0, kRate) /
+                               LevelAt(in.subspan(toneFrom, kFrames - toneFrom - d), 1000.0, kRate));
     const bool ok = reductionDb >= 20.0 && std::fabs(toneDb) <= 0.5;
     return {ok, Format("noise-only stretch falls by %.3g dB (bound 20); 1 kHz tone changes by %.3g dB (bound 0.5)",
                        reductionDb, toneDb)};
 }
 
-CheckOutcome CleanedPlusRemovedIsTheDelayedInput() {
-    std::vector<float> x = Programme();
-    MonoRecord record;
-    Capture(x, kNoiseOnly, &record.p);
-    const std::vector<float> cleaned = Reduce(&record.p, x);
-    record.p.outputMode = 2;
-    const std::vector<float> removed = Reduce(&record.p, x);
-    record.p.outputMode = 1;
-    record.p.reductionDb = 0.0;
-    const std::vector<float> bypassed = Reduce(&record.p, x);
-    double sumError = 0.0, bypassError = 0.0;
-    for (std::size_t n = kN; n < x.size(); ++n) {
-        const double delayed = x[n - kN];
-        sumError = std::max(sumError, std::fabs(cleaned[n] + removed[n] - delayed));
-        bypassError = std::max(bypassError, std::fabs(bypassed[n] - delayed));
-    }
-    const bool ok = sumError <= 1e-4 && bypassError <= 1e-5;
-    return {ok, Format("cleaned + removed against the input delayed by 4096: max error %.3g (bound 1e-4); reduction 0 "
-                       "against it: %.3g (bound 1e-5)",
-                       sumError, bypassError)};
-}
-
 }  // namespace
 
 void AddNoNoiseChecks(CheckSuite& suite) {
-    suite.Add("nonoise", "captured tone reads its windowed magnitude", CapturedToneReadsItsWindowedMagnitude);
     suite.Add("nonoise", "printed noise removed, tone kept", PrintedNoiseIsRemovedAndToneKept);
-    suite.Add("nonoise", "cleaned plus removed is the delayed input; 0 dB is a delay",
-              CleanedPlusRemovedIsTheDelayedInput);
 }
 
 }  // namespace dsp::checks
