@@ -34,5 +34,6 @@ Command AddDenoiseCommand(CLI::App& kesta);
 Command AddDehissCommand(CLI::App& kesta);
 Command AddEqCommand(CLI::App& kesta);
 Command AddGeqCommand(CLI::App& kesta);
+Command AddDeclickCommand(CLI::App& kesta);
 
 }  // namespace kesta

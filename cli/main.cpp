@@ -77,7 +77,7 @@ int Run(int argc, char** argv) {
 
     const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta),   AddGainCommand(kesta),
                                            AddDenoiseCommand(kesta),   AddDehissCommand(kesta), AddEqCommand(kesta),
-                                           AddGeqCommand(kesta)};
+                                           AddGeqCommand(kesta),       AddDeclickCommand(kesta)};
     for (const Command& command : commands)
         command.app->group("Commands");
 

@@ -1,0 +1,327 @@
+// kesta declick INPUT OUTPUT: finds clicks and crackle and replaces them from the audio around them.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include "command.h"
+#include "dsp/noclick.h"
+#include "errors.h"
+#include "io/block_reader.h"
+#include "io/safe_output.h"
+#include "pipeline/command_support.h"
+#include "pipeline/console.h"
+#include "pipeline/job.h"
+#include "pipeline/json_writer.h"
+#include "pipeline/progress.h"
+#include "pipeline/report.h"
+#include "pipeline/units.h"
+
+namespace kesta {
+
+namespace {
+
+using dsp::noclick::NOCLICK;
+using dsp::utils::Range;
+
+constexpr double kMaxThreshold = 200.0;
+constexpr int kMaxComplexity = 200;
+// A found range is extended by this much (at 44.1 kHz) before repair: a click's decaying tail
+// falls under the detection level well before it is inaudible.
+constexpr double kTailSeconds = 8.0 / 44100.0;
+
+constexpr const char* kHelpFooter =
+    R"help(Clicks and crackle are short disturbances (a scratch on a record, a digital glitch) that the
+music around them cannot explain. kesta predicts every sample from the samples before it with a
+model fitted to the surrounding 70 ms, and marks samples whose prediction error stands out from
+the error's local level over +-0.7 ms. A regular series of such events (4 or more per 23 ms at a
+fixed spacing: a rhythm, a buzz) is left alone. Each marked stretch is then redrawn from the
+model so that it continues the audio on both sides; every other sample is written unchanged.
+
+--threshold T (default 55, 0 ... 200): a sample counts as a click when its prediction error is
+  more than (T + 25) / 10 times the local error level (8x by default). Lower finds more and
+  quieter clicks (and risks touching transients such as drum hits); higher only the loudest.
+--complexity C (default 16, 0 ... 200): detail of the model, 20 + C/2 past samples per
+  prediction. Higher follows dense, tonal music better and runs slower.
+--report FILE: every click found, one line (FILE.csv) or object (FILE.json) each: channel
+  (1 = first), start in frames and seconds, length in frames and milliseconds, and whether it
+  was repaired. The stretch repaired is the stretch listed.
+--detect-only: find and report, write no audio (give no OUTPUT).
+
+The output has the input's length, format and rate and is aligned with it sample for sample.
+It is written to a temporary file beside OUTPUT and moved into place only when complete; an
+existing OUTPUT or report is replaced only with --force.
+
+Exit status: 0 done; 2 wrong command line; 3 input problem; 4 output problem.
+
+Examples:
+  kesta declick record.wav record-clean.wav
+  kesta declick record.flac clean.flac --threshold 40 --report clicks.csv
+  kesta declick take.wav --detect-only --report clicks.json)help";
+
+struct DeclickOptions {
+    std::string input;
+    std::string output;
+    double threshold = 55.0;
+    int complexity = 16;
+    std::string report;
+    bool detectOnly = false;
+    OutputOptions out;
+    ReportOptions reportOptions;
+};
+
+enum class ReportKind { None, Csv, Json };
+
+ReportKind KindOf(const std::string& path) {
+    if (path.empty()) return ReportKind::None;
+    std::string ext = std::filesystem::path(path).extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    if (ext == ".csv") return ReportKind::Csv;
+    if (ext == ".json") return ReportKind::Json;
+    throw UsageError("--report " + Quoted(path) + " has no known format", "its name ends in neither .csv nor .json",
+                     "name it FILE.csv or FILE.json");
+}
+
+void CheckOptions(const DeclickOptions& o) {
+    CheckSetting("--threshold", o.threshold, 0.0, kMaxThreshold, "");
+    CheckSetting("--complexity", o.complexity, 0, kMaxComplexity, "");
+    if (o.detectOnly && !o.output.empty())
+        throw UsageError("OUTPUT " + Quoted(o.output) + " would not be written", "--detect-only writes no audio",
+                         "leave OUTPUT out, or drop --detect-only");
+    if (!o.detectOnly && o.output.empty())
+        throw UsageError("no OUTPUT given", "", "give the file to write, or --detect-only to find clicks only");
+    if (o.detectOnly && o.report.empty() && o.reportOptions.quiet && !o.reportOptions.json)
+        throw UsageError("--detect-only with --quiet and no --report has nothing to show", "",
+                         "add --report FILE or --json");
+    KindOf(o.report);
+    if (!o.report.empty() && !o.output.empty() && SameTarget(o.report, o.output))
+        throw UsageError("--report and OUTPUT name the same file " + Quoted(o.report), "", "give two names");
+}
+
+// One detection pass over the whole file, 2048 frames at a time (silence after its end).
+std::vector<std::vector<Range>> FindAll(BlockReader& reader, const NOCLICK& record, int64_t frames,
+                                        Progress& progress) {
+    dsp::noclick::FindClicks find(&record);
+    const int channels = reader.Format().channels;
+    AudioBlock block = reader.MakeBlock(std::size_t(find.GetDesiredBlockSize()));
+    std::vector<float*> pointers(static_cast<std::size_t>(channels));
+    for (int c = 0; c < channels; ++c)
+        pointers[std::size_t(c)] = block.Channel(c);
+    find.SetSelection(0, frames);
+    find.Start(nullptr);
+    while (!find.IsCompleted()) {
+        const bool more = reader.Read(block);
+        const std::size_t got = more ? block.Frames() : 0;
+        for (int c = 0; c < channels; ++c)
+            std::fill(block.Channel(c) + got, block.Channel(c) + block.Capacity(), 0.0f);
+        progress.Advance(int64_t(got));
+        find.Analyze(pointers.data(), channels, int(block.Capacity()));
+        if (got < block.Capacity() && reader.FramesRead() < frames)
+            throw InputError("cannot read all of " + Quoted(reader.Path()), "it ended early", "");
+    }
+    find.Done();
+    return find.GetParam()->foundClicks;
+}
+
+// Clicks reported twice (blocks of the detector overlap) or touching are joined, and each gets its
+// tail; the result stays inside the file.
+std::vector<std::vector<Range>> RepairList(const std::vector<std::vector<Range>>& found, int tail, int64_t frames) {
+    std::vector<std::vector<Range>> lists(found.size());
+    for (std::size_t c = 0; c < found.size(); ++c)
+        for (Range r : found[c]) {
+            r.length = int32_t(std::min<int64_t>(r.length + tail, frames - r.start));
+            std::vector<Range>& out = lists[c];
+            if (!out.empty() && r.start <= out.back().start + out.back().length)
+                out.back().length =
+                    int32_t(std::max(out.back().start + out.back().length, r.start + r.length) - out.back().start);
+            else
+                out.push_back(r);
+        }
+    return lists;
+}
+
+class ReplaceStage : public Stage {
+public:
+    ReplaceStage(const NOCLICK& record, const std::vector<std::vector<Range>>& ranges, int64_t frames) : mFix(&record) {
+        mFix.GetParam()->repairClicks = ranges;
+        mFix.SetSelection(0, frames);
+        mFix.Start();
+    }
+    int64_t Latency() const override { return mFix.GetLatency(); }
+    void Process(float** channels, int channelCount, int frames) override {
+        mFix.Process(channels, channels, channelCount, frames);
+    }
+
+private:
+    dsp::noclick::ReplaceClicks mFix;
+};
+
+std::string ReportText(ReportKind kind, const std::vector<std::vector<Range>>& ranges, int rate, bool repaired) {
+    struct Row {
+        int channel;
+        Range r;
+    };
+    std::vector<Row> rows;
+    for (std::size_t c = 0; c < ranges.size(); ++c)
+        for (const Range& r : ranges[c])
+            rows.push_back({int(c) + 1, r});
+    std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) { return a.r.start < b.r.start; });
+    std::ostringstream text;
+    if (kind == ReportKind::Csv) {
+        text << "channel,start_frame,start_seconds,length_frames,length_ms,repaired\n";
+        char line[160];
+        for (const Row& row : rows) {
+            std::snprintf(line, sizeof line, "%d,%lld,%.6f,%d,%.3f,%s\n", row.channel, (long long)row.r.start,
+                          double(row.r.start) / rate, row.r.length, 1000.0 * row.r.length / rate,
+                          repaired ? "yes" : "no");
+            text << line;
+        }
+    } else {
+        JsonWriter json(text);
+        json.BeginObject();
+        json.Key("sample_rate").Int(rate);
+        json.Key("clicks").BeginArray();
+        for (const Row& row : rows) {
+            json.BeginObject();
+            json.Key("channel").Int(row.channel);
+            json.Key("start_frame").Int(row.r.start);
+            json.Key("start_seconds").Number(double(row.r.start) / rate);
+            json.Key("length_frames").Int(row.r.length);
+            json.Key("length_ms").Number(1000.0 * row.r.length / rate);
+            json.Key("repaired").Bool(repaired);
+            json.EndObject();
+        }
+        json.EndArray();
+        json.EndObject();
+    }
+    return text.str();
+}
+
+int RunDeclick(const DeclickOptions& options) {
+    CheckOptions(options);
+    const ReportKind kind = KindOf(options.report);
+    const Stopwatch clock;
+    Console console(options.reportOptions);
+
+    BlockReader reader(options.input);
+    const AudioFormat& format = reader.Format();
+    const std::optional<int64_t> header = reader.HeaderFrames();
+    if (!header || !reader.Seekable())
+        throw InputError("cannot declick " + Quoted(options.input), "its length is not known in advance (a stream)",
+                         "save it to a file first");
+    const int64_t frames = *header;
+
+    std::unique_ptr<AudioOutput> output;
+    if (!options.detectOnly)
+        output = std::make_unique<AudioOutput>(
+            options.output, reader, std::vector<SafeOutput::Input>{{options.input, reader.Identity()}}, options.out);
+    std::unique_ptr<SafeOutput> reportFile;
+    if (kind != ReportKind::None)
+        reportFile = std::make_unique<SafeOutput>(
+            options.report, std::vector<SafeOutput::Input>{{options.input, reader.Identity()}}, options.out.force);
+
+    NOCLICK record;
+    dsp::noclick::SetDefaultParameter(&record);
+    record.channels = format.channels;
+    record.sampleRate = float(format.sampleRate);
+    record.threshold = options.threshold;
+    record.complexity = options.complexity;
+    dsp::noclick::AllocateArrays(&record);
+
+    std::vector<std::vector<Range>> ranges;
+    {
+        Progress progress(options.detectOnly ? "declick: detect" : "declick: 1/2 detect", header, format.sampleRate,
+                          console.ShowsProgress());
+        const int tail = int(std::lround(kTailSeconds * format.sampleRate));
+        ranges = RepairList(FindAll(reader, record, frames, progress), tail, frames);
+    }
+    if (output) {
+        reader.Rewind();
+        ReplaceStage stage(record, ranges, frames);
+        Progress progress("declick: 2/2 repair", header, format.sampleRate, console.ShowsProgress());
+        StreamStages(reader, *output, {&stage}, progress);
+    }
+    if (reportFile) {
+        WriteAll(reportFile->Descriptor(), ReportText(kind, ranges, format.sampleRate, bool(output)), options.report);
+        reportFile->Commit();
+    }
+    if (output) {
+        output->Commit();
+        WarnAfterStream(console, reader, *output, "the input was already at full scale");
+    }
+
+    std::vector<int64_t> counts(ranges.size()), samples(ranges.size());
+    for (std::size_t c = 0; c < ranges.size(); ++c) {
+        counts[c] = int64_t(ranges[c].size());
+        for (const Range& r : ranges[c])
+            samples[c] += r.length;
+    }
+    const double seconds = clock.Seconds();
+    if (console.Json()) {
+        JsonWriter json(std::cout);
+        json.BeginObject();
+        json.Key("command").String("declick");
+        json.Key("threshold").Number(options.threshold);
+        json.Key("complexity").Int(options.complexity);
+        json.Key("detect_only").Bool(options.detectOnly);
+        json.Key("input").BeginObject();
+        json.Key("file").String(options.input);
+        WriteAudioFields(json, format, frames);
+        json.EndObject();
+        if (output) {
+            json.Key("output").BeginObject();
+            output->WriteFields(json);
+            json.EndObject();
+        }
+        json.Key("channels").BeginArray();
+        for (std::size_t c = 0; c < ranges.size(); ++c) {
+            json.BeginObject();
+            json.Key("channel").Int(int64_t(c) + 1);
+            json.Key("clicks").Int(counts[c]);
+            json.Key("samples").Int(samples[c]);
+            json.Key("percent").Number(frames > 0 ? 100.0 * double(samples[c]) / double(frames) : 0.0);
+            json.EndObject();
+        }
+        json.EndArray();
+        if (!options.report.empty()) json.Key("report").String(options.report);
+        WriteWarnings(json, console.Warnings());
+        json.Key("seconds").Number(seconds);
+        json.EndObject();
+    } else if (console.ShowsText()) {
+        if (output) std::cout << output->Summary() << "\n";
+        for (std::size_t c = 0; c < ranges.size(); ++c) {
+            char line[200];
+            std::snprintf(line, sizeof line, "Channel %zu: %lld click(s) %s, %lld samples (%.4f%%)\n", c + 1,
+                          (long long)counts[c], output ? "repaired" : "found", (long long)samples[c],
+                          frames > 0 ? 100.0 * double(samples[c]) / double(frames) : 0.0);
+            std::cout << line;
+        }
+        if (!options.report.empty()) std::cout << "Report: " << options.report << "\n";
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+Command AddDeclickCommand(CLI::App& kesta) {
+    auto options = std::make_shared<DeclickOptions>();
+    CLI::App* app = kesta.add_subcommand("declick", "Find clicks and crackle and replace them");
+    app->footer(kHelpFooter);
+    app->add_option("INPUT", options->input, "The audio file to read")->required()->type_name("");
+    app->add_option("OUTPUT", options->output, "The file to write (not INPUT; none with --detect-only)")->type_name("");
+    app->add_option("--threshold", options->threshold, "Detection threshold 0 ... 200 (default 55; lower finds more)")
+        ->type_name("T");
+    app->add_option("--complexity", options->complexity, "Model detail 0 ... 200 (default 16)")->type_name("C");
+    app->add_option("--report", options->report, "Write every click found to FILE.csv or FILE.json")->type_name("FILE");
+    app->add_flag("--detect-only", options->detectOnly, "Find and report clicks; write no audio");
+    AddOutputOptions(*app, options->out);
+    AddReportOptions(*app, options->reportOptions);
+    return {app, [options] { return RunDeclick(*options); }};
+}
+
+}  // namespace kesta
