@@ -241,12 +241,6 @@ uint32_t Crc32(std::string_view bytes) {
     return c ^ 0xFFFFFFFFu;
 }
 
-bool ValidFrameGeometry(int fftSize, int overlap) {
-    if (fftSize < 1 || overlap < 1) return false;
-    const int64_t N = fftSize, L = N / overlap, P = ((overlap - 1) * N / overlap) / 2;
-    return L >= 1 && P >= L && P + 2 * L <= N;
-}
-
 std::string EncodeNoisePrint(const NONOISE& record, int32_t sampleRate, PrintSpan span) {
     const std::size_t C = std::size_t(record.channels), N = std::size_t(record.fftSize);
     Encoder out;
@@ -390,7 +384,8 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
         r.reductionDb = in.F64();
         r.smoothingPercent = in.F64();
         r.printFlag = in.Bool();
-        if (recordFft != int16_t(N) || recordChannels != int16_t(C) || !ValidFrameGeometry(int(N), r.overlap))
+        if (recordFft != int16_t(N) || recordChannels != int16_t(C) ||
+            !dsp::OverlapSave::IsValidOverlap(int(N), r.overlap))
             Damaged(path, "its record does not agree with its header");
         in.F64s(r.dcMin, C);
         in.F64s(r.dcMax, C);
@@ -431,7 +426,7 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
         r.smoothingPercent = in.F32();
         r.tuningC = in.I32();
         if (recordFft != int32_t(N) || recordChannels != int32_t(C) || recordRate != int32_t(rate) ||
-            !ValidFrameGeometry(int(N), r.overlap))
+            !dsp::OverlapSave::IsValidOverlap(int(N), r.overlap))
             Damaged(path, "its record does not agree with its header");
         in.F32s(r.floorLevel, C);
         for (std::size_t c = 0; c < C; ++c)

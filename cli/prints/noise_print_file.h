@@ -69,7 +69,7 @@ enum class PrintKind : uint16_t {
 
 inline constexpr char kPrintMagic[8] = {'K', 'E', 'S', 'T', 'A', '-', 'N', 'P'};
 inline constexpr uint16_t kPrintFormatVersion = 1;
-inline constexpr int kPrintMaxChannels = 32;  // the frame engine's limit
+inline constexpr int kPrintMaxChannels = dsp::OverlapSave::kMaxChannels;  // the frame engine's limit
 
 // "noise print", "hiss floor"
 std::string PrintKindName(PrintKind kind);
@@ -123,9 +123,5 @@ void CheckPrintMatches(const PrintFile& print, const std::string& printPath, Pri
 
 // CRC-32 (IEEE 802.3) of `bytes`, as zlib's crc32(0, bytes, size).
 uint32_t Crc32(std::string_view bytes);
-
-// Whether an FFT size and overlap give the frame engine a valid geometry: crossfade L = N/overlap
-// at least 1, offset P = ((overlap-1)*N/overlap)/2 at least L, and P + 2L at most N.
-bool ValidFrameGeometry(int fftSize, int overlap);
 
 }  // namespace kesta

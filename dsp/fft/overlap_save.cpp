@@ -16,9 +16,6 @@ namespace dsp {
 
 namespace {
 
-// Process copies the caller's channel pointers so it can advance them; hosts pass at most this many.
-constexpr int kMaxChannels = 32;
-
 // The window products built for this CPU, picked once.
 const detail::WindowKernels& BestWindowKernels() {
     static const detail::WindowKernels& best = detail::PickKernels(
@@ -32,6 +29,16 @@ void Scale(float* data, float factor, int n) {
 }
 
 }  // namespace
+
+bool OverlapSave::IsValidGeometry(int N, int C, int P, int L) {
+    return C >= 1 && C <= kMaxChannels && L >= 1 && P >= L && int64_t{P} + 2 * int64_t{L} <= N;
+}
+
+bool OverlapSave::IsValidOverlap(int fftSize, int overlap) {
+    if (fftSize < 1 || overlap < 1) return false;
+    const int64_t N = fftSize, L = N / overlap, P = ((overlap - 1) * N / overlap) / 2;
+    return L >= 1 && P >= L && P + 2 * L <= N;
+}
 
 OverlapSave::OverlapSave() = default;
 
@@ -116,8 +123,7 @@ void OverlapSave::CopyFrom(const OverlapSave& other) {
 }
 
 void OverlapSave::Init(int N, int C, int P, int L, FFTWindowType type) {
-    assert(C >= 1 && C <= kMaxChannels);
-    assert(L >= 1 && P >= L && P + 2 * L <= N);
+    assert(IsValidGeometry(N, C, P, L));
 
     const int channelsEven = C + (C & 1);
     const std::size_t strideN = detail::AlignedStride<float>(static_cast<std::size_t>(N));

@@ -50,6 +50,16 @@ public:
         Kaiser = 8,  // attenuation 140 dB here
     };
 
+    // The most channels one engine streams.
+    static constexpr int kMaxChannels = 32;
+    // Whether Init(N, C, P, L, ...) describes a usable engine: 1 <= C <= kMaxChannels, L >= 1,
+    // P >= L and P + 2L <= N (N is also a power of two for the transform).
+    static bool IsValidGeometry(int N, int C, int P, int L);
+    // The geometry the spectral tools derive from an FFT size and an overlap factor,
+    // L = N / overlap and P = ((overlap - 1) * N / overlap) / 2: whether L >= 1, P >= L and
+    // P + 2L <= N (false for a size or overlap below 1).
+    static bool IsValidOverlap(int fftSize, int overlap);
+
     // Empty engine: Init before use.
     OverlapSave();
     // N: frame (FFT) length; C: channels; P: output offset; L: crossfade length.

@@ -259,4 +259,28 @@ TEST(OverlapSave, HostMistakesStayInsideTheBuffersGiven) {
 #endif
 }
 
+TEST(OverlapSave, EveryGeometryTheLimitsAcceptStreamsAsADelay) {
+    // What a host may check before Init: each overlap factor the spectral tools' check accepts
+    // gives an engine that is an exact-length delay; the halves and wholes it refuses leave no
+    // room for a crossfade (L = N or P < L).
+    for (int N : {16, 64}) {
+        const Signal x = kesta::test::WhiteNoise(6 * N, 8);
+        int accepted = 0;
+        for (int overlap = 0; overlap <= N + 1; ++overlap) {
+            if (!OverlapSave::IsValidOverlap(N, overlap)) continue;
+            SCOPED_TRACE(testing::Message() << "N " << N << " overlap " << overlap);
+            const int L = N / overlap, P = ((overlap - 1) * N / overlap) / 2;
+            ASSERT_TRUE(OverlapSave::IsValidGeometry(N, OverlapSave::kMaxChannels, P, L));
+            IdentityEngine engine(N, 1, P, L, OverlapSave::Hann);
+            ExpectDelayed(Channels{x}, RunFromResume(engine, Channels{x}, 7), N, 1e-6);
+            ++accepted;
+        }
+        EXPECT_EQ(accepted, N - 2);  // overlap 3 ... N; above N the crossfade L = N / overlap is 0
+    }
+    EXPECT_FALSE(OverlapSave::IsValidOverlap(4096, 2));
+    EXPECT_FALSE(OverlapSave::IsValidOverlap(4096, 1));
+    EXPECT_FALSE(OverlapSave::IsValidGeometry(4096, OverlapSave::kMaxChannels + 1, 1755, 585));
+    EXPECT_FALSE(OverlapSave::IsValidGeometry(4096, 0, 1755, 585));
+}
+
 }  // namespace
