@@ -43,34 +43,62 @@ void FFTEngineState::DeInit() {
     mInitialized = false;
 }
 
-void FFTEngineState::SetUp(int size, PlanKind kind) {
-    if (mSize != 0) DeInit();
-    const int order = FFTOrderFromSize(size);
-    std::size_t workBytes = 0;
-    mKind = kind;
+namespace {
+
+// The plan of `kind` for `order` and the scratch bytes its transforms need (at least a usable
+// default block when the plan asks for none or there is no plan).
+std::shared_ptr<void> MakeSpec(int order, FFTEngineState::PlanKind kind) {
     switch (kind) {
-        case PlanKind::ComplexFloat:
-            mSpec = MakePlan<fft::ComplexPlan<float>>(order);
-            workBytes = WorkBytesOf<fft::ComplexPlan<float>>(mSpec);
+        case FFTEngineState::PlanKind::ComplexFloat:
+            return MakePlan<fft::ComplexPlan<float>>(order);
+        case FFTEngineState::PlanKind::ComplexDouble:
+            return MakePlan<fft::ComplexPlan<double>>(order);
+        case FFTEngineState::PlanKind::RealFloat:
+            return MakePlan<fft::RealPlan<float>>(order);
+        case FFTEngineState::PlanKind::RealDouble:
+            return MakePlan<fft::RealPlan<double>>(order);
+    }
+    return nullptr;
+}
+
+std::size_t ScratchBytes(const std::shared_ptr<void>& spec, FFTEngineState::PlanKind kind) {
+    std::size_t bytes = 0;
+    switch (kind) {
+        case FFTEngineState::PlanKind::ComplexFloat:
+            bytes = WorkBytesOf<fft::ComplexPlan<float>>(spec);
             break;
-        case PlanKind::ComplexDouble:
-            mSpec = MakePlan<fft::ComplexPlan<double>>(order);
-            workBytes = WorkBytesOf<fft::ComplexPlan<double>>(mSpec);
+        case FFTEngineState::PlanKind::ComplexDouble:
+            bytes = WorkBytesOf<fft::ComplexPlan<double>>(spec);
             break;
-        case PlanKind::RealFloat:
-            mSpec = MakePlan<fft::RealPlan<float>>(order);
-            workBytes = WorkBytesOf<fft::RealPlan<float>>(mSpec);
+        case FFTEngineState::PlanKind::RealFloat:
+            bytes = WorkBytesOf<fft::RealPlan<float>>(spec);
             break;
-        case PlanKind::RealDouble:
-            mSpec = MakePlan<fft::RealPlan<double>>(order);
-            workBytes = WorkBytesOf<fft::RealPlan<double>>(mSpec);
+        case FFTEngineState::PlanKind::RealDouble:
+            bytes = WorkBytesOf<fft::RealPlan<double>>(spec);
             break;
     }
+    return bytes != 0 ? bytes : kDefaultWorkBufferBytes;
+}
+
+}  // namespace
+
+void FFTEngineState::SetUp(int size, PlanKind kind) {
+    if (mSize != 0) DeInit();
+    mKind = kind;
+    mSpec = MakeSpec(FFTOrderFromSize(size), kind);
     // A failed plan is not reported here: the engine counts as set up and its transforms answer
     // with the null-plan status.
-    mWorkBuffer = detail::AllocateAlignedShared(workBytes != 0 ? workBytes : kDefaultWorkBufferBytes);
+    mWorkBuffer = detail::AllocateAlignedShared(ScratchBytes(mSpec, kind));
     mSize = size;
     mInitialized = true;
+}
+
+void CopyEngineWithOwnScratch(FFTEngineState& to, const FFTEngineState& from) {
+    if (&to == &from) return;
+    std::shared_ptr<void> scratch;
+    if (from.mWorkBuffer) scratch = AllocateAlignedShared(ScratchBytes(from.mSpec, from.mKind));
+    to = from;
+    to.mWorkBuffer = std::move(scratch);
 }
 
 int FFTEngineState::GetPlanOrder() const {

@@ -110,8 +110,7 @@ void OverlapSave::CopyFrom(const OverlapSave& other) {
     rebaseAll(other.mSpectrumIm, mSpectrumIm);
     // An engine copy shares its plan and its scratch buffer; two engines running on different
     // threads must not share scratch, so the copy makes its own.
-    mFFT = other.mFFT;
-    if (other.mFFT.IsInitialized()) mFFT.Init(other.mFFT.GetSize());
+    detail::CopyEngineWithOwnScratch(mFFT, other.mFFT);
     mPreScaler = other.mPreScaler;
     mPostScaler = other.mPostScaler;
     mInputRing = other.mInputRing;

@@ -123,13 +123,13 @@ void Graphic::CopyFrom(const Graphic& other) {
     mPositionsRate = other.mPositionsRate;
     if (other.mStorage != nullptr) {
         // Same geometry, same layout: one copy of the block carries the whole state. The engines
-        // get plans of their own (an engine copy would share its scratch buffer).
+        // share their plans and get scratch of their own.
         const std::size_t doubles = CarveBuffers();
         mStorage = detail::AllocateAlignedArrayUninitialised<double>(doubles);
         CarveBuffers();
         std::memcpy(mStorage, other.mStorage, doubles * sizeof(double));
-        mFFT.Init(mFFTSize);
-        mDesignFFT.Init(mDesignSize);
+        detail::CopyEngineWithOwnScratch(mFFT, other.mFFT);
+        detail::CopyEngineWithOwnScratch(mDesignFFT, other.mDesignFFT);
     } else {
         mFFT.DeInit();
         mDesignFFT.DeInit();

@@ -19,7 +19,8 @@
 // the data alone; an engine set up with a size that yields no plan returns kFftNullPlan.
 //
 // Copies are shallow: two engines may share one plan and buffer (shared ownership, freed once).
-// An engine runs one transform at a time; distinct engines are independent.
+// An engine runs one transform at a time; distinct engines are independent. The library's own
+// classes copy their engines with CopyEngineWithOwnScratch, so their copies share no scratch.
 
 #include <cstdint>
 #include <memory>
@@ -52,8 +53,13 @@ public:
     // Order of the plan held, or -1 when there is none.
     int GetPlanOrder() const;
 
-protected:
+    // A copy for the library's classes that hold an engine: the read-only plan is shared, the
+    // scratch buffer is the copy's own, so original and copy may run on different threads.
+    friend void CopyEngineWithOwnScratch(FFTEngineState& to, const FFTEngineState& from);
+
     enum class PlanKind { ComplexFloat, ComplexDouble, RealFloat, RealDouble };
+
+protected:
     void SetUp(int size, PlanKind kind);
     // kFftOk when a transform may run; otherwise the status to return.
     IppStatus Ready() const;
@@ -64,6 +70,9 @@ protected:
     std::shared_ptr<void> mWorkBuffer;
     PlanKind mKind = PlanKind::ComplexFloat;
 };
+
+// Declared here as well so that it can be named outside the class.
+void CopyEngineWithOwnScratch(FFTEngineState& to, const FFTEngineState& from);
 
 }  // namespace detail
 

@@ -84,8 +84,7 @@ CaptureNoiseFloor::CaptureNoiseFloor(const CaptureNoiseFloor& other)
       mSmoothing(other.mSmoothing),
       mLevelSum(other.mLevelSum) {
     CopyParameter(&other.mParam, &mParam);
-    // A copied engine would share its scratch with the original; the copy gets its own.
-    if (other.mFFT.IsInitialized()) mFFT.Init(other.mFFT.GetSize());
+    dsp::detail::CopyEngineWithOwnScratch(mFFT, other.mFFT);
 }
 
 CaptureNoiseFloor& CaptureNoiseFloor::operator=(const CaptureNoiseFloor& other) {

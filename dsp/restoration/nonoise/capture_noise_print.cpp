@@ -47,7 +47,7 @@ CaptureNoisePrint::CaptureNoisePrint(const CaptureNoisePrint& other) : DSPAnalyz
     mBlocksDone = other.mBlocksDone;
     mSnapshots = other.mSnapshots;
     mAvailable = other.mAvailable;
-    mFFT.Init(other.mParam.fftSize);  // a plan and scratch of its own
+    dsp::detail::CopyEngineWithOwnScratch(mFFT, other.mFFT);
     Allocate();
     std::memcpy(mWindow, other.mWindow, sizeof(double) * static_cast<std::size_t>(mParam.fftSize));
 }
