@@ -7,7 +7,9 @@
 #include <CLI/CLI.hpp>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <iostream>
 #include <new>
 #include <string>
 #include <vector>
@@ -17,6 +19,8 @@
 #include "dsp/version.h"
 #include "errors.h"
 #include "io/block_writer.h"
+#include "pipeline/command_line.h"
+#include "pipeline/json_writer.h"
 
 namespace kesta {
 
@@ -43,8 +47,32 @@ Examples:
   kesta denoise take1.wav clean.wav --noise 0:1.5
                                             remove the noise heard alone in the first 1.5 s)help";
 
-void PrintError(const std::string& message) {
+// Whether the person asked for a JSON report: then a failure is reported in JSON on stdout too.
+bool WantsJson(int argc, char** argv) {
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
+        if (std::strcmp(argv[i], "--json") == 0) return true;
+    return false;
+}
+
+// The error line on stderr and, with --json, {"command", "error": {"message", "exit_status"}} on stdout.
+int Fail(int argc, char** argv, const std::string& message, int code) {
     std::fprintf(stderr, "kesta: error: %s\n", message.c_str());
+    if (WantsJson(argc, argv)) {
+        std::cout.flush();
+        JsonWriter json(std::cout);
+        json.BeginObject();
+        json.Key("command");
+        if (argc > 1 && argv[1][0] != '-')
+            json.String(argv[1]);
+        else
+            json.Null();
+        json.Key("error").BeginObject();
+        json.Key("message").String(message);
+        json.Key("exit_status").Int(code);
+        json.EndObject();
+        json.EndObject();
+    }
+    return code;
 }
 
 std::string VersionText() {
@@ -82,12 +110,20 @@ int Run(int argc, char** argv) {
         command.app->group("Commands");
 
     if (argc > 1 && argv[1][0] != '-') {
+        std::vector<std::string> names;
         bool known = false;
-        for (const Command& command : commands)
+        for (const Command& command : commands) {
             known = known || command.app->check_name(argv[1]);
-        if (!known)
-            throw UsageError("unknown command " + Quoted(argv[1]), "", "run 'kesta --help' for the list of commands");
+            names.push_back(command.app->get_name());
+        }
+        if (!known) {
+            const std::string nearest = NearestName(argv[1], names);
+            throw UsageError(
+                "unknown command " + Quoted(argv[1]) + (nearest.empty() ? "" : "; did you mean " + nearest + "?"), "",
+                "run 'kesta --help' for the list of commands");
+        }
     }
+    RefuseUnknownOptions(kesta, argc, argv);
 
     try {
         kesta.parse(argc, argv);
@@ -118,16 +154,16 @@ int main(int argc, char** argv) {
     try {
         return kesta::Run(argc, argv);
     } catch (const kesta::CliError& error) {
-        kesta::PrintError(error.Message());
-        return error.Code();
+        return kesta::Fail(argc, argv, error.Message(), error.Code());
     } catch (const std::bad_alloc&) {
-        kesta::PrintError("out of memory (close other programs, or process a shorter file)");
-        return kesta::kExitFault;
+        return kesta::Fail(argc, argv, "out of memory (close other programs, or process a shorter file)",
+                           kesta::kExitFault);
     } catch (const std::exception& error) {
-        kesta::PrintError(std::string("internal fault: ") + error.what() + " (please report it with the command line)");
-        return kesta::kExitFault;
+        return kesta::Fail(argc, argv,
+                           std::string("internal fault: ") + error.what() + " (please report it with the command line)",
+                           kesta::kExitFault);
     } catch (...) {
-        kesta::PrintError("internal fault of unknown kind (please report it with the command line)");
-        return kesta::kExitFault;
+        return kesta::Fail(argc, argv, "internal fault of unknown kind (please report it with the command line)",
+                           kesta::kExitFault);
     }
 }

@@ -8,6 +8,7 @@
 
 #include "command.h"
 #include "dsp/nohiss.h"
+#include "pipeline/command_line.h"
 #include "pipeline/json_writer.h"
 #include "spectral_command.h"
 
@@ -140,13 +141,14 @@ Command AddDehissCommand(CLI::App& kesta) {
     CLI::App* app = kesta.add_subcommand("dehiss", "Remove broadband hiss, using its measured floor");
     app->footer(kHelpFooter);
     AddSpectralOptions(*app, options);
-    app->add_option("--sensitivity", settings->sensitivityDb,
+    AddNumberOption(*app, "--sensitivity", settings->sensitivityDb,
                     "Threshold above the measured floor in dB, -30 to 40 (default 6)")
         ->type_name("DB");
-    app->add_option("--reduction", settings->reductionDb, "Depth of the reduction in dB, 0 to 120 (default 24)")
+    AddNumberOption(*app, "--reduction", settings->reductionDb, "Depth of the reduction in dB, 0 to 120 (default 24)")
         ->type_name("DB");
-    app->add_option("--knee", settings->kneeDb, "Width of the soft knee in dB, 0 to 40 (default 7)")->type_name("DB");
-    app->add_option("--smoothing", settings->smoothingPercent,
+    AddNumberOption(*app, "--knee", settings->kneeDb, "Width of the soft knee in dB, 0 to 40 (default 7)")
+        ->type_name("DB");
+    AddNumberOption(*app, "--smoothing", settings->smoothingPercent,
                     "Smoothing of the measured levels, percent, 0 to 99 (default 65)")
         ->type_name("PCT");
     return {app, [options, settings] {

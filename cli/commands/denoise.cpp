@@ -8,6 +8,7 @@
 #include "command.h"
 #include "dsp/nonoise.h"
 #include "errors.h"
+#include "pipeline/command_line.h"
 #include "pipeline/json_writer.h"
 #include "spectral_command.h"
 
@@ -137,12 +138,12 @@ Command AddDenoiseCommand(CLI::App& kesta) {
     CLI::App* app = kesta.add_subcommand("denoise", "Remove steady background noise, using a print of the noise");
     app->footer(kHelpFooter);
     AddSpectralOptions(*app, options);
-    app->add_option("--reduction", settings->reductionDb, "Reduction in dB, 0 to 120 (default 40; 0: unchanged)")
+    AddNumberOption(*app, "--reduction", settings->reductionDb, "Reduction in dB, 0 to 120 (default 40; 0: unchanged)")
         ->type_name("DB");
-    app->add_option("--smoothing", settings->smoothingPercent,
+    AddNumberOption(*app, "--smoothing", settings->smoothingPercent,
                     "Smoothing of the measured levels, percent, 0 to 99 (default 65)")
         ->type_name("PCT");
-    app->add_option("--transition", settings->transitionDb, "Width of the soft knee in dB, 0 to 40 (default 0)")
+    AddNumberOption(*app, "--transition", settings->transitionDb, "Width of the soft knee in dB, 0 to 40 (default 0)")
         ->type_name("DB");
     return {app, [options, settings] {
                 DenoiseTool tool(*options, *settings);

@@ -11,6 +11,7 @@
 #include "dsp/parametric.h"
 #include "equaliser_command.h"
 #include "errors.h"
+#include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/json_writer.h"
 #include "pipeline/units.h"
@@ -325,7 +326,7 @@ Command AddEqCommand(CLI::App& kesta) {
         ->type_name("F[:ORDER]");
     app->add_option("--lowpass", settings->lowpass, "Butterworth low-pass: cutoff in Hz, order 1-8 (default 4)")
         ->type_name("F[:ORDER]");
-    app->add_option("--gain", settings->gainDb, "Output gain in dB, -96 to 48 (default 0)")->type_name("DB");
+    AddNumberOption(*app, "--gain", settings->gainDb, "Output gain in dB, -96 to 48 (default 0)")->type_name("DB");
     return {app, [options, settings] {
                 EqTool tool(*settings);
                 return RunEqualiserCommand(*options, tool);

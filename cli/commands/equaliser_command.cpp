@@ -13,6 +13,7 @@
 #include "io/block_writer.h"
 #include "io/file_identity.h"
 #include "io/safe_output.h"
+#include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/job.h"
 #include "pipeline/json_writer.h"
@@ -177,7 +178,7 @@ void AddEqualiserOptions(CLI::App& app, std::shared_ptr<EqualiserOptions> option
         ->type_name("");
     app.add_flag("--response", options->response,
                  "Print the response curve (gain in dB, 20 Hz to 20 kHz) at INPUT's sample rate or --rate");
-    app.add_option("--rate", options->rate, "Sample rate of the --response curve when no INPUT is given")
+    AddNumberOption(app, "--rate", options->rate, "Sample rate of the --response curve when no INPUT is given")
         ->type_name("HZ");
     AddOutputOptions(app, options->out);
     AddReportOptions(app, options->report);

@@ -8,6 +8,7 @@
 #include "command.h"
 #include "errors.h"
 #include "io/block_reader.h"
+#include "pipeline/command_line.h"
 #include "pipeline/console.h"
 #include "pipeline/job.h"
 #include "pipeline/json_writer.h"
@@ -118,7 +119,7 @@ Command AddGainCommand(CLI::App& kesta) {
     app->footer(kHelpFooter);
     app->add_option("INPUT", options->input, "The audio file to read")->required()->type_name("");
     app->add_option("OUTPUT", options->output, "The file to write (not INPUT)")->required()->type_name("");
-    app->add_option("--db", options->db, "Gain in dB: +6.02 doubles, -6.02 halves the amplitude")
+    AddNumberOption(*app, "--db", options->db, "Gain in dB: +6.02 doubles, -6.02 halves the amplitude")
         ->required()
         ->type_name("DB");
     AddOutputOptions(*app, options->out);

@@ -16,6 +16,7 @@
 #include "dsp/graphic.h"
 #include "equaliser_command.h"
 #include "errors.h"
+#include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/json_writer.h"
 
@@ -290,15 +291,15 @@ Command AddGeqCommand(CLI::App& kesta) {
     CLI::App* app = kesta.add_subcommand("geq", "Graphic equaliser: one gain per octave or fraction of an octave");
     app->footer(kHelpFooter);
     AddEqualiserOptions(*app, options);
-    app->add_option("--bands", settings->bands, "Band layout: 10 (octaves, default), 20 or 30 (third octaves)")
+    AddNumberOption(*app, "--bands", settings->bands, "Band layout: 10 (octaves, default), 20 or 30 (third octaves)")
         ->type_name("N")
         ->each([settings](const std::string&) { settings->bandsGiven = true; });
     app->add_option("--gains", settings->gains, "Band gains in dB, lowest band first, such as 0,0,3,3,0,0,0,0,-2,-4")
         ->type_name("G1,G2,...");
-    app->add_option("--gain", settings->masterDb, "Master gain in dB, -64 to 64 (default 0)")
+    AddNumberOption(*app, "--gain", settings->masterDb, "Master gain in dB, -64 to 64 (default 0)")
         ->type_name("DB")
         ->each([settings](const std::string&) { settings->masterGiven = true; });
-    app->add_option("--accuracy", settings->accuracy, "Filter half-length in samples, 10 to 8192 (default 1000)")
+    AddNumberOption(*app, "--accuracy", settings->accuracy, "Filter half-length in samples, 10 to 8192 (default 1000)")
         ->type_name("N")
         ->each([settings](const std::string&) { settings->accuracyGiven = true; });
     app->add_option("--preset", settings->preset, "Use the settings kept in FILE by --save-preset")->type_name("FILE");

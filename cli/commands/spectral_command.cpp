@@ -15,6 +15,7 @@
 #include "io/block_writer.h"
 #include "io/file_identity.h"
 #include "io/safe_output.h"
+#include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/job.h"
 #include "pipeline/json_writer.h"
@@ -296,9 +297,9 @@ void AddSpectralOptions(CLI::App& app, std::shared_ptr<SpectralOptions> options)
         ->type_name("FILE");
     app.add_option("--print", options->printPath, "Use a print saved before with --save-print")->type_name("FILE");
     app.add_option("--save-print", options->savePrint, "Keep the print taken by this run in FILE")->type_name("FILE");
-    app.add_option("--fft-size", options->fftSize,
-                   "FFT length of capture and processing, a power of two from 256 to 16384 (default 4096; with "
-                   "--print, the print's)")
+    AddNumberOption(app, "--fft-size", options->fftSize,
+                    "FFT length of capture and processing, a power of two from 256 to 16384 (default 4096; with "
+                    "--print, the print's)")
         ->type_name("N")
         ->each([options](const std::string&) { options->fftSizeGiven = true; });
     app.add_flag("--residual", options->residual, "Write what is removed instead of the cleaned audio");

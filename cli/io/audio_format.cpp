@@ -6,6 +6,7 @@
 #include <array>
 #include <cctype>
 #include <string_view>
+#include <vector>
 
 #include "errors.h"
 
@@ -121,15 +122,62 @@ std::string LowerExtension(const std::string& path) {
     return ext;
 }
 
-bool Valid(int sndfileFormat, const AudioFormat& input) {
+// Encodings that are a way of storing samples rather than a codec of their own container; they
+// may move to another container. Codecs (ADPCM, GSM, Vorbis, MP3, ...) become PCM there.
+bool IsSampleEncoding(int sndfileFormat) {
+    switch (sndfileFormat & SF_FORMAT_SUBMASK) {
+        case SF_FORMAT_PCM_S8:
+        case SF_FORMAT_PCM_U8:
+        case SF_FORMAT_PCM_16:
+        case SF_FORMAT_PCM_24:
+        case SF_FORMAT_PCM_32:
+        case SF_FORMAT_FLOAT:
+        case SF_FORMAT_DOUBLE:
+        case SF_FORMAT_ULAW:
+        case SF_FORMAT_ALAW:
+            return true;
+        default:
+            return false;
+    }
+}
+
+constexpr const char* kKnownExtensions = ".wav, .flac, .aiff, .caf, .w64, .rf64, .au, .ogg, .opus or .mp3";
+
+// A file in memory that Writable opens a trial output in.
+struct TrialFile {
+    sf_count_t size = 0, position = 0;
+};
+
+}  // namespace
+
+bool Writable(int sndfileFormat, const AudioFormat& input) {
     SF_INFO info{};
     info.format = sndfileFormat;
     info.samplerate = input.sampleRate;
     info.channels = input.channels;
-    return sf_format_check(&info) != 0;
+    if (sf_format_check(&info) == 0) return false;
+    SF_VIRTUAL_IO io{};
+    io.get_filelen = [](void* data) { return static_cast<TrialFile*>(data)->size; };
+    io.seek = [](sf_count_t offset, int whence, void* data) {
+        auto* file = static_cast<TrialFile*>(data);
+        const sf_count_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? file->position : file->size;
+        file->position = std::max<sf_count_t>(0, base + offset);
+        return file->position;
+    };
+    io.read = [](void*, sf_count_t, void*) { return sf_count_t(0); };
+    io.write = [](const void*, sf_count_t count, void* data) {
+        auto* file = static_cast<TrialFile*>(data);
+        file->position += count;
+        file->size = std::max(file->size, file->position);
+        return count;
+    };
+    io.tell = [](void* data) { return static_cast<TrialFile*>(data)->position; };
+    TrialFile trial;
+    SNDFILE* file = sf_open_virtual(&io, SFM_WRITE, &info, &trial);
+    if (file == nullptr) return false;
+    sf_close(file);
+    return true;
 }
-
-}  // namespace
 
 std::string ContainerName(int sndfileFormat) {
     return Lookup(kContainerNames, sndfileFormat & SF_FORMAT_TYPEMASK, SFC_GET_FORMAT_INFO);
@@ -169,26 +217,50 @@ bool IsFloatEncoding(int sndfileFormat) {
     return encoding == SF_FORMAT_FLOAT || encoding == SF_FORMAT_DOUBLE;
 }
 
+int BytesPerSample(int sndfileFormat) {
+    switch (sndfileFormat & SF_FORMAT_SUBMASK) {
+        case SF_FORMAT_FLOAT:
+            return 4;
+        case SF_FORMAT_DOUBLE:
+            return 8;
+        case SF_FORMAT_ULAW:
+        case SF_FORMAT_ALAW:
+            return 1;
+        default:
+            return IsSampleEncoding(sndfileFormat) ? IntegerSampleBits(sndfileFormat) / 8 : 0;
+    }
+}
+
 AudioFormat ChooseOutputFormat(const AudioFormat& input, const std::string& outputPath) {
     AudioFormat output = input;
     const std::string ext = LowerExtension(outputPath);
+    if (ext.empty()) return output;  // no extension (or standard output): the input's format
     const auto rule = std::find_if(std::begin(kExtensionRules), std::end(kExtensionRules),
                                    [&](const ExtensionRule& r) { return r.extension == ext; });
-    if (rule == std::end(kExtensionRules)) return output;  // no or unknown extension: keep the input's format
+    if (rule == std::end(kExtensionRules))
+        throw UsageError(
+            "cannot tell which format to write " + Quoted(outputPath),
+            Quoted("." + ext) + " is not an audio format kesta writes",
+            std::string("name it ") + kKnownExtensions + ", or leave the extension out to keep the input's format");
 
     const bool sameFamily =
         std::find(rule->family.begin(), rule->family.end(), input.Container()) != rule->family.end();
     const bool encodingFits = rule->encoding == 0 || rule->encoding == input.Encoding();
-    if (sameFamily && encodingFits) return output;
+    if (sameFamily && encodingFits && Writable(input.sndfileFormat, input)) return output;
 
-    // Another container: the input's encoding if it fits, else the nearest one the container holds.
+    // Another container: the input's sample encoding if it fits, else the nearest one the container
+    // holds (a lossy container has its one codec).
     const int container = rule->container;
-    const int candidates[] = {rule->encoding != 0 ? rule->encoding : input.Encoding(),
-                              IsFloatEncoding(input.sndfileFormat) ? SF_FORMAT_FLOAT : SF_FORMAT_PCM_24,
-                              SF_FORMAT_PCM_24, SF_FORMAT_PCM_16};
+    std::vector<int> candidates;
+    if (rule->encoding != 0) {
+        candidates = {rule->encoding};
+    } else {
+        if (IsSampleEncoding(input.sndfileFormat)) candidates.push_back(input.Encoding());
+        if (IsFloatEncoding(input.sndfileFormat)) candidates.push_back(SF_FORMAT_FLOAT);
+        candidates.insert(candidates.end(), {SF_FORMAT_PCM_24, SF_FORMAT_PCM_16, SF_FORMAT_FLOAT});
+    }
     for (int encoding : candidates) {
-        if (rule->encoding != 0 && encoding != rule->encoding) break;  // a lossy container has one codec
-        if (Valid(container | encoding, input)) {
+        if (Writable(container | encoding, input)) {
             output.sndfileFormat = container | encoding;
             return output;
         }

@@ -25,13 +25,20 @@ std::string DescribeFormat(int sndfileFormat);
 // Bits per sample of an encoding that stores integer samples exactly (linear PCM, lossless
 // integer codecs); 0 for float, companded and lossy encodings.
 int IntegerSampleBits(int sndfileFormat);
+// Whether libsndfile can write `sndfileFormat` with the channels and rate of `like`: tried on a
+// file in memory, since its format check accepts some pairs it cannot open (MP3 inside WAV).
+bool Writable(int sndfileFormat, const AudioFormat& like);
+// Bytes one sample takes in an uncompressed encoding (PCM, float, u-law, A-law); 0 for codecs.
+int BytesPerSample(int sndfileFormat);
 // True for 32- and 64-bit float encodings, which keep samples beyond full scale.
 bool IsFloatEncoding(int sndfileFormat);
 
-// The format an output gets: the input's, unless the output's name ends in the extension of
-// another container (out.flac, out.wav, out.aiff, out.ogg, ...), which then selects that container
-// with the input's encoding when it can hold it, or the nearest encoding it can. Throws a usage
-// error when nothing fits (for example more channels than the container allows).
+// The format an output gets: the input's when the output's name has no extension, else the
+// container its extension names (out.flac, out.wav, out.aiff, out.ogg, ...), with the input's
+// encoding when that container can hold it, or else 24-bit PCM (16-bit where 24 does not fit):
+// a lossy or codec-coded input becomes PCM in a lossless container. Throws a usage error for an
+// extension that names no format kesta writes (out.raw), or when nothing fits (for example more
+// channels than the container allows).
 AudioFormat ChooseOutputFormat(const AudioFormat& input, const std::string& outputPath);
 
 }  // namespace kesta

@@ -55,9 +55,7 @@ void BlockWriter::SetMetadata(const AudioMetadata& metadata) {
 std::optional<int64_t> BlockWriter::FrameLimit(const AudioFormat& format) {
     const int container = format.Container();
     if (container != SF_FORMAT_WAV && container != SF_FORMAT_WAVEX && container != SF_FORMAT_AIFF) return std::nullopt;
-    int bytes = IntegerSampleBits(format.sndfileFormat) / 8;
-    if (format.Encoding() == SF_FORMAT_FLOAT) bytes = 4;
-    if (format.Encoding() == SF_FORMAT_DOUBLE) bytes = 8;
+    const int bytes = BytesPerSample(format.sndfileFormat);
     if (bytes == 0 || format.channels < 1) return std::nullopt;     // compressed encodings: not worth a guess
     const int64_t room = int64_t(0xFFFFFFFF) - (int64_t(1) << 16);  // the 32-bit size fields, less room for headers
     return room / (int64_t(bytes) * format.channels);

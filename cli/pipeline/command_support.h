@@ -13,7 +13,9 @@ std::string FormatValue(double value);
 // low <= value <= high.
 void CheckSetting(const std::string& option, double value, double low, double high, const std::string& unit);
 
-// The whole of `text` as a finite decimal number (no leading space, nothing after it).
+// The whole of `text` as a plain decimal number: an optional sign, digits with an optional
+// fraction, an optional exponent ("-3", "2.5", "1e3", ".5"); finite. No hexadecimal ("0x10"),
+// no "inf" or "nan", no spaces.
 bool ParseNumber(const std::string& text, double& value);
 
 // Whether two paths, once resolved, name the same file (or would, once created).

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "command_line.h"
 #include "console.h"
 #include "errors.h"
 #include "json_writer.h"
@@ -29,19 +30,12 @@ private:
     std::function<void(float**, int, int)> mProcess;
 };
 
-bool Writable(int sndfileFormat, const AudioFormat& like) {
-    SF_INFO info{};
-    info.format = sndfileFormat;
-    info.channels = like.channels;
-    info.samplerate = like.sampleRate;
-    return sf_format_check(&info) == SF_TRUE;
-}
-
 }  // namespace
 
 void AddOutputOptions(CLI::App& command, OutputOptions& options) {
     AddForceOption(command, options.force);
-    command.add_option("--bits", options.bits, "Write integer PCM samples of 8, 16, 24 or 32 bits")->type_name("N");
+    AddNumberOption(command, "--bits", options.bits, "Write integer PCM samples of 8, 16, 24 or 32 bits")
+        ->type_name("N");
     command.add_flag("--float", options.floatSamples, "Write 32-bit float samples (keeps levels beyond full scale)");
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -90,16 +91,24 @@ protected:
         return ParseJson(Ok(args).out);
     }
 
-    // Exactly one line on stderr, "kesta: error: ..." containing each of `mentions`, nothing on
-    // stdout, exit status `code`.
-    static void ExpectOneErrorLine(const RunResult& run, int code, const std::vector<std::string>& mentions) {
+    // Exactly one line on stderr, "kesta: error: ..." containing each of `mentions`, exit status
+    // `code`; nothing on stdout, or for a run given --json the same failure as
+    // {"error": {"message", "exit_status"}}.
+    static void ExpectOneErrorLine(const RunResult& run, int code, const std::vector<std::string>& mentions,
+                                   bool json = false) {
         EXPECT_EQ(run.exitCode, code) << run.err;
-        EXPECT_EQ(run.out, "");
         const std::vector<std::string> lines = run.ErrLines();
         ASSERT_EQ(lines.size(), 1u) << run.err;
         EXPECT_EQ(lines[0].rfind("kesta: error: ", 0), 0u) << lines[0];
         for (const std::string& mention : mentions)
             EXPECT_NE(lines[0].find(mention), std::string::npos) << lines[0];
+        if (!json) {
+            EXPECT_EQ(run.out, "");
+            return;
+        }
+        const JsonValue report = ParseJson(run.out);
+        EXPECT_EQ(report["error"]["exit_status"].number, code);
+        EXPECT_EQ("kesta: error: " + report["error"]["message"].string, lines[0]);
     }
 
     struct BadCase {
@@ -118,7 +127,8 @@ protected:
             if (!command.empty()) args = {command, P("in.wav"), P("out.wav"), "--force"};
             args.insert(args.end(), bad.args.begin(), bad.args.end());
             SCOPED_TRACE(testing::PrintToString(args));
-            ExpectOneErrorLine(RunKesta(args), bad.code, bad.mentions);
+            const bool json = std::find(args.begin(), args.end(), "--json") != args.end();
+            ExpectOneErrorLine(RunKesta(args), bad.code, bad.mentions, json);
             EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
             EXPECT_EQ(dir.Names(), names);
         }
