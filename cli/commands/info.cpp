@@ -61,7 +61,7 @@ int RunInfo(const InfoOptions& options) {
         }
     }
     const int64_t frames = reader.FramesRead();
-    if (auto mismatch = LengthMismatch(options.path, reader.HeaderFrames(), frames)) console.Warn(*mismatch);
+    if (auto mismatch = reader.LengthWarning()) console.Warn(*mismatch);
     const std::vector<ChannelLevels> levels = meter.Levels();
 
     if (console.Json()) {

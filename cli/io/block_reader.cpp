@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <memory>
 #include <utility>
 
+#include "announced_length.h"
 #include "errors.h"
 #include "sndfile_reason.h"
 
@@ -16,8 +19,13 @@ namespace {
 
 constexpr float kInt32ToFloat = 1.0f / 2147483648.0f;  // exact: a power of two
 
+// How messages name an input: 'take.wav', or standard input for "-".
+std::string Shown(const std::string& path) {
+    return path == "-" ? "standard input" : Quoted(path);
+}
+
 [[noreturn]] void ThrowOpenFailure(const std::string& path, int error) {
-    const std::string what = "cannot open input " + Quoted(path);
+    const std::string what = "cannot open input " + Shown(path);
     switch (error) {
         case ENOENT:
             throw InputError(what, "no such file", "check the name and the current directory");
@@ -30,8 +38,20 @@ constexpr float kInt32ToFloat = 1.0f / 2147483648.0f;  // exact: a power of two
     }
 }
 
+// Standard input is read once, by one reader: "-" may name only one input of a run.
+int OpenStandardInput() {
+    static bool taken = false;
+    if (taken)
+        throw UsageError("standard input can be read only once", "'-' names two inputs", "give the others as files");
+    if (::isatty(STDIN_FILENO))
+        throw InputError("cannot read standard input", "it is a terminal",
+                         "pipe or redirect audio into kesta, such as kesta info - < take.wav");
+    taken = true;
+    return ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+}
+
 int OpenForReading(const std::string& path, struct stat& info) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = path == "-" ? OpenStandardInput() : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) ThrowOpenFailure(path, errno);
     if (::fstat(fd, &info) != 0) {
         const int error = errno;
@@ -40,18 +60,18 @@ int OpenForReading(const std::string& path, struct stat& info) {
     }
     if (S_ISDIR(info.st_mode)) {
         ::close(fd);
-        throw InputError("cannot read input " + Quoted(path), "it is a directory", "give an audio file");
+        throw InputError("cannot read input " + Shown(path), "it is a directory", "give an audio file");
     }
     if (S_ISREG(info.st_mode) && info.st_size == 0) {
         ::close(fd);
-        throw InputError("cannot read input " + Quoted(path), "the file is empty", "give an audio file");
+        throw InputError("cannot read input " + Shown(path), "the file is empty", "give an audio file");
     }
     return fd;
 }
 
 }  // namespace
 
-BlockReader::BlockReader(std::string path) : mPath(std::move(path)) {
+BlockReader::BlockReader(std::string path) : mPath(std::move(path)), mShown(Shown(mPath)) {
     struct stat info {};
     const int fd = OpenForReading(mPath, info);
     mIdentity = FileIdentity::Of(info);
@@ -61,12 +81,12 @@ BlockReader::BlockReader(std::string path) : mPath(std::move(path)) {
     mFile = sf_open_fd(fd, SFM_READ, &sfinfo, SF_TRUE);
     if (mFile == nullptr)
         throw InputError(
-            "cannot read " + Quoted(mPath) + " as audio", SndfileReason(nullptr),
+            "cannot read " + mShown + " as audio", SndfileReason(nullptr),
             "is it an audio file? kesta reads WAV, AIFF, FLAC, Ogg, MP3 and the other formats of libsndfile");
     if (sfinfo.channels < 1 || sfinfo.samplerate < 1) {
         sf_close(mFile);
         mFile = nullptr;
-        throw InputError("cannot read " + Quoted(mPath) + " as audio",
+        throw InputError("cannot read " + mShown + " as audio",
                          "its header gives " + std::to_string(sfinfo.channels) + " channels at " +
                              std::to_string(sfinfo.samplerate) + " Hz",
                          "the file is damaged; try to recover it with another tool");
@@ -75,6 +95,13 @@ BlockReader::BlockReader(std::string path) : mPath(std::move(path)) {
     mFormat = {sfinfo.format, sfinfo.samplerate, sfinfo.channels};
     mSeekable = sfinfo.seekable != 0;
     if (sfinfo.frames >= 0 && sfinfo.frames != SF_COUNT_MAX) mHeaderFrames = sfinfo.frames;
+    if (S_ISREG(info.st_mode)) {
+        // libsndfile announces what a cut-short WAV or AIFF still holds; the header says more.
+        const AnnouncedLength announced = ReadAnnouncedLength(fd, info.st_size, mFormat);
+        if (announced.frames && (!mHeaderFrames || *announced.frames > *mHeaderFrames))
+            mHeaderFrames = announced.frames;
+        mEndMissing = announced.endMissing;
+    }
     mIntegerBits = IntegerSampleBits(sfinfo.format);
 }
 
@@ -91,6 +118,7 @@ AudioMetadata BlockReader::Metadata() const {
     SF_BROADCAST_INFO broadcast{};
     if (sf_command(mFile, SFC_GET_BROADCAST_INFO, &broadcast, sizeof(broadcast)) == SF_TRUE)
         metadata.broadcast = broadcast;
+    ReadMarkersAndChunks(mFile, metadata);
     return metadata;
 }
 
@@ -107,8 +135,8 @@ bool BlockReader::Read(AudioBlock& block) {
         got = sf_readf_float(mFile, mInterleavedFloat.data(), sf_count_t(wanted));
     }
     if (got < sf_count_t(wanted) && sf_error(mFile) != SF_ERR_NO_ERROR)
-        throw InputError("cannot read " + Quoted(mPath) + " after frame " + std::to_string(mFramesRead),
-                         SndfileReason(mFile), "the file may be damaged or truncated");
+        throw InputError("cannot read " + mShown + " after frame " + std::to_string(mFramesRead), SndfileReason(mFile),
+                         "the file may be damaged or truncated");
     if (got < 0) got = 0;
 
     const std::size_t frames = std::size_t(got);
@@ -129,9 +157,18 @@ bool BlockReader::Read(AudioBlock& block) {
     return frames > 0;
 }
 
+std::optional<std::string> BlockReader::LengthWarning() const {
+    if (mEndMissing)
+        return mShown + " stops after " + std::to_string(mFramesRead) +
+               " frames without the mark that ends its stream (it is probably truncated)";
+    if (!mHeaderFrames || *mHeaderFrames == mFramesRead) return std::nullopt;
+    return "the header of " + mShown + " announces " + std::to_string(*mHeaderFrames) + " frames but the file holds " +
+           std::to_string(mFramesRead) + (mFramesRead < *mHeaderFrames ? " (it is probably truncated)" : "");
+}
+
 void BlockReader::Rewind() {
     if (!mSeekable || sf_seek(mFile, 0, SEEK_SET) != 0)
-        throw InputError("cannot read " + Quoted(mPath) + " a second time", "it cannot be rewound (a pipe or stream)",
+        throw InputError("cannot read " + mShown + " a second time", "it cannot be rewound (a pipe or stream)",
                          "give kesta a regular file");
     mFramesRead = 0;
 }

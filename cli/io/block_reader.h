@@ -21,7 +21,8 @@ class BlockReader {
 public:
     static constexpr std::size_t kDefaultBlockFrames = 4096;
 
-    // Opens the file; throws an input error (missing, unreadable, a directory, not audio).
+    // Opens the file, or standard input for "-" (once in a run); throws an input error (missing,
+    // unreadable, a directory, not audio).
     explicit BlockReader(std::string path);
     ~BlockReader();
     BlockReader(const BlockReader&) = delete;
@@ -31,7 +32,8 @@ public:
     const AudioFormat& Format() const { return mFormat; }
     // The file that was opened, to keep outputs off it.
     FileIdentity Identity() const { return mIdentity; }
-    // The length the file's header states; nullopt when it is not known in advance (a pipe).
+    // The length the file's header states (more than it holds when it was cut short); nullopt when
+    // it is not known in advance (a pipe).
     std::optional<int64_t> HeaderFrames() const { return mHeaderFrames; }
     bool Seekable() const { return mSeekable; }
     AudioMetadata Metadata() const;
@@ -46,16 +48,21 @@ public:
     bool Read(AudioBlock& block);
     // Frames delivered since the file was opened or last rewound.
     int64_t FramesRead() const { return mFramesRead; }
+    // Once the whole file is read: a warning when it holds another length than its header
+    // announces, or its stream stops without its end mark (a cut-short Ogg); nullopt otherwise.
+    std::optional<std::string> LengthWarning() const;
     // Starts again from the first frame, for a further pass over the file.
     void Rewind();
 
 private:
     std::string mPath;
+    std::string mShown;  // the file as messages name it
     SNDFILE* mFile = nullptr;
     AudioFormat mFormat;
     FileIdentity mIdentity;
     std::optional<int64_t> mHeaderFrames;
     bool mSeekable = false;
+    bool mEndMissing = false;
     int mIntegerBits = 0;  // > 0: read integers and scale exactly
     int64_t mFramesRead = 0;
     std::vector<float> mInterleavedFloat;

@@ -13,7 +13,7 @@
 namespace kesta {
 
 BlockWriter::BlockWriter(int fd, std::string displayPath, const AudioFormat& format)
-    : mPath(std::move(displayPath)), mFormat(format) {
+    : mPath(std::move(displayPath)), mFormat(format), mFd(fd) {
     SF_INFO info{};
     info.samplerate = format.sampleRate;
     info.channels = format.channels;
@@ -43,13 +43,15 @@ BlockWriter::~BlockWriter() {
     if (mFile != nullptr) sf_close(mFile);
 }
 
-void BlockWriter::SetMetadata(const AudioMetadata& metadata) {
+std::vector<std::string> BlockWriter::SetMetadata(const AudioMetadata& metadata) {
     for (const auto& [id, value] : metadata.strings)
         sf_set_string(mFile, id, value.c_str());
     if (metadata.broadcast) {
         SF_BROADCAST_INFO broadcast = *metadata.broadcast;
         sf_command(mFile, SFC_SET_BROADCAST_INFO, &broadcast, sizeof(broadcast));
     }
+    if (mFormat.Container() == SF_FORMAT_WAV || mFormat.Container() == SF_FORMAT_WAVEX) mMarkerNames = metadata.markers;
+    return WriteMarkersAndChunks(mFile, mFormat, mPath, metadata);
 }
 
 std::optional<int64_t> BlockWriter::FrameLimit(const AudioFormat& format) {
@@ -137,6 +139,9 @@ void BlockWriter::Finish() {
     SNDFILE* file = mFile;
     mFile = nullptr;
     if (file != nullptr && sf_close(file) != 0) ThrowWriteFailure();
+    if (!AppendMarkerNames(mFd, mMarkerNames))
+        throw OutputError("cannot write " + Quoted(mPath), "adding the marker names failed: " + SystemReason(errno),
+                          "check the free space and that the disk is writable");
 }
 
 void BlockWriter::ThrowWriteFailure() const {

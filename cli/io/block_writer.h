@@ -42,9 +42,10 @@ public:
     BlockWriter& operator=(const BlockWriter&) = delete;
 
     const AudioFormat& Format() const { return mFormat; }
-    // Carries tags and broadcast data over; call before the first Write. Fields the output's
-    // container cannot hold are dropped silently.
-    void SetMetadata(const AudioMetadata& metadata);
+    // Carries tags, broadcast data, markers and XML chunks over; call before the first Write.
+    // Returns warnings for markers and chunks the output's container cannot keep (text fields it
+    // cannot hold are dropped silently).
+    [[nodiscard]] std::vector<std::string> SetMetadata(const AudioMetadata& metadata);
 
     // Fails early, before any work, when `frames` cannot fit the output's container (a WAV or
     // AIFF header cannot describe more than 4 GiB of audio).
@@ -68,6 +69,8 @@ private:
 
     std::string mPath;
     AudioFormat mFormat;
+    int mFd;
+    std::vector<Marker> mMarkerNames;  // appended by Finish (WAV)
     SNDFILE* mFile = nullptr;
     int mIntegerBits = 0;
     bool mFloatEncoding = false;

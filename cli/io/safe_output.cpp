@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iostream>
 #include <utility>
 
 #include "errors.h"
@@ -92,8 +95,55 @@ void RefuseUnsuitableTarget(const std::string& target, const std::vector<SafeOut
 
 }  // namespace
 
+// "-": the audio goes to standard output, which from here on belongs to it alone (the command's
+// text goes to stderr instead). It is gathered in an unnamed temporary file first, since most
+// containers go back to their header once the audio is written, and a failed run sends nothing.
+int SafeOutput::OpenForStandardOutput(const std::vector<Input>& inputs) {
+    const std::string what = "cannot write audio to standard output";
+    if (::isatty(STDOUT_FILENO))
+        throw OutputError(what, "it is a terminal", "redirect it to a file or a pipe, such as ... - > out.wav");
+    struct stat out {};
+    if (::fstat(STDOUT_FILENO, &out) != 0) throw OutputError(what, SystemReason(errno), "");
+    for (const Input& input : inputs)
+        if (FileIdentity::Of(out) == input.identity)
+            throw OutputError("refusing to write standard output", "it is the input file " + Quoted(input.path),
+                              "kesta never writes onto its input");
+    std::string pattern = (std::filesystem::temp_directory_path() / "kesta-stdout-XXXXXX").string();
+    const int fd = ::mkstemp(pattern.data());
+    if (fd < 0) throw OutputError(what, "cannot make a temporary file: " + SystemReason(errno), "set TMPDIR");
+    ::unlink(pattern.c_str());
+    std::fflush(stdout);
+    std::cout.flush();
+    mStdout = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    return fd;
+}
+
+void SafeOutput::CopyToStandardOutput() {
+    const std::string what = "cannot write audio to standard output";
+    char buffer[1 << 16];
+    for (off_t at = 0;;) {
+        const ssize_t got = ::pread(mFd, buffer, sizeof(buffer), at);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) throw OutputError(what, "reading back the temporary file failed: " + SystemReason(errno), "");
+        if (got == 0) break;
+        at += got;
+        for (ssize_t done = 0; done < got;) {
+            const ssize_t wrote = ::write(mStdout, buffer + done, std::size_t(got - done));
+            if (wrote < 0 && errno == EINTR) continue;
+            if (wrote < 0) throw OutputError(what, SystemReason(errno), "check what reads kesta's output");
+            done += wrote;
+        }
+    }
+    mCommitted = true;
+}
+
 SafeOutput::SafeOutput(std::string target, const std::vector<Input>& inputs, bool force)
     : mTarget(std::move(target)), mMode(DefaultMode()) {
+    if (mTarget == "-") {
+        mFd = OpenForStandardOutput(inputs);
+        return;
+    }
     RefuseUnsuitableTarget(mTarget, inputs, force, mMode);
 
     // A hidden, unique name beside the target: <directory>/.<name>.kesta-XXXXXX
@@ -117,12 +167,15 @@ void SafeOutput::Discard() noexcept {
     SignalHold hold;
     if (mFd >= 0) ::close(mFd);
     mFd = -1;
+    if (mStdout >= 0) ::close(mStdout);
+    mStdout = -1;
     if (!mCommitted && !mTemporary.empty()) ::unlink(mTemporary.c_str());
     RemoveSignalCleanup(mSignalSlot);
     mSignalSlot = -1;
 }
 
 void SafeOutput::Commit() {
+    if (mStdout >= 0) return CopyToStandardOutput();
     const std::string what = "cannot write output " + Quoted(mTarget);
     if (::fsync(mFd) != 0)
         throw OutputError(what, "saving to disk failed: " + SystemReason(errno), "check the free space and the disk");

@@ -9,6 +9,9 @@
 //     links, symbolic links and `./x.wav` for `x.wav` are caught), even with --force;
 //   - a target that already exists, unless `force`;
 //   - a target that is a directory, or in a directory that is missing or not writable.
+//
+// The target "-" is standard output: the file is written whole to it on Commit (and not at all on
+// failure); a terminal, or an output that is one of the inputs, is refused.
 
 #include <sys/types.h>
 
@@ -42,10 +45,13 @@ public:
 
 private:
     void Discard() noexcept;
+    int OpenForStandardOutput(const std::vector<Input>& inputs);
+    void CopyToStandardOutput();
 
     std::string mTarget;
     std::string mTemporary;
     int mFd = -1;
+    int mStdout = -1;  // with "-": the real standard output
     int mSignalSlot = -1;
     mode_t mMode = 0;
     bool mCommitted = false;

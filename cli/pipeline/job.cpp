@@ -90,7 +90,7 @@ AudioOutput::AudioOutput(const std::string& path, const BlockReader& source,
       mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(source.Format(), path, options)),
       mClips(!IsFloatEncoding(mWriter.Format().sndfileFormat)),
       mWritten(source.Format().channels) {
-    mWriter.SetMetadata(source.Metadata());
+    mMetadataLost = mWriter.SetMetadata(source.Metadata());
     if (source.HeaderFrames()) mWriter.ExpectFrames(*source.HeaderFrames());
 }
 
@@ -178,8 +178,9 @@ int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector
 
 void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOutput& output,
                      const std::string& advice) {
-    if (auto mismatch = LengthMismatch(reader.Path(), reader.HeaderFrames(), reader.FramesRead()))
-        console.Warn(*mismatch);
+    if (auto mismatch = reader.LengthWarning()) console.Warn(*mismatch);
+    for (const std::string& lost : output.MetadataLost())
+        console.Warn(lost);
     if (output.Writer().ClippedSamples() > 0)
         console.Warn(std::to_string(output.Writer().ClippedSamples()) +
                      " samples went beyond full scale and were clipped in " + Quoted(output.Path()) + " (" + advice +

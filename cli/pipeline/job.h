@@ -88,6 +88,9 @@ public:
     void Finish() { mWriter.Finish(); }
     void Commit() { mOutput.Commit(); }
 
+    // What of the input's descriptive data the output's container cannot keep, one line each.
+    const std::vector<std::string>& MetadataLost() const { return mMetadataLost; }
+
     // Levels of what was written, and the largest magnitude before clipping.
     std::vector<ChannelLevels> Levels() const { return mWritten.Levels(); }
     double Peak() const;
@@ -105,6 +108,7 @@ private:
     bool mClips;
     LevelMeter mWritten;
     double mUnclippedPeak = 0.0;
+    std::vector<std::string> mMetadataLost;
 };
 
 // Sees a block of the stream and the position of its first frame.
@@ -122,7 +126,7 @@ int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector
                      const StreamWatchers& watchers = {});
 
 // The warnings every audio output may need after its stream: a length other than the header's,
-// and samples clipped (with `advice` on how to avoid it, in parentheses).
+// descriptive data the output cannot keep, and samples clipped (with `advice` on how to avoid it, in parentheses).
 void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOutput& output, const std::string& advice);
 
 // "(1.2 s, 35x real time)" for `frames` frames at `rate` processed in `seconds`.

@@ -61,14 +61,6 @@ void PrintLevels(std::ostream& out, const std::vector<ChannelLevels>& levels) {
     table.Print(out);
 }
 
-std::optional<std::string> LengthMismatch(const std::string& path, std::optional<int64_t> headerFrames,
-                                          int64_t framesRead) {
-    if (!headerFrames || *headerFrames == framesRead) return std::nullopt;
-    return "the header of " + Quoted(path) + " announces " + std::to_string(*headerFrames) +
-           " frames but the file holds " + std::to_string(framesRead) +
-           (framesRead < *headerFrames ? " (it is probably truncated)" : "");
-}
-
 std::vector<double> LevelChanges(const std::vector<ChannelLevels>& before, const std::vector<ChannelLevels>& after) {
     std::vector<double> change;
     for (std::size_t c = 0; c < before.size(); ++c)

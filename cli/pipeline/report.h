@@ -25,10 +25,6 @@ void WriteLevels(JsonWriter& json, const std::vector<ChannelLevels>& levels);
 // The per-channel table: Channel, Peak, Peak dBFS, RMS dBFS, DC offset.
 void PrintLevels(std::ostream& out, const std::vector<ChannelLevels>& levels);
 
-// The warning for a file whose header announces another length than it holds, if it does.
-std::optional<std::string> LengthMismatch(const std::string& path, std::optional<int64_t> headerFrames,
-                                          int64_t framesRead);
-
 // Per channel, the RMS level of `after` minus that of `before`, in dB.
 std::vector<double> LevelChanges(const std::vector<ChannelLevels>& before, const std::vector<ChannelLevels>& after);
 // "3.2 dB louder" or "38.2 dB quieter" for the mean change over channels (finite ones only), or "none".

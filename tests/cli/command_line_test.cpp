@@ -1,6 +1,8 @@
 // What a person types that kesta must read right or refuse clearly, for every command alike:
-// mistyped options, numbers in other notations, output names without a format, and --json when
-// the run fails.
+// mistyped options, numbers in other notations, output names without a format, '-' for the
+// standard streams, and --json when the run fails.
+
+#include <cstdlib>
 
 #include "cli_test.h"
 
@@ -10,6 +12,17 @@ namespace {
 class CommandLineTest : public CliTest {
 protected:
     void SetUp() override { WriteAudio(dir / "in.wav", StereoTone16()); }
+
+    // Runs a shell line (for redirections and pipes) with KESTA set to the binary; stderr is returned.
+    std::string Shell(const std::string& line, int& status) const {
+        const std::string command =
+            "cd '" + dir.Path().string() + "' && KESTA='" KESTA_BINARY "' && " + line + " 2>stderr.txt";
+        status = std::system(command.c_str());
+        status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        const std::string err = ReadBytes(dir / "stderr.txt");
+        std::filesystem::remove(dir / "stderr.txt");
+        return err;
+    }
 };
 
 TEST_F(CommandLineTest, MistypedOptionsAreNamedWithTheNearestRealOne) {
@@ -62,6 +75,44 @@ TEST_F(CommandLineTest, JsonReportsAFailureAsAnErrorObject) {
                         {{"gain", P("in.wav"), P("new.wav"), "--db", "0x10", "--json"}, 2, {"0x10"}},
                         {{"info", "--json", P("missing.wav")}, 3, {"missing.wav"}},
                         {{"gain", "--json", P("in.wav"), P("out.wav"), "--db", "1"}, 4, {"already exists"}}});
+}
+
+TEST_F(CommandLineTest, DashIsStandardInputAndOutput) {
+    Ok({"gain", "-q", P("in.wav"), P("ref.wav"), "--db", "-6"});
+    const std::string expected = ReadBytes(dir / "ref.wav");
+
+    // To standard output: the file's bytes, the summary on stderr, no file named '-'.
+    const RunResult run = RunKesta({"gain", P("in.wav"), "-", "--db", "-6"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.out == expected);
+    EXPECT_NE(run.err.find("Wrote"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(dir / "-"));
+
+    // From a pipe and from a redirected file, to a pipe.
+    int status = -1;
+    Shell("cat in.wav | \"$KESTA\" gain -q - piped.wav --db -6", status);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(ReadBytes(dir / "piped.wav") == expected);
+    Shell("\"$KESTA\" gain -q - - --db -6 <in.wav | cat >both.wav", status);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(ReadBytes(dir / "both.wav") == expected);
+    std::string err = Shell("\"$KESTA\" info - <in.wav >info.txt", status);
+    EXPECT_EQ(status, 0) << err;
+    EXPECT_NE(ReadBytes(dir / "info.txt").find("48000 frames"), std::string::npos);
+
+    // A command that reads its input twice cannot take it from a pipe; standard input is read once.
+    err = Shell("cat in.wav | \"$KESTA\" denoise - x.wav --noise 0:0.5", status);
+    EXPECT_EQ(status, 3);
+    EXPECT_NE(err.find("twice"), std::string::npos) << err;
+    err = Shell("\"$KESTA\" denoise - x.wav --noise-file - <in.wav", status);
+    EXPECT_EQ(status, 2) << err;
+    EXPECT_NE(err.find("standard input"), std::string::npos) << err;
+    // Appending the output to the input would destroy it.
+    err = Shell("\"$KESTA\" gain in.wav - --db 1 >>in.wav", status);
+    EXPECT_EQ(status, 4);
+    EXPECT_NE(err.find("input"), std::string::npos) << err;
+    EXPECT_TRUE(ReadAudio(dir / "in.wav").channels == StereoTone16().channels);
+    EXPECT_FALSE(std::filesystem::exists(dir / "x.wav"));
 }
 
 }  // namespace
