@@ -14,6 +14,7 @@
 #include "errors.h"
 #include "io/block_reader.h"
 #include "io/safe_output.h"
+#include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/console.h"
 #include "pipeline/job.h"
@@ -314,9 +315,10 @@ Command AddDeclickCommand(CLI::App& kesta) {
     app->footer(kHelpFooter);
     app->add_option("INPUT", options->input, "The audio file to read")->required()->type_name("");
     app->add_option("OUTPUT", options->output, "The file to write (not INPUT; none with --detect-only)")->type_name("");
-    app->add_option("--threshold", options->threshold, "Detection threshold 0 ... 200 (default 55; lower finds more)")
+    AddNumberOption(*app, "--threshold", options->threshold,
+                    "Detection threshold 0 ... 200 (default 55; lower finds more)")
         ->type_name("T");
-    app->add_option("--complexity", options->complexity, "Model detail 0 ... 200 (default 16)")->type_name("C");
+    AddNumberOption(*app, "--complexity", options->complexity, "Model detail 0 ... 200 (default 16)")->type_name("C");
     app->add_option("--report", options->report, "Write every click found to FILE.csv or FILE.json")->type_name("FILE");
     app->add_flag("--detect-only", options->detectOnly, "Find and report clicks; write no audio");
     AddOutputOptions(*app, options->out);
