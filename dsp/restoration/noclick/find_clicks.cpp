@@ -46,6 +46,8 @@ void FindClicks::Start(float* hostPointer) {
 long long FindClicks::Analyze(int32_t /*pass*/, float** data, int numChannels, int numFrames) {
     const int frames = std::clamp(numFrames, 0, kHop);
     const int channels = std::min(numChannels, mRing.GetNumChannels());
+    for (std::size_t c = 0; c < mBlocks.size(); ++c)  // into this object's store, also after a copy
+        mBlocks[c] = mBlockStore.data() + c * kRead;
     mRing.Write(data, 0, channels, frames);
     mNewSamples += frames;
     while (mNewSamples >= kHop && mRing.CanBeRead() >= kRead) {

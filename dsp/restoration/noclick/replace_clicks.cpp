@@ -64,6 +64,8 @@ void ReplaceClicks::Process(float** in, float** out, int numChannels, int numFra
 // touch it starts before the block's end, so it is final.
 void ReplaceClicks::Hop() {
     const int channels = mIn.GetNumChannels();
+    for (int c = 0; c < channels; ++c)  // into this object's store, also after a copy
+        mWork[c] = mWorkStore.data() + static_cast<std::size_t>(c) * kWork;
     for (int c = 0; c < channels; ++c)
         std::copy(mWork[c] + kHop, mWork[c] + kWork, mWork[c]);
     float* tail[32];

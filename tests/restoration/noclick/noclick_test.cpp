@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <numbers>
 #include <vector>
 
@@ -150,6 +151,36 @@ TEST(FindClicks, TrainsBetweenSamplesAndClicksAmongThem) {
     const RangeLists withClick = MergeOverlapping(FindAllClicks(x, ClickRecord(1)));
     ASSERT_EQ(CountRanges(withClick), 1u);
     EXPECT_EQ(withClick[0][0].start, 15088);
+}
+
+// A copy taken half-way through the pass finishes it with the same result as the original.
+TEST(FindClicks, CopyContinuesThePass) {
+    Channels x = {Melody(100000, 9)};
+    InsertClicks(x, 20, 5);
+    const NOCLICK record = ClickRecord(1);
+    auto first = std::make_unique<dsp::noclick::FindClicks>(&record);
+    dsp::noclick::FindClicks& original = *first;
+    original.SetSelection(0, 100000);
+    original.Start(nullptr);
+    std::vector<float> block(2048);
+    float* data = block.data();
+    auto feed = [&](dsp::noclick::FindClicks& find, std::size_t& pos) {
+        for (std::size_t i = 0; i < block.size(); ++i)
+            block[i] = pos + i < x[0].size() ? x[0][pos + i] : 0.0f;
+        pos += static_cast<std::size_t>(find.Analyze(&data, 1, 2048));
+    };
+    std::size_t pos = 0;
+    while (pos < 50000)
+        feed(original, pos);
+    dsp::noclick::FindClicks copy(original);
+    first.reset();  // the copy owns everything it works on
+    while (!copy.IsCompleted())
+        feed(copy, pos);
+    copy.Done();
+    const RangeLists expected = FindAllClicks(x, record), got = copy.GetParam()->foundClicks;
+    ASSERT_EQ(got[0].size(), expected[0].size());
+    for (std::size_t i = 0; i < got[0].size(); ++i)
+        EXPECT_TRUE(got[0][i].start == expected[0][i].start && got[0][i].length == expected[0][i].length) << i;
 }
 
 TEST(FindClicks, FindsInsertedClicksInMusicWhateverTheHostBlocks) {
