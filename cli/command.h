@@ -35,5 +35,7 @@ Command AddDehissCommand(CLI::App& kesta);
 Command AddEqCommand(CLI::App& kesta);
 Command AddGeqCommand(CLI::App& kesta);
 Command AddDeclickCommand(CLI::App& kesta);
+Command AddDeclipCommand(CLI::App& kesta);
+Command AddLimitCommand(CLI::App& kesta);
 
 }  // namespace kesta

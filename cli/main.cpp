@@ -105,7 +105,8 @@ int Run(int argc, char** argv) {
 
     const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta),   AddGainCommand(kesta),
                                            AddDenoiseCommand(kesta),   AddDehissCommand(kesta), AddEqCommand(kesta),
-                                           AddGeqCommand(kesta),       AddDeclickCommand(kesta)};
+                                           AddGeqCommand(kesta),       AddDeclickCommand(kesta),
+                                           AddDeclipCommand(kesta), AddLimitCommand(kesta)};
     for (const Command& command : commands)
         command.app->group("Commands");
 
