@@ -14,6 +14,7 @@
 #include "dsp/noclip.h"
 #include "errors.h"
 #include "io/block_reader.h"
+#include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/console.h"
 #include "pipeline/job.h"
@@ -295,12 +296,13 @@ Command AddDeclipCommand(CLI::App& kesta) {
     app->footer(kHelpFooter);
     app->add_option("INPUT", options->input, "The audio file to read")->required()->type_name("");
     app->add_option("OUTPUT", options->output, "The file to write (not INPUT)")->required()->type_name("");
-    app->add_option("--tolerance", options->tolerance,
+    AddNumberOption(*app, "--tolerance", options->tolerance,
                     "How close to the clip level a sample must be, in percent of the channel's peak (default 10)")
         ->type_name("PERCENT");
-    app->add_option("--min-run", options->minRun, "Samples in a row at the clip level to count as clipped (default 3)")
+    AddNumberOption(*app, "--min-run", options->minRun,
+                    "Samples in a row at the clip level to count as clipped (default 3)")
         ->type_name("N");
-    app->add_option("--gain", options->gainDb, "Output gain in dB, room for the redrawn peaks (default -12)")
+    AddNumberOption(*app, "--gain", options->gainDb, "Output gain in dB, room for the redrawn peaks (default -12)")
         ->type_name("DB");
     app->add_flag("--no-limiter", options->noLimiter, "Leave out the limiter after the gain");
     app->add_option("--report", options->report, "Write every stretch found to FILE (CSV, or JSON for .json)")

@@ -9,6 +9,7 @@
 #include "dsp/hard_limit.h"
 #include "errors.h"
 #include "io/block_reader.h"
+#include "pipeline/command_line.h"
 #include "pipeline/console.h"
 #include "pipeline/job.h"
 #include "pipeline/json_writer.h"
@@ -143,12 +144,14 @@ Command AddLimitCommand(CLI::App& kesta) {
     app->footer(kHelpFooter);
     app->add_option("INPUT", options->input, "The audio file to read")->required()->type_name("");
     app->add_option("OUTPUT", options->output, "The file to write (not INPUT)")->required()->type_name("");
-    app->add_option("--ceiling", options->ceilingDb, "Largest output level in dBFS, -100 to 0 (default -0.1)")
+    AddNumberOption(*app, "--ceiling", options->ceilingDb, "Largest output level in dBFS, -100 to 0 (default -0.1)")
         ->type_name("DB");
-    app->add_option("--gain", options->gainDb, "Gain before the limiter in dB, -100 to +50 (default 0)")
+    AddNumberOption(*app, "--gain", options->gainDb, "Gain before the limiter in dB, -100 to +50 (default 0)")
         ->type_name("DB");
-    app->add_option("--lookahead", options->lookaheadMs, "Look-ahead in ms, 5 to 20 (default 7)")->type_name("MS");
-    app->add_option("--release", options->releaseMs, "Release time in ms, 40 to 200 (default 100)")->type_name("MS");
+    AddNumberOption(*app, "--lookahead", options->lookaheadMs, "Look-ahead in ms, 5 to 20 (default 7)")
+        ->type_name("MS");
+    AddNumberOption(*app, "--release", options->releaseMs, "Release time in ms, 40 to 200 (default 100)")
+        ->type_name("MS");
     app->add_flag("--unlink", options->unlink, "Limit each channel on its own");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->report);
