@@ -7,6 +7,7 @@
 #include <numbers>
 
 #include "dsp/core/aligned_memory.h"
+#include "dsp/core/denormal_guard.h"
 #include "dsp/fft/spectrum_packing_internal.h"
 #include "dsp/fft/window_kernels.h"
 #include "dsp/fft_window.h"
@@ -302,9 +303,12 @@ void OverlapSave::Process(float** in, float** out, int numChannels, int numFrame
 }
 
 void OverlapSave::OnAudio(float** frame, int numChannels, int N, bool accumulate) {
+    DenormalGuard guard;  // restores the caller's mode on return
     TransformFrameToSpectra(frame, numChannels);
     OnSpectrum(mSpectrumRe.data(), mSpectrumIm.data(), numChannels, N / 2 + 1);
-    TransformSpectraToFrame(frame, numChannels, accumulate ? Synthesis::Add : Synthesis::Store);
+    Synthesis mode = accumulate ? Synthesis::Add : Synthesis::Store;
+    if (ResidualOutput()) mode = Synthesis::Subtract;
+    TransformSpectraToFrame(frame, numChannels, mode);
 }
 
 void OverlapSave::OnSpectrum(float** re, float** im, int numChannels, int numBins) {

@@ -233,8 +233,9 @@ public:
     float GetKneeRatio() const { return mKneeRatio; }
 
 protected:
-    void OnAudio(float** frame, int numChannels, int N, bool accumulate) override;
     void OnSpectrum(float** re, float** im, int numChannels, int numBins) override;
+    // outputMode 2: the incoming frame minus the processed one, i.e. what the gains removed.
+    bool ResidualOutput() const override { return mParam.outputMode == 2; }
 
 private:
     void AllocateArrays();

@@ -205,8 +205,10 @@ public:
 
 private:
     void ComputeWindow() override;
-    void OnAudio(float** frame, int numChannels, int N, bool accumulate) override;
     void OnSpectrum(float** re, float** im, int channels, int bins) override;
+    // The residual (input minus cleaned) only when something is removed: with the reduction off,
+    // outputMode 2 still gives the plain signal.
+    bool ResidualOutput() const override { return mParam.outputMode == 2 && mParam.reductionDb != 0.0; }
 
     NOISEREDUCER* CreateNoiseReducer();
     void DestroyNoiseReducer(NOISEREDUCER* reducer);

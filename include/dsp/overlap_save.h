@@ -17,7 +17,10 @@
 // so input frame k leaves as output frame k + N; the first N output frames are silence.
 //
 // The base OnSpectrum is a fixed low-pass: it keeps bins 0 ... numBins/8 (one eighth of the band)
-// and clears the rest. Derived processors replace OnSpectrum, or OnAudio as a whole.
+// and clears the rest. Derived tools replace OnSpectrum, their one processing hook; the base
+// OnAudio runs it under a flush-to-zero guard (decaying per-bin state never turns subnormal) and,
+// while the tool's ResidualOutput() is true, outputs the input minus the processed frame (what the
+// tool removes) instead of the processed frame.
 //
 // Protocol: Init (or the sizing constructor), then Resume before the first Process of every stream;
 // Resume builds the windows on its first call after Init and empties the queues. All buffers are
@@ -110,6 +113,8 @@ protected:
     virtual void OnAudio(float** frame, int numChannels, int N, bool accumulate);
     // re/im: per channel, bins 0 ... numBins - 1 (numBins = N/2 + 1) of the frame's spectrum.
     virtual void OnSpectrum(float** re, float** im, int numChannels, int numBins);
+    // Whether the frame written back is the input minus the processed one (asked once per frame).
+    virtual bool ResidualOutput() const { return false; }
 
     // The two halves of the default OnAudio, for derived frame handlers.
     // Analysis window, pairwise forward transform, pre scaler, split into mSpectrumRe/mSpectrumIm.

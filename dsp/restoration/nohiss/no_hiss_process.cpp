@@ -186,13 +186,6 @@ void NoHissProcess::SetParamFromMultiChannelParam(NOHISS* record, int channel) {
     ParameterChanged();
 }
 
-void NoHissProcess::OnAudio(float** frame, int numChannels, int /*N*/, bool /*accumulate*/) {
-    TransformFrameToSpectra(frame, numChannels);
-    OnSpectrum(mSpectrumRe.data(), mSpectrumIm.data(), numChannels, mFrameLength / 2 + 1);
-    // outputMode 2: the incoming frame minus the processed one, i.e. what the gains removed.
-    TransformSpectraToFrame(frame, numChannels, mParam.outputMode == 2 ? Synthesis::Subtract : Synthesis::Store);
-}
-
 void NoHissProcess::OnSpectrum(float** re, float** im, int numChannels, int numBins) {
     const float divisor = static_cast<float>(mParam.fftSize) * 0.25f;
     const float d = mDecay;

@@ -17,7 +17,6 @@
 #include <cstring>
 
 #include "dsp/core/aligned_memory.h"
-#include "dsp/core/denormal_guard.h"
 #include "dsp/core/kernel_dispatch.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/noise_reducer.h"
@@ -517,17 +516,9 @@ void NoNoiseProcess::ComputeWindow() {
     }
 }
 
-void NoNoiseProcess::OnAudio(float** frame, int numChannels, int N, bool /*accumulate*/) {
-    // Through digital silence the smoothed magnitudes decay by `decay` every frame and would reach
-    // the subnormal range after some forty seconds; flushed, they end in zeros at full speed.
-    DenormalGuard guard;
-    TransformFrameToSpectra(frame, numChannels);
-    OnSpectrum(mSpectrumRe.data(), mSpectrumIm.data(), numChannels, N / 2 + 1);
-    // The residual output (input frame minus the cleaned frame) only when something is removed;
-    // with the reduction off, outputMode 2 still gives the plain signal.
-    const bool residual = mParam.outputMode == 2 && mParam.reductionDb != 0.0;
-    TransformSpectraToFrame(frame, numChannels, residual ? Synthesis::Subtract : Synthesis::Store);
-}
+// Through digital silence the smoothed magnitudes decay by `decay` every frame and would reach the
+// subnormal range after some forty seconds; the engine runs this hook under its flush-to-zero
+// guard, so they end in zeros at full speed.
 
 void NoNoiseProcess::OnSpectrum(float** re, float** im, int channels, int bins) {
     NOISEREDUCER* r = mReducer;
