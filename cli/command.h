@@ -15,6 +15,10 @@
 // with a response table or a saved preset commands/equaliser_command.cpp.
 
 #include <functional>
+#include <memory>
+#include <string>
+
+#include "io/audio_format.h"
 
 namespace CLI {
 class App;
@@ -22,9 +26,24 @@ class App;
 
 namespace kesta {
 
+class Console;
+class Stage;
+
+// What a step of a chain is made for: the input's path and format, whether it is the first step
+// (the only one that hears the input as it is), and the console for its analysis passes.
+struct StageInput {
+    const std::string& path;
+    const AudioFormat& format;
+    bool first;
+    Console& console;
+};
+
 struct Command {
     CLI::App* app = nullptr;
     std::function<int()> run;
+    // The processor with the parsed settings, for chains and batches; empty for commands that do
+    // not turn audio into audio.
+    std::function<std::unique_ptr<Stage>(const StageInput&)> stage;
 };
 
 Command AddSelfcheckCommand(CLI::App& kesta);
@@ -37,5 +56,6 @@ Command AddGeqCommand(CLI::App& kesta);
 Command AddDeclickCommand(CLI::App& kesta);
 Command AddDeclipCommand(CLI::App& kesta);
 Command AddLimitCommand(CLI::App& kesta);
+Command AddChainCommand(CLI::App& kesta);
 
 }  // namespace kesta

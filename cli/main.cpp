@@ -11,6 +11,7 @@
 #include <exception>
 #include <iostream>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "dsp/version.h"
 #include "errors.h"
 #include "io/block_writer.h"
+#include "pipeline/batch.h"
 #include "pipeline/command_line.h"
 #include "pipeline/json_writer.h"
 
@@ -103,10 +105,10 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->column_width(32);
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
-    const std::vector<Command> commands = {AddSelfcheckCommand(kesta), AddInfoCommand(kesta),   AddGainCommand(kesta),
-                                           AddDenoiseCommand(kesta),   AddDehissCommand(kesta), AddEqCommand(kesta),
-                                           AddGeqCommand(kesta),       AddDeclickCommand(kesta),
-                                           AddDeclipCommand(kesta), AddLimitCommand(kesta)};
+    const std::vector<Command> commands = {
+        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),  AddGainCommand(kesta), AddDenoiseCommand(kesta),
+        AddDehissCommand(kesta),    AddEqCommand(kesta),    AddGeqCommand(kesta),  AddDeclickCommand(kesta),
+        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddChainCommand(kesta)};
     for (const Command& command : commands)
         command.app->group("Commands");
 
@@ -125,6 +127,11 @@ int Run(int argc, char** argv) {
         }
     }
     RefuseUnknownOptions(kesta, argc, argv);
+
+    std::vector<CLI::App*> fileCommands;
+    for (const Command& command : commands)
+        if (command.stage) fileCommands.push_back(command.app);
+    if (std::optional<int> status = RunBatchIfAsked(argc, argv, fileCommands)) return *status;
 
     try {
         kesta.parse(argc, argv);

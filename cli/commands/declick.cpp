@@ -323,7 +323,7 @@ Command AddDeclickCommand(CLI::App& kesta) {
     app->add_flag("--detect-only", options->detectOnly, "Find and report clicks; write no audio");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->reportOptions);
-    return {app, [options] { return RunDeclick(*options); }};
+    return {app, [options] { return RunDeclick(*options); }, nullptr};
 }
 
 }  // namespace kesta

@@ -151,9 +151,13 @@ Command AddDehissCommand(CLI::App& kesta) {
     AddNumberOption(*app, "--smoothing", settings->smoothingPercent,
                     "Smoothing of the measured levels, percent, 0 to 99 (default 65)")
         ->type_name("PCT");
-    return {app, [options, settings] {
+    return {app,
+            [options, settings] {
                 DehissTool tool(*options, *settings);
                 return RunSpectralCommand(*options, tool);
+            },
+            [options, settings](const StageInput& in) {
+                return MakeSpectralStage(*options, std::make_shared<DehissTool>(*options, *settings), in);
             }};
 }
 

@@ -145,9 +145,13 @@ Command AddDenoiseCommand(CLI::App& kesta) {
         ->type_name("PCT");
     AddNumberOption(*app, "--transition", settings->transitionDb, "Width of the soft knee in dB, 0 to 40 (default 0)")
         ->type_name("DB");
-    return {app, [options, settings] {
+    return {app,
+            [options, settings] {
                 DenoiseTool tool(*options, *settings);
                 return RunSpectralCommand(*options, tool);
+            },
+            [options, settings](const StageInput& in) {
+                return MakeSpectralStage(*options, std::make_shared<DenoiseTool>(*options, *settings), in);
             }};
 }
 

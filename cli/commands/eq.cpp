@@ -327,10 +327,12 @@ Command AddEqCommand(CLI::App& kesta) {
     app->add_option("--lowpass", settings->lowpass, "Butterworth low-pass: cutoff in Hz, order 1-8 (default 4)")
         ->type_name("F[:ORDER]");
     AddNumberOption(*app, "--gain", settings->gainDb, "Output gain in dB, -96 to 48 (default 0)")->type_name("DB");
-    return {app, [options, settings] {
+    return {app,
+            [options, settings] {
                 EqTool tool(*settings);
                 return RunEqualiserCommand(*options, tool);
-            }};
+            },
+            [settings](const StageInput& in) { return MakeEqualiserStage(std::make_shared<EqTool>(*settings), in); }};
 }
 
 }  // namespace kesta

@@ -172,6 +172,16 @@ std::string FormatHz(double hz) {
     return shown;
 }
 
+std::unique_ptr<Stage> MakeEqualiserStage(std::shared_ptr<EqualiserTool> tool, const StageInput& in) {
+    tool->CheckSettings();
+    if (!tool->SavedFile().empty())
+        throw UsageError("a chain step does not save a preset", "", "save it with 'kesta " + tool->Command() + "'");
+    tool->CheckRate(in.format.sampleRate, RateSource(in.path, in.format.sampleRate));
+    tool->Prepare(in.format.channels, in.format.sampleRate);
+    return MakeStage(tool->Latency(),
+                     [tool](float** data, int count, int frames) { tool->Process(data, count, frames); });
+}
+
 void AddEqualiserOptions(CLI::App& app, std::shared_ptr<EqualiserOptions> options) {
     app.add_option("INPUT", options->input, "The audio file to equalise")->type_name("");
     app.add_option("OUTPUT", options->output, "The file to write (not INPUT); may be left out with --response")
@@ -181,6 +191,7 @@ void AddEqualiserOptions(CLI::App& app, std::shared_ptr<EqualiserOptions> option
     AddNumberOption(app, "--rate", options->rate, "Sample rate of the --response curve when no INPUT is given")
         ->type_name("HZ");
     AddOutputOptions(app, options->out);
+    AddBatchOptions(app, options->out.batch);
     AddReportOptions(app, options->report);
 }
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "pipeline/console.h"
 #include "pipeline/job.h"
 
@@ -82,6 +83,10 @@ public:
     virtual void WriteSettings(JsonWriter& json) const = 0;
     virtual std::string DescribeSettings() const = 0;
 };
+
+// The equaliser as a chain's stage: settings checked by themselves and against the input's rate,
+// prepared for its channels. `owner` keeps what the tool refers to alive.
+std::unique_ptr<Stage> MakeEqualiserStage(std::shared_ptr<EqualiserTool> tool, const StageInput& in);
 
 // Adds INPUT, OUTPUT, --response, --rate, --force, --quiet and --json.
 void AddEqualiserOptions(CLI::App& app, std::shared_ptr<EqualiserOptions> options);

@@ -8,6 +8,7 @@
 #include "command.h"
 #include "errors.h"
 #include "io/block_reader.h"
+#include "pipeline/batch.h"
 #include "pipeline/command_line.h"
 #include "pipeline/console.h"
 #include "pipeline/job.h"
@@ -124,7 +125,12 @@ Command AddGainCommand(CLI::App& kesta) {
         ->type_name("DB");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->report);
-    return {app, [options] { return RunGain(*options); }};
+    AddBatchOptions(*app, options->out.batch);
+    return {app, [options] { return RunGain(*options); },
+            [options](const StageInput&) {
+                CheckGain(options->db);
+                return MakeGainStage(options->db);
+            }};
 }
 
 }  // namespace kesta

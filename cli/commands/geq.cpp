@@ -304,10 +304,12 @@ Command AddGeqCommand(CLI::App& kesta) {
         ->each([settings](const std::string&) { settings->accuracyGiven = true; });
     app->add_option("--preset", settings->preset, "Use the settings kept in FILE by --save-preset")->type_name("FILE");
     app->add_option("--save-preset", settings->savePreset, "Keep the settings in FILE")->type_name("FILE");
-    return {app, [options, settings] {
+    return {app,
+            [options, settings] {
                 GeqTool tool(*settings);
                 return RunEqualiserCommand(*options, tool);
-            }};
+            },
+            [settings](const StageInput& in) { return MakeEqualiserStage(std::make_shared<GeqTool>(*settings), in); }};
 }
 
 }  // namespace kesta

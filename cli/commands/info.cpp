@@ -94,7 +94,7 @@ Command AddInfoCommand(CLI::App& kesta) {
     app->footer(kHelpFooter);
     app->add_option("FILE", options->path, "The audio file to examine")->required()->type_name("");
     AddReportOptions(*app, options->report);
-    return {app, [options] { return RunInfo(*options); }};
+    return {app, [options] { return RunInfo(*options); }, nullptr};
 }
 
 }  // namespace kesta

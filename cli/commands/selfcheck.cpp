@@ -109,7 +109,7 @@ Command AddSelfcheckCommand(CLI::App& kesta) {
     CLI::App* app = kesta.add_subcommand("selfcheck", "Run the library's built-in numeric checks and report each one");
     app->footer(kHelpFooter);
     AddReportOptions(*app, *options);
-    return {app, [options] { return RunSelfcheck(*options); }};
+    return {app, [options] { return RunSelfcheck(*options); }, nullptr};
 }
 
 }  // namespace kesta

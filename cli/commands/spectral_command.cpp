@@ -45,12 +45,12 @@ std::string FormatSecondsUp(int64_t frames, int rate) {
 // moves forward (skipped frames are read and dropped), and the window holds at most one block.
 class SlidingWindow {
 public:
-    SlidingWindow(BlockReader& reader, std::size_t capacity)
+    SlidingWindow(BlockReader& reader, std::size_t capacity, int channels)
         : mReader(reader),
           mCapacity(capacity),
           mChunk(reader.MakeBlock()),
-          mData(std::size_t(reader.Format().channels), std::vector<float>(capacity)),
-          mPointers(std::size_t(reader.Format().channels)) {
+          mData(std::size_t(channels), std::vector<float>(capacity)),
+          mPointers(std::size_t(channels)) {
         mBase = reader.FramesRead();
     }
 
@@ -74,7 +74,8 @@ public:
             }
             const std::size_t take = std::min(frames - mHeld, mChunk.Frames() - mChunkUsed);
             for (std::size_t c = 0; c < mData.size(); ++c)
-                std::memcpy(mData[c].data() + mHeld, mChunk.Channel(int(c)) + mChunkUsed, take * sizeof(float));
+                std::memcpy(mData[c].data() + mHeld,
+                            mChunk.Channel(std::min(int(c), mChunk.Channels() - 1)) + mChunkUsed, take * sizeof(float));
             mHeld += take;
             mChunkUsed += take;
         }
@@ -193,12 +194,12 @@ void ResolveStretch(const SpectralOptions& options, const std::optional<TimeRang
     }
 }
 
-// Streams the selection through the capture, reading only forward.
-int RunCapture(dsp::DSPAnalyzer& capture, BlockReader& reader, const NoiseSource& source, Progress& progress) {
-    const int channels = reader.Format().channels;
+// Streams the selection through the capture (of `channels` channels), reading only forward.
+int RunCapture(dsp::DSPAnalyzer& capture, BlockReader& reader, const NoiseSource& source, Progress& progress,
+               int channels) {
     const int64_t end = source.start + source.frames;
     const std::size_t desired = std::size_t(capture.GetDesiredBlockSize());
-    SlidingWindow window(reader, desired);
+    SlidingWindow window(reader, desired, channels);
     capture.Start(nullptr);
     int64_t position = source.start;
     int64_t reported = reader.FramesRead();
@@ -252,6 +253,116 @@ void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, AudioOutput& 
     StreamStages(reader, output, {stage.get()}, progress, watchers);
 }
 
+// Where the print comes from, opened and checked: a capture to run and the reader it streams, or
+// the print read from a file (given to the tool already).
+struct NoisePlan {
+    NoiseSource source;
+    int fftSize = 0;
+    int channels = 0;                          // the input's: a mono noise file is captured into every channel
+    std::unique_ptr<BlockReader> noiseReader;  // when the print comes from another file
+    BlockReader* captureReader = nullptr;
+    std::unique_ptr<dsp::DSPAnalyzer> capture;
+};
+
+// Checks the command line by itself; returns the --noise range, if given.
+std::optional<TimeRange> CheckRequest(const SpectralOptions& options, const SpectralTool& tool) {
+    tool.CheckSettings();
+    if (options.fftSize < kSmallestFftSize || options.fftSize > kLargestFftSize ||
+        (options.fftSize & (options.fftSize - 1)) != 0)
+        throw UsageError("--fft-size " + std::to_string(options.fftSize) + " is not usable", "",
+                         "give a power of two from 256 to 16384, such as 4096");
+    const bool fromPrint = !options.printPath.empty();
+    if (fromPrint && (!options.noiseRange.empty() || !options.noiseFile.empty()))
+        throw UsageError("--print cannot be combined with --noise or --noise-file", "",
+                         "use a saved print, or take a new one from a noise stretch");
+    if (fromPrint && !options.savePrint.empty())
+        throw UsageError("--print cannot be combined with --save-print", "",
+                         "--save-print keeps a print taken by this run; a run with --print takes none");
+    if (!fromPrint && options.noiseRange.empty() && options.noiseFile.empty())
+        throw UsageError("no noise source given", "",
+                         "give --noise START:END (a noise-only stretch of INPUT), --noise-file FILE or --print FILE");
+    if (options.output.empty() && options.savePrint.empty())
+        throw UsageError("no output file given", "",
+                         "name the file to write, or give --save-print FILE to keep only the print");
+    if (!options.output.empty() && !options.savePrint.empty() && SameTarget(options.output, options.savePrint))
+        throw UsageError("--save-print names the same file as OUTPUT", "", "keep the print in a file of its own");
+    std::optional<TimeRange> range;
+    if (!options.noiseRange.empty()) range = ParseTimeRange(options.noiseRange, "--noise");
+    return range;
+}
+
+void CheckChannels(const AudioFormat& format, const std::string& command, const std::string& input) {
+    if (format.channels > kPrintMaxChannels)
+        throw InputError("cannot " + command + " " + Quoted(input),
+                         "it has " + std::to_string(format.channels) + " channels; kesta handles up to " +
+                             std::to_string(kPrintMaxChannels),
+                         "split the file into groups of channels");
+}
+
+// `readsInputTwice`: the input is read again after a capture from a stretch of it.
+NoisePlan PlanNoise(const SpectralOptions& options, SpectralTool& tool, BlockReader& reader,
+                    const std::optional<TimeRange>& range, bool readsInputTwice) {
+    const AudioFormat& format = reader.Format();
+    const bool fromPrint = !options.printPath.empty();
+    NoisePlan plan;
+    plan.fftSize = options.fftSize;
+    plan.channels = format.channels;
+    if (fromPrint) {
+        PrintFile print = ReadPrintFile(options.printPath);
+        CheckPrintMatches(print, options.printPath, tool.Kind(), format.channels, format.sampleRate,
+                          options.fftSizeGiven ? options.fftSize : 0, options.input);
+        plan.source.kind = NoiseSource::Kind::Print;
+        plan.source.path = options.printPath;
+        plan.source.start = print.span.start;
+        plan.source.frames = print.span.frames;
+        plan.fftSize = print.fftSize;
+        tool.TakePrint(std::move(print));
+    } else {
+        if (!options.noiseFile.empty()) {
+            plan.noiseReader = std::make_unique<BlockReader>(options.noiseFile);
+            const AudioFormat& noise = plan.noiseReader->Format();
+            if (noise.channels != format.channels && noise.channels != 1)
+                throw UsageError(
+                    "cannot take a print for " + Quoted(options.input) + " from " + Quoted(options.noiseFile),
+                    "it has " + std::to_string(noise.channels) + " channel(s), the input " +
+                        std::to_string(format.channels),
+                    "give a noise file with as many channels as the input, or a mono one for every channel");
+            if (noise.sampleRate != format.sampleRate)
+                throw UsageError(
+                    "cannot take a print for " + Quoted(options.input) + " from " + Quoted(options.noiseFile),
+                    "it is at " + std::to_string(noise.sampleRate) + " Hz, the input at " +
+                        std::to_string(format.sampleRate) + " Hz",
+                    "give a noise file at the input's sample rate");
+            plan.captureReader = plan.noiseReader.get();
+            plan.source.kind = NoiseSource::Kind::File;
+        } else {
+            plan.captureReader = &reader;
+            plan.source.kind = NoiseSource::Kind::Range;
+            if (readsInputTwice && !reader.Seekable())
+                throw InputError("cannot read " + Quoted(options.input) + " twice", "it is a stream, not a file",
+                                 "save it to a file first, or take the print from --noise-file");
+        }
+        plan.source.path = plan.captureReader->Path();
+        ResolveStretch(options, range, *plan.captureReader, tool.MinimumCaptureFrames(plan.fftSize), plan.fftSize,
+                       plan.source);
+        plan.capture = tool.MakeCapture(format.channels, format.sampleRate, plan.fftSize);
+        if (!plan.capture->SetSelection(plan.source.start, plan.source.frames))
+            throw UsageError("the noise stretch is too short for a capture", "", "choose a longer noise-only stretch");
+    }
+
+    return plan;
+}
+
+// Streams the capture of the plan and gives its print to the tool.
+void CaptureNoise(NoisePlan& plan, SpectralTool& tool, int sampleRate, const Console& console) {
+    {
+        Progress progress("capture", plan.source.start + plan.source.frames, sampleRate, console.ShowsProgress());
+        plan.source.snapshots = RunCapture(*plan.capture, *plan.captureReader, plan.source, progress, plan.channels);
+    }
+    tool.TakeCapture(*plan.capture);
+    plan.capture.reset();
+}
+
 void WriteNumbers(JsonWriter& json, const std::vector<double>& values) {
     json.BeginArray();
     for (double v : values)
@@ -293,7 +404,8 @@ void AddSpectralOptions(CLI::App& app, std::shared_ptr<SpectralOptions> options)
                    "A noise-only stretch of INPUT (or of --noise-file) in seconds, START:END, such as 0:1.5")
         ->type_name("START:END");
     app.add_option("--noise-file", options->noiseFile,
-                   "Take the print from this file instead (all of it, or the --noise stretch in it)")
+                   "Take the print from this file instead (all of it, or the --noise stretch in it; a mono file "
+                   "serves every channel)")
         ->type_name("FILE");
     app.add_option("--print", options->printPath, "Use a print saved before with --save-print")->type_name("FILE");
     app.add_option("--save-print", options->savePrint, "Keep the print taken by this run in FILE")->type_name("FILE");
@@ -304,7 +416,34 @@ void AddSpectralOptions(CLI::App& app, std::shared_ptr<SpectralOptions> options)
         ->each([options](const std::string&) { options->fftSizeGiven = true; });
     app.add_flag("--residual", options->residual, "Write what is removed instead of the cleaned audio");
     AddOutputOptions(app, options->out);
+    AddBatchOptions(app, options->out.batch);
     AddReportOptions(app, options->report);
+}
+
+std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::shared_ptr<SpectralTool> tool,
+                                         const StageInput& in) {
+    const std::optional<TimeRange> range = CheckRequest(options, *tool);
+    if (!options.savePrint.empty())
+        throw UsageError("a chain step does not save a print", "",
+                         "save it with 'kesta " + tool->Command() + " --save-print FILE'");
+    if (!in.first && options.printPath.empty() && options.noiseFile.empty())
+        throw UsageError("a " + tool->Command() + " step after another cannot take its print from INPUT",
+                         "the steps before it change what it would hear",
+                         "make it the first step, or give it noise-file= or print=");
+    BlockReader reader(in.path);
+    CheckChannels(reader.Format(), tool->Command(), in.path);
+    NoisePlan plan = PlanNoise(options, *tool, reader, range, true);
+    if (plan.capture) CaptureNoise(plan, *tool, reader.Format().sampleRate, in.console);
+    struct Held {  // the processor reads the tool's record: destroyed first
+        std::shared_ptr<SpectralTool> tool;
+        std::unique_ptr<dsp::OverlapSave> process;
+    };
+    auto held = std::make_shared<Held>();
+    held->tool = tool;
+    held->process = tool->MakeProcess();
+    return MakeStage(held->process->GetLatency(), [held](float** channels, int count, int frames) {
+        held->process->Process(channels, channels, count, frames);
+    });
 }
 
 int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
@@ -312,84 +451,19 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
     const std::string command = tool.Command();
 
     // 1. The command line by itself.
-    tool.CheckSettings();
-    if (options.fftSize < kSmallestFftSize || options.fftSize > kLargestFftSize ||
-        (options.fftSize & (options.fftSize - 1)) != 0)
-        throw UsageError("--fft-size " + std::to_string(options.fftSize) + " is not usable", "",
-                         "give a power of two from 256 to 16384, such as 4096");
+    const std::optional<TimeRange> range = CheckRequest(options, tool);
     const bool fromPrint = !options.printPath.empty();
-    if (fromPrint && (!options.noiseRange.empty() || !options.noiseFile.empty()))
-        throw UsageError("--print cannot be combined with --noise or --noise-file", "",
-                         "use a saved print, or take a new one from a noise stretch");
-    if (fromPrint && !options.savePrint.empty())
-        throw UsageError("--print cannot be combined with --save-print", "",
-                         "--save-print keeps a print taken by this run; a run with --print takes none");
-    if (!fromPrint && options.noiseRange.empty() && options.noiseFile.empty())
-        throw UsageError("no noise source given", "",
-                         "give --noise START:END (a noise-only stretch of INPUT), --noise-file FILE or --print FILE");
-    if (options.output.empty() && options.savePrint.empty())
-        throw UsageError("no output file given", "",
-                         "name the file to write, or give --save-print FILE to keep only the print");
-    if (!options.output.empty() && !options.savePrint.empty() && SameTarget(options.output, options.savePrint))
-        throw UsageError("--save-print names the same file as OUTPUT", "", "keep the print in a file of its own");
-    std::optional<TimeRange> range;
-    if (!options.noiseRange.empty()) range = ParseTimeRange(options.noiseRange, "--noise");
 
     // 2. The input and the noise source.
     BlockReader reader(options.input);
     const AudioFormat& format = reader.Format();
-    if (format.channels > kPrintMaxChannels)
-        throw InputError("cannot " + command + " " + Quoted(options.input),
-                         "it has " + std::to_string(format.channels) + " channels; kesta handles up to " +
-                             std::to_string(kPrintMaxChannels),
-                         "split the file into groups of channels");
-
-    NoiseSource source;
-    int fftSize = options.fftSize;
-    std::unique_ptr<BlockReader> noiseReader;  // when the print comes from another file
-    BlockReader* captureReader = nullptr;
-    std::unique_ptr<dsp::DSPAnalyzer> capture;
-    if (fromPrint) {
-        PrintFile print = ReadPrintFile(options.printPath);
-        CheckPrintMatches(print, options.printPath, tool.Kind(), format.channels, format.sampleRate,
-                          options.fftSizeGiven ? options.fftSize : 0, options.input);
-        source.kind = NoiseSource::Kind::Print;
-        source.path = options.printPath;
-        source.start = print.span.start;
-        source.frames = print.span.frames;
-        fftSize = print.fftSize;
-        tool.TakePrint(std::move(print));
-    } else {
-        if (!options.noiseFile.empty()) {
-            noiseReader = std::make_unique<BlockReader>(options.noiseFile);
-            const AudioFormat& noise = noiseReader->Format();
-            if (noise.channels != format.channels)
-                throw UsageError(
-                    "cannot take a print for " + Quoted(options.input) + " from " + Quoted(options.noiseFile),
-                    "it has " + std::to_string(noise.channels) + " channel(s), the input " +
-                        std::to_string(format.channels),
-                    "give a noise file with as many channels as the input");
-            if (noise.sampleRate != format.sampleRate)
-                throw UsageError(
-                    "cannot take a print for " + Quoted(options.input) + " from " + Quoted(options.noiseFile),
-                    "it is at " + std::to_string(noise.sampleRate) + " Hz, the input at " +
-                        std::to_string(format.sampleRate) + " Hz",
-                    "give a noise file at the input's sample rate");
-            captureReader = noiseReader.get();
-            source.kind = NoiseSource::Kind::File;
-        } else {
-            captureReader = &reader;
-            source.kind = NoiseSource::Kind::Range;
-            if (!options.output.empty() && !reader.Seekable())
-                throw InputError("cannot read " + Quoted(options.input) + " twice", "it is a stream, not a file",
-                                 "save it to a file first, or take the print from --noise-file");
-        }
-        source.path = captureReader->Path();
-        ResolveStretch(options, range, *captureReader, tool.MinimumCaptureFrames(fftSize), fftSize, source);
-        capture = tool.MakeCapture(format.channels, format.sampleRate, fftSize);
-        if (!capture->SetSelection(source.start, source.frames))
-            throw UsageError("the noise stretch is too short for a capture", "", "choose a longer noise-only stretch");
-    }
+    CheckChannels(format, command, options.input);
+    NoisePlan plan = PlanNoise(options, tool, reader, range, !options.output.empty());
+    NoiseSource& source = plan.source;
+    const int fftSize = plan.fftSize;
+    const std::unique_ptr<BlockReader>& noiseReader = plan.noiseReader;
+    BlockReader* captureReader = plan.captureReader;
+    std::unique_ptr<dsp::DSPAnalyzer>& capture = plan.capture;
 
     // 3. The outputs, refused now rather than after the work.
     std::vector<SafeOutput::Input> inputs = {{options.input, reader.Identity()}};
@@ -408,12 +482,7 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
     double captureSeconds = 0.0;
     if (capture) {
         const Stopwatch captureClock;
-        {
-            Progress progress("capture", source.start + source.frames, format.sampleRate, console.ShowsProgress());
-            source.snapshots = RunCapture(*capture, *captureReader, source, progress);
-        }
-        tool.TakeCapture(*capture);
-        capture.reset();
+        CaptureNoise(plan, tool, format.sampleRate, console);
         captureSeconds = captureClock.Seconds();
         if (printOutput)
             WriteAll(printOutput->Descriptor(), tool.EncodePrint(format.sampleRate, {source.start, source.frames}),

@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 
+#include "command.h"
 #include "dsp/dsp_analyzer.h"
 #include "dsp/overlap_save.h"
 #include "pipeline/command_support.h"  // FormatValue, CheckSetting
@@ -95,6 +96,11 @@ public:
 // Adds INPUT, OUTPUT and the options every spectral command has: --noise, --noise-file, --print,
 // --save-print, --fft-size, --residual, --force, --quiet, --json.
 void AddSpectralOptions(CLI::App& app, std::shared_ptr<SpectralOptions> options);
+
+// The tool as a chain's stage: its print read, or captured now from its noise source, and its
+// processor made. The options and settings the tool refers to must outlive the stage.
+std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::shared_ptr<SpectralTool> tool,
+                                         const StageInput& in);
 
 // Runs the command; returns the exit status, throws CliError on failure.
 int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool);

@@ -86,7 +86,7 @@ std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, in
 AudioOutput::AudioOutput(const std::string& path, const BlockReader& source,
                          const std::vector<SafeOutput::Input>& inputs, const OutputOptions& options)
     : mPath(path),
-      mOutput(path, inputs, options.force),
+      mOutput((CheckSingleRun(options.batch), path), inputs, options.force),
       mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(source.Format(), path, options)),
       mClips(!IsFloatEncoding(mWriter.Format().sndfileFormat)),
       mWritten(source.Format().channels) {
@@ -131,29 +131,32 @@ void AudioOutput::WriteFields(JsonWriter& json) const {
 int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
                      const StreamWatchers& watchers) {
     const int channels = reader.Format().channels;
-    int64_t latency = 0;
-    for (const Stage* stage : stages)
-        latency += stage->Latency();
     AudioBlock block = reader.MakeBlock();
     std::vector<float*> pointers(static_cast<std::size_t>(channels));
-    int64_t toDrop = latency, inPosition = 0, outPosition = 0;
+    for (int c = 0; c < channels; ++c)
+        pointers[std::size_t(c)] = block.Channel(c);
+    // Each stage's latency is dropped from its own output, so every stage hears its input aligned,
+    // as a command run on the previous command's file would.
+    std::vector<int64_t> toDrop;
+    for (const Stage* stage : stages)
+        toDrop.push_back(stage->Latency());
+    int64_t inPosition = 0, outPosition = 0;
 
-    auto processAndWrite = [&]() {
-        for (int c = 0; c < channels; ++c)
-            pointers[std::size_t(c)] = block.Channel(c);
-        for (Stage* stage : stages)
-            stage->Process(pointers.data(), channels, int(block.Frames()));
-        const std::size_t frames = block.Frames();
-        const std::size_t drop = std::size_t(std::min<int64_t>(toDrop, int64_t(frames)));
-        toDrop -= int64_t(drop);
-        if (drop == frames) return;
-        if (drop > 0) {
+    // Runs the block's first `frames` frames through the stages from `first` on, then writes what is left.
+    auto runFrom = [&](std::size_t first, std::size_t frames) {
+        for (std::size_t k = first; k < stages.size() && frames > 0; ++k) {
+            stages[k]->Process(pointers.data(), channels, int(frames));
+            const std::size_t drop = std::size_t(std::min<int64_t>(toDrop[k], int64_t(frames)));
+            toDrop[k] -= int64_t(drop);
+            if (drop == 0) continue;
             for (int c = 0; c < channels; ++c)
                 std::memmove(block.Channel(c), block.Channel(c) + drop, (frames - drop) * sizeof(float));
-            block.SetFrames(frames - drop);
+            frames -= drop;
         }
+        if (frames == 0) return;
+        block.SetFrames(frames);
         if (watchers.output) watchers.output(block, outPosition);
-        outPosition += int64_t(block.Frames());
+        outPosition += int64_t(frames);
         output.Write(block);
     };
 
@@ -161,16 +164,18 @@ int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector
         if (watchers.input) watchers.input(block, inPosition);
         const int64_t frames = int64_t(block.Frames());
         inPosition += frames;
-        processAndWrite();
+        runFrom(0, block.Frames());
         progress.Advance(frames);
     }
-    for (int64_t zeros = latency; zeros > 0;) {
-        const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
-        for (int c = 0; c < channels; ++c)
-            std::fill_n(block.Channel(c), frames, 0.0f);
-        block.SetFrames(frames);
-        processAndWrite();
-        zeros -= int64_t(frames);
+    // Silence after the input brings each stage's delayed tail out, through the stages after it.
+    for (std::size_t k = 0; k < stages.size(); ++k) {
+        for (int64_t zeros = stages[k]->Latency(); zeros > 0;) {
+            const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
+            for (int c = 0; c < channels; ++c)
+                std::fill_n(block.Channel(c), frames, 0.0f);
+            runFrom(k, frames);
+            zeros -= int64_t(frames);
+        }
     }
     output.Finish();
     return outPosition;

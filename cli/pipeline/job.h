@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "batch.h"
 #include "io/audio_block.h"
 #include "io/audio_format.h"
 #include "io/block_reader.h"
@@ -42,6 +43,7 @@ struct OutputOptions {
     bool force = false;
     int bits = 0;               // --bits: 8, 16, 24 or 32 bits integer PCM; 0 keeps the chosen encoding
     bool floatSamples = false;  // --float: 32-bit float samples
+    BatchOptions batch;         // refused in a single run
 };
 // Adds --force, --bits and --float.
 void AddOutputOptions(CLI::App& command, OutputOptions& options);
@@ -119,9 +121,9 @@ struct StreamWatchers {
 };
 
 // Streams the rest of `reader` through every stage in turn into `output`, advancing `progress` by
-// the frames read. The first (sum of the stages' latencies) frames are dropped and as many zeros
-// fed after the input, so the output has the input's length and is aligned with it sample for
-// sample. Returns the frames written.
+// the frames read. Each stage's first Latency() output frames are dropped and as many zeros fed
+// into it after its input, so every stage hears its input aligned and the output has the input's
+// length, aligned with it sample for sample. Returns the frames written.
 int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
                      const StreamWatchers& watchers = {});
 

@@ -154,6 +154,14 @@ JsonWriter& JsonWriter::Bool(bool value) {
     return *this;
 }
 
+JsonWriter& JsonWriter::Raw(std::string_view json) {
+    BeforeValue();
+    while (!json.empty() && (json.back() == '\n' || json.back() == ' '))
+        json.remove_suffix(1);
+    mOut << json;
+    return *this;
+}
+
 JsonWriter& JsonWriter::Null() {
     BeforeValue();
     mOut << "null";

@@ -30,6 +30,8 @@ public:
     JsonWriter& Int(int64_t value);
     JsonWriter& Bool(bool value);
     JsonWriter& Null();
+    // A whole JSON value written by another JsonWriter, as it stands.
+    JsonWriter& Raw(std::string_view json);
 
     static std::string Escape(std::string_view text);  // with the quotes
 

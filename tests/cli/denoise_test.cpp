@@ -132,6 +132,9 @@ TEST_F(DenoiseTest, BadCommandLinesOfDenoiseAndDehissSayOneLineAndTouchNothing) 
     mono.channels.resize(1);
     WriteAudio(dir / "mono.wav", mono);
     Ok({"denoise", P("mono.wav"), "--noise", "0:1.5", "--save-print", P("mono.knp"), "-q"});
+    Audio three = take.noisy;
+    three.channels.push_back(three.channels[0]);
+    WriteAudio(dir / "three.wav", three);
     Ok({"dehiss", P("in.wav"), "--noise", "0:1.5", "--save-print", P("hiss.khf"), "-q"});
     Audio fast = take.noisy;
     fast.rate = 48000;
@@ -155,7 +158,7 @@ TEST_F(DenoiseTest, BadCommandLinesOfDenoiseAndDehissSayOneLineAndTouchNothing) 
                                   {{"--print", P("fast.knp")}, 2, {"taken at 48000 Hz", "44100 Hz"}},
                                   {{"--print", P("damaged.knp")}, 3, {"checksum"}},
                                   {{"--print", P("missing.knp")}, 3, {"no such file"}},
-                                  {{"--noise-file", P("mono.wav")}, 2, {"1 channel(s)"}},
+                                  {{"--noise-file", P("three.wav")}, 2, {"3 channel(s)"}},
                                   {{"--noise-file", P("fast.wav")}, 2, {"at 48000 Hz, the input at 44100 Hz"}},
                                   {{"--noise-file", P("garbage.wav")}, 3, {"garbage.wav"}},
                                   {{"--noise", "0:1.5", "--reduction", "150"}, 2, {"--reduction 150", "out of range"}},

@@ -1,0 +1,98 @@
+// Chains and batches: a chain gives the samples of its commands run one after another, and a batch
+// the files of its command run file by file, whatever the number of workers; failures reported per
+// file, the others still written with --keep-going.
+
+#include <filesystem>
+
+#include "cli_test.h"
+
+namespace kesta_test {
+namespace {
+
+constexpr int kFloatWav = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+
+class PipelineTest : public CliTest {};
+
+TEST_F(PipelineTest, AChainEqualsItsCommandsRunOneAfterAnother) {
+    // Float files between the commands hold every value the chain holds in memory: exactly equal.
+    WriteAudio(dir / "in.wav", MakeNoisyTake(kFloatWav).noisy);
+    Ok({"denoise", P("in.wav"), P("t1.wav"), "-q", "--noise", "0:1", "--reduction", "30"});
+    Ok({"eq", P("t1.wav"), P("t2.wav"), "-q", "--band", "3000:1:-3", "--highpass", "80"});
+    Ok({"geq", P("t2.wav"), P("t3.wav"), "-q", "--gains=0,0,3,3,0,0,0,0,-2,-4"});
+    Ok({"gain", P("t3.wav"), P("one-by-one.wav"), "-q", "--db", "-1"});
+    const JsonValue report = Report({"chain", P("in.wav"), P("chained.wav"), "denoise:noise=0:1,reduction=30",
+                                     "eq:band=3000:1:-3,highpass=80", "geq:gains=0,0,3,3,0,0,0,0,-2,-4", "gain:db=-1"});
+    const Audio chained = ReadAudio(dir / "chained.wav"), expected = ReadAudio(dir / "one-by-one.wav");
+    ASSERT_EQ(chained.Frames(), expected.Frames());
+    ASSERT_EQ(chained.channels.size(), expected.channels.size());
+    EXPECT_EQ(LargestDifference(chained, expected), 0.0);
+    EXPECT_EQ(report["output"]["frames"].number, double(expected.Frames()));
+}
+
+TEST_F(PipelineTest, ChainStepsAreCheckedBeforeAnyFileIsWritten) {
+    WriteAudio(dir / "in.wav", MakeNoisyTake(kFloatWav, 2.0, 1.0).noisy);
+    ExpectRefusals("chain", {
+                                {{"reverb:size=3"}, 2, {"reverb"}},
+                                {{"gain:db=500"}, 2, {"--db"}},
+                                {{"gain:gian=1"}, 2, {"gain:gian=1"}},
+                                {{"eq:band=3000:1:-3", "denoise:noise=0:0.5"}, 2, {"first step"}},
+                                {{"denoise:noise=0:0.5,save-print=p.knp"}, 2, {"save"}},
+                            });
+}
+
+TEST_F(PipelineTest, ABatchWritesWhatSingleRunsWriteAndReportsABadFile) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 8; ++i) {
+        const std::string name = "in" + std::to_string(i) + ".wav";
+        Audio audio = StereoTone16();
+        audio.channels[0][100 + i] = 0.5;  // each file its own
+        WriteAudio(dir / name, audio);
+        names.push_back(name);
+        Ok({"gain", P(name), P("single-" + name), "--db", "-3"});
+    }
+    WriteBytes(dir / "in3.wav", "not audio");  // the fourth file is bad
+    for (const bool keepGoing : {false, true}) {
+        SCOPED_TRACE(keepGoing);
+        const std::string out = keepGoing ? "all" : "stop";
+        std::vector<std::string> args = {"gain", "--db", "-3", "-j", "2", "--out-dir", P(out), "--suffix", "-q3"};
+        for (const std::string& name : names)
+            args.push_back(P(name));
+        if (keepGoing) args.push_back("--keep-going");
+        const RunResult run = RunKesta(args);
+        EXPECT_EQ(run.exitCode, 3) << run.err;
+        EXPECT_NE(run.out.find("failed   " + P("in3.wav") + ": "), std::string::npos) << run.out;
+        int written = 0;
+        for (const std::string& name : names) {
+            const std::filesystem::path made = dir / out / (name.substr(0, name.size() - 4) + "-q3.wav");
+            if (!std::filesystem::exists(made)) continue;
+            ++written;
+            EXPECT_EQ(ReadBytes(made), ReadBytes(dir / ("single-" + name))) << name;
+        }
+        // Two workers: at most the file beside the bad one still running when it failed, and
+        // nothing started after; with --keep-going every good file.
+        if (keepGoing)
+            EXPECT_EQ(written, 7);
+        else
+            EXPECT_LE(written, 4);
+    }
+}
+
+TEST_F(PipelineTest, AMonoNoiseFileServesEveryChannel) {
+    const NoisyTake take = MakeNoisyTake(kFloatWav, 3.0, 1.5);
+    WriteAudio(dir / "in.wav", take.noisy);
+    Audio mono = take.noisy, doubled = take.noisy;
+    mono.channels.resize(1);
+    doubled.channels[1] = doubled.channels[0];
+    WriteAudio(dir / "mono.wav", mono);
+    WriteAudio(dir / "doubled.wav", doubled);
+    for (const char* command : {"denoise", "dehiss"}) {
+        SCOPED_TRACE(command);
+        Ok({command, P("in.wav"), P("from-mono.wav"), "-q", "-f", "--noise-file", P("mono.wav"), "--noise", "0:1.4"});
+        Ok({command, P("in.wav"), P("from-doubled.wav"), "-q", "-f", "--noise-file", P("doubled.wav"), "--noise",
+            "0:1.4"});
+        EXPECT_EQ(ReadBytes(dir / "from-mono.wav"), ReadBytes(dir / "from-doubled.wav"));
+    }
+}
+
+}  // namespace
+}  // namespace kesta_test
