@@ -43,7 +43,7 @@ struct Command {
     std::function<int()> run;
     // The processor with the parsed settings, for chains and batches; empty for commands that do
     // not turn audio into audio.
-    std::function<std::unique_ptr<Stage>(const StageInput&)> stage;
+    std::function<std::unique_ptr<Stage>(const StageInput&)> stage = nullptr;
 };
 
 Command AddSelfcheckCommand(CLI::App& kesta);
