@@ -54,7 +54,7 @@ TEST_F(PipelineTest, ABatchWritesWhatSingleRunsWriteAndReportsABadFile) {
     for (const bool keepGoing : {false, true}) {
         SCOPED_TRACE(keepGoing);
         const std::string out = keepGoing ? "all" : "stop";
-        std::vector<std::string> args = {"gain", "--db", "-3", "-j", "2", "--out-dir", P(out), "--suffix", "-q3"};
+        std::vector<std::string> args = {"gain", "--db", "-3", "-j", "2", "--out-dir", P(out), "--suffix", "_q3"};
         for (const std::string& name : names)
             args.push_back(P(name));
         if (keepGoing) args.push_back("--keep-going");
@@ -63,7 +63,7 @@ TEST_F(PipelineTest, ABatchWritesWhatSingleRunsWriteAndReportsABadFile) {
         EXPECT_NE(run.out.find("failed   " + P("in3.wav") + ": "), std::string::npos) << run.out;
         int written = 0;
         for (const std::string& name : names) {
-            const std::filesystem::path made = dir / out / (name.substr(0, name.size() - 4) + "-q3.wav");
+            const std::filesystem::path made = dir / out / (name.substr(0, name.size() - 4) + "_q3.wav");
             if (!std::filesystem::exists(made)) continue;
             ++written;
             EXPECT_EQ(ReadBytes(made), ReadBytes(dir / ("single-" + name))) << name;
