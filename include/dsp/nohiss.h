@@ -71,9 +71,20 @@ struct NOHISS {
 // sampleRate 44100, channels 2, frameCount 0, kneeDb 7, outputMode 1, reductionDb 24,
 // smoothingPercent 65, tuningC 14. The array pointers are not touched.
 KESTADSP_API void SetDefaultParameter(NOHISS* record);
+// The shapes the record functions give arrays to: 1 ... kMaxChannels channels (the frame engine's
+// limit) and an fftSize of 1 ... kMaxFftSize. A record of any other shape (a negative or zero
+// count, or one beyond these) has no arrays: nothing is allocated for it and only its scalar
+// fields are copied.
+inline constexpr int kMaxChannels = 32;
+inline constexpr int kMaxFftSize = 65536;
+
+// The host's part of the functions below, which the library cannot check in general (debug builds
+// assert it for arrays the library allocated): a record's arrays are at least as large as its
+// channels and fftSize declare.
+
 // Gives the record zeroed floorLevel, floorRows and thresholdRows for its `channels` and
-// `fftSize` (nothing when either is below 1). The record must not hold arrays: what it held is
-// not freed (call FreeArrays first).
+// `fftSize` (nothing, all pointers null, for a shape outside the limits). The record must not hold
+// arrays: what it held is not freed (call FreeArrays first).
 KESTADSP_API void AllocateArrays(NOHISS* record);
 // Releases the arrays and nulls the pointers; a record without arrays is left as it is.
 KESTADSP_API void FreeArrays(NOHISS* record);

@@ -75,21 +75,35 @@ struct KESTADSP_API NONOISE {
 // nothing else: the arrays, transitionDb, optionInt, optionFlagA, frameCount and printFlag keep
 // what they held.
 KESTADSP_API void SetDefaultParameter(NONOISE* p);
+// The shapes the record functions give arrays to: 1 ... kMaxChannels channels (the frame engine's
+// limit) and an fftSize of 1 ... kMaxFftSize (the largest power of two an int16 holds). A record
+// of any other shape (a negative or zero count, or one beyond these) has no arrays: the functions
+// below allocate nothing for it, copy only its scalar fields, and release nothing.
+inline constexpr int kMaxChannels = 32;
+inline constexpr int kMaxFftSize = 16384;
+
+// The host's part of every function below, which the library cannot check in general (debug
+// builds assert it for arrays the library allocated): a record's arrays are at least as large as
+// its channels and fftSize declare, and arrays AllocateArrays (or a copy) made are released with
+// FreeArrays, with the shape they were made for.
+
 // Zeroed arrays for `channels` channels and fftSize bins (overwrites the pointers; free first).
+// For a shape outside the limits above every array pointer becomes null and nothing is allocated.
 KESTADSP_API void AllocateArrays(NONOISE* p);
-// Releases the arrays and clears printFlag. A record with channels == 0 is left entirely alone
-// (whatever it points to is not released).
+// Releases the arrays and clears printFlag. A record with channels == 0, or with a count outside
+// 1 ... kMaxChannels, is left entirely alone (whatever it points to is not released).
 KESTADSP_API void FreeArrays(NONOISE* p);
 // Copies every field but reservedBlock, and the contents of all arrays. With `allocate`, dst first
 // gets fresh arrays of src's shape (whatever dst held is not released); without, dst's arrays must
-// already have that shape.
+// already have that shape. A src of a shape outside the limits gives dst its scalars and no arrays.
 KESTADSP_API void CopyNoNoise(const NONOISE* src, NONOISE* dst, bool allocate);
-// A new record (delete it after FreeArrays) holding a deep copy of src.
+// A new record (delete it after FreeArrays) holding a deep copy of src. A clone of a record without
+// channels holds no arrays, so FreeArrays and delete leave nothing behind.
 KESTADSP_API NONOISE* CloneNoNoise(const NONOISE* src);
 // Makes dst a one-channel record holding channel `channel` of src. dst's arrays are replaced when
-// its fftSize differs from src's or when `allocate` is set; the bin rows are copied only when
-// `channel` exists in src (else they stay zero). dcMin/dcMax always take src's channel-0 values:
-// stored single-channel prints carry them that way.
+// its fftSize differs from src's or when `allocate` is set (else they must hold one channel of
+// src's fftSize); the bin rows are copied only when `channel` exists in src (else they stay zero).
+// dcMin/dcMax always take src's channel-0 values: stored single-channel prints carry them that way.
 KESTADSP_API void CopyMultiChannelNoNoiseToSingleChannelNoNoise(const NONOISE* src, NONOISE* dst, int channel,
                                                                 bool allocate);
 

@@ -1,12 +1,16 @@
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
 #include "dsp/nohiss.h"
+#include "dsp/restoration/nohiss/hiss_record.h"
 
 namespace dsp::nohiss {
 
 void ComputeThresholdsFromFloor(NOHISS* record, float sensitivityDb, int spreadBins) {
-    if (record->floorRows == nullptr || record->thresholdRows == nullptr) return;
+    if (record->floorRows == nullptr || record->thresholdRows == nullptr || !record_checks::ValidShape(record)) return;
+    assert(record_checks::ArraysHold(record, record->channels, record->fftSize) &&
+           "ComputeThresholdsFromFloor: more channels or bins than the record's arrays hold");
     const int N = record->fftSize;
     const int half = N / 2;
     const int spread = std::max(spreadBins, 0);

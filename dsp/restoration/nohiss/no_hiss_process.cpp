@@ -8,6 +8,7 @@
 #include "dsp/core/kernel_dispatch.h"
 #include "dsp/nohiss.h"
 #include "dsp/restoration/nohiss/hiss_kernels.h"
+#include "dsp/restoration/nohiss/hiss_record.h"
 
 namespace dsp::nohiss {
 
@@ -162,6 +163,8 @@ void NoHissProcess::TakeChannel(const NOHISS* record, int channel) {
     dsp::nohiss::AllocateArrays(&single);
     if (single.floorRows != nullptr && channel >= 0 && channel < record->channels) {
         const int N = single.fftSize;
+        assert(record_checks::ArraysHold(record, record->channels, N) &&
+               "the record declares more channels or bins than its arrays hold");
         if (record->floorLevel != nullptr) single.floorLevel[0] = record->floorLevel[channel];
         if (record->floorRows != nullptr) std::copy_n(record->floorRows[channel], N, single.floorRows[0]);
         if (record->thresholdRows != nullptr) std::copy_n(record->thresholdRows[channel], N, single.thresholdRows[0]);

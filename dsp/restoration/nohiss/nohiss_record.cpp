@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <memory>
 
+#include "dsp/core/record_array_sizes.h"
 #include "dsp/nohiss.h"
+#include "dsp/restoration/nohiss/hiss_record.h"
 
 namespace dsp::nohiss {
 
@@ -22,12 +24,31 @@ void SetDefaultParameter(NOHISS* record) {
     record->tuningC = 14;
 }
 
+namespace record_checks {
+
+bool ValidShape(const NOHISS* record) {
+    return record->channels >= 1 && record->channels <= kMaxChannels && record->fftSize >= 1 &&
+           record->fftSize <= kMaxFftSize;
+}
+
+bool ArraysHold(const NOHISS* record, int channels, int n) {
+    using dsp::detail::ArrayHolds;
+    const auto C = static_cast<std::size_t>(channels), cells = C * static_cast<std::size_t>(n);
+    // Each kind is one block reached through row 0; a host's own rows are taken on trust.
+    auto blockHolds = [&](auto* const* table) {
+        return table == nullptr || (ArrayHolds(table, C) && ArrayHolds(table[0], cells));
+    };
+    return ArrayHolds(record->floorLevel, C) && blockHolds(record->floorRows) && blockHolds(record->thresholdRows);
+}
+
+}  // namespace record_checks
+
 void AllocateArrays(NOHISS* record) {
     assert(record->floorLevel == nullptr && record->floorRows == nullptr && record->thresholdRows == nullptr &&
            "AllocateArrays on a record that holds arrays: FreeArrays first");
     const int C = record->channels;
     const int N = record->fftSize;
-    if (C < 1 || N < 1) {
+    if (!record_checks::ValidShape(record)) {
         record->floorLevel = nullptr;
         record->floorRows = nullptr;
         record->thresholdRows = nullptr;
@@ -45,23 +66,36 @@ void AllocateArrays(NOHISS* record) {
         floorTable[c] = floorBlock.get() + c * static_cast<std::size_t>(N);
         thresholdTable[c] = thresholdBlock.get() + c * static_cast<std::size_t>(N);
     }
-    floorBlock.release();
-    thresholdBlock.release();
+    dsp::detail::NoteArrayLength(level.get(), rows);
+    dsp::detail::NoteArrayLength(floorBlock.release(), cells);
+    dsp::detail::NoteArrayLength(floorTable.get(), rows);
+    dsp::detail::NoteArrayLength(thresholdBlock.release(), cells);
+    dsp::detail::NoteArrayLength(thresholdTable.get(), rows);
     record->floorLevel = level.release();
     record->floorRows = floorTable.release();
     record->thresholdRows = thresholdTable.release();
 }
 
+namespace {
+
+template <typename T>
+void Release(T* array) {
+    dsp::detail::ForgetArrayLength(array);
+    delete[] array;
+}
+
+}  // namespace
+
 void FreeArrays(NOHISS* record) {
     if (record->floorRows != nullptr) {
-        delete[] record->floorRows[0];
-        delete[] record->floorRows;
+        Release(record->floorRows[0]);
+        Release(record->floorRows);
     }
     if (record->thresholdRows != nullptr) {
-        delete[] record->thresholdRows[0];
-        delete[] record->thresholdRows;
+        Release(record->thresholdRows[0]);
+        Release(record->thresholdRows);
     }
-    delete[] record->floorLevel;
+    Release(record->floorLevel);
     record->floorLevel = nullptr;
     record->floorRows = nullptr;
     record->thresholdRows = nullptr;
@@ -87,7 +121,9 @@ void CopyParameter(const NOHISS* src, NOHISS* dst) {
     dst->tuningC = src->tuningC;
 
     if (reshape) AllocateArrays(dst);
-    if (dst->floorRows == nullptr) return;  // no channels or no bins
+    if (dst->floorRows == nullptr) return;  // no channels or no bins, or beyond the limits
+    assert(record_checks::ArraysHold(src, src->channels, src->fftSize) &&
+           "CopyParameter: src declares more channels or bins than its arrays hold");
 
     const std::size_t rows = static_cast<std::size_t>(dst->channels);
     if (src->floorLevel != nullptr) {

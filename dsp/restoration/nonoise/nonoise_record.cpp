@@ -1,11 +1,13 @@
 // The NONOISE record's free functions and the family's record helpers.
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 #include <numbers>
 #include <type_traits>
 
+#include "dsp/core/record_array_sizes.h"
 #include "dsp/nonoise.h"
 #include "dsp/restoration/nonoise/record_storage.h"
 
@@ -15,21 +17,51 @@ static_assert(std::is_trivially_copyable_v<NONOISE>, "NONOISE is a plain record"
 
 namespace {
 
+using dsp::detail::ArrayHolds;
+using dsp::detail::RowsHold;
+
+bool ValidChannels(int channels) {
+    return channels >= 1 && channels <= kMaxChannels;
+}
+
+// The shape AllocateArrays gives arrays for; any other record holds none the library made.
+bool ValidShape(const NONOISE* p) {
+    return ValidChannels(p->channels) && p->fftSize >= 1 && p->fftSize <= kMaxFftSize;
+}
+
+template <typename T>
+T* NewArray(int n) {
+    T* array = new T[static_cast<std::size_t>(n)]();
+    dsp::detail::NoteArrayLength(array, static_cast<std::size_t>(n));
+    return array;
+}
+
+template <typename T>
+void DeleteArray(T*& array) {
+    dsp::detail::ForgetArrayLength(array);
+    delete[] array;
+    array = nullptr;
+}
+
 double** NewRows(int channels, int n) {
-    double** rows = new double*[static_cast<std::size_t>(channels)];
+    double** rows = NewArray<double*>(channels);
     for (int c = 0; c < channels; ++c)
-        rows[c] = nullptr;
-    for (int c = 0; c < channels; ++c)
-        rows[c] = new double[static_cast<std::size_t>(n)]();
+        rows[c] = NewArray<double>(n);
     return rows;
 }
 
 void DeleteRows(double**& rows, int channels) {
     if (rows == nullptr) return;
     for (int c = 0; c < channels; ++c)
-        delete[] rows[c];
-    delete[] rows;
-    rows = nullptr;
+        DeleteArray(rows[c]);
+    DeleteArray(rows);
+}
+
+// The host's side of the copy functions: arrays at least as large as the record declares.
+[[maybe_unused]] bool ArraysHold(const NONOISE* p, int channels, int n) {
+    const auto C = static_cast<std::size_t>(channels), N = static_cast<std::size_t>(n);
+    return RowsHold(p->binRms, C, N) && RowsHold(p->binMin, C, N) && RowsHold(p->binMax, C, N) &&
+           ArrayHolds(p->dcMin, C) && ArrayHolds(p->dcMax, C) && ArrayHolds(p->thresholdCurve, N);
 }
 
 template <typename T>
@@ -78,21 +110,33 @@ void SetDefaultParameter(NONOISE* p) {
 }
 
 void AllocateArrays(NONOISE* p) {
+    p->binRms = p->binMin = p->binMax = nullptr;
+    p->dcMin = p->dcMax = nullptr;
+    p->thresholdCurve = nullptr;
+    if (!ValidShape(p)) return;
     const int C = p->channels;
     const int N = p->fftSize;
     p->binRms = NewRows(C, N);
     p->binMin = NewRows(C, N);
     p->binMax = NewRows(C, N);
-    p->dcMin = new double[static_cast<std::size_t>(C)]();
-    p->dcMax = new double[static_cast<std::size_t>(C)]();
-    p->thresholdCurve = new float[static_cast<std::size_t>(N)]();
+    p->dcMin = NewArray<double>(C);
+    p->dcMax = NewArray<double>(C);
+    p->thresholdCurve = NewArray<float>(N);
 }
 
 void FreeArrays(NONOISE* p) {
     // A record that claims no channels is left entirely alone, printFlag and arrays included: a
     // zeroed record frees harmlessly, and a record whose channel count was cleared keeps its
-    // arrays (the owner must release them another way).
+    // arrays (the owner must release them another way). A count outside 1 ... kMaxChannels says
+    // nothing about the rows, so nothing is released either (AllocateArrays made none for it).
     if (p->channels == 0) return;
+    if (!ValidChannels(p->channels)) {
+        assert(p->binRms == nullptr && p->binMin == nullptr && p->binMax == nullptr &&
+               "FreeArrays: the channel count changed after AllocateArrays");
+        return;
+    }
+    assert(ArrayHolds(p->binRms, p->channels) && ArrayHolds(p->binMin, p->channels) &&
+           ArrayHolds(p->binMax, p->channels) && "FreeArrays: more channels than the record's arrays hold");
     detail::ReleaseRecordArrays(p);
 }
 
@@ -101,8 +145,11 @@ void CopyNoNoise(const NONOISE* src, NONOISE* dst, bool allocate) {
     dst->channels = src->channels;
     if (allocate) AllocateArrays(dst);
     CopyScalars(src, dst);
+    if (!ValidShape(src)) return;  // a record of that shape holds no arrays to copy
     const int C = src->channels;
     const int N = src->fftSize;
+    assert(ArraysHold(src, C, N) && "CopyNoNoise: src declares more channels or bins than its arrays hold");
+    assert(ArraysHold(dst, C, N) && "CopyNoNoise: dst's arrays are smaller than src's shape");
     for (int c = 0; c < C; ++c) {
         CopyRow(src->binRms, c, dst->binRms, c, N);
         CopyRow(src->binMin, c, dst->binMin, c, N);
@@ -127,7 +174,10 @@ void CopyMultiChannelNoNoiseToSingleChannelNoNoise(const NONOISE* src, NONOISE* 
     dst->channels = 1;
     if (allocate || resized) AllocateArrays(dst);
     CopyScalars(src, dst);
+    if (!ValidShape(src)) return;  // a record of that shape holds no arrays to copy
     const int N = src->fftSize;
+    assert(ArraysHold(src, src->channels, N) && "src declares more channels or bins than its arrays hold");
+    assert(ArraysHold(dst, 1, N) && "dst's arrays are smaller than one channel of src's shape");
     if (channel >= 0 && channel < src->channels) {
         CopyRow(src->binRms, channel, dst->binRms, 0, N);
         CopyRow(src->binMin, channel, dst->binMin, 0, N);
@@ -135,26 +185,22 @@ void CopyMultiChannelNoNoiseToSingleChannelNoNoise(const NONOISE* src, NONOISE* 
     }
     // The DC extremes come from channel 0 whichever channel is taken. Nothing downstream reads
     // them, and single-channel prints already stored carry them this way, so it stays.
-    if (src->channels > 0) {
-        CopyValues(src->dcMin, dst->dcMin, 1);
-        CopyValues(src->dcMax, dst->dcMax, 1);
-    }
+    CopyValues(src->dcMin, dst->dcMin, 1);
+    CopyValues(src->dcMax, dst->dcMax, 1);
     CopyValues(src->thresholdCurve, dst->thresholdCurve, N);
 }
 
 namespace detail {
 
 void ReleaseRecordArrays(NONOISE* p) {
-    const int C = std::max<int>(p->channels, 0);
+    // Rows exist only for a channel count AllocateArrays accepts; the tables are released anyway.
+    const int C = ValidChannels(p->channels) ? p->channels : 0;
     DeleteRows(p->binRms, C);
     DeleteRows(p->binMin, C);
     DeleteRows(p->binMax, C);
-    delete[] p->dcMin;
-    delete[] p->dcMax;
-    delete[] p->thresholdCurve;
-    p->dcMin = nullptr;
-    p->dcMax = nullptr;
-    p->thresholdCurve = nullptr;
+    DeleteArray(p->dcMin);
+    DeleteArray(p->dcMax);
+    DeleteArray(p->thresholdCurve);
     p->printFlag = false;
 }
 

@@ -5,13 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
+#include <utility>
 
 #include "dsp/nohiss.h"
 #include "restoration/restoration_setup.h"
+#include "support/allocation_counter.h"
 
 namespace {
 
@@ -73,11 +76,45 @@ TEST(NoHissRecord, FreeArraysNullsThePointersWhateverTheChannelCountSays) {
     r.channels = 1;
     dsp::nohiss::FreeArrays(&r);
     EXPECT_EQ(r.floorRows, nullptr);
-
-    NOHISS empty{};
-    dsp::nohiss::AllocateArrays(&empty);  // no channels: nothing to allocate
-    EXPECT_EQ(empty.floorRows, nullptr);
 }
+
+// A shape outside 1 ... 32 channels and 1 ... 65536 bins (none, negative, too large) gets no arrays
+// and allocates nothing; copying such a record takes its scalars and leaves the copy without
+// arrays; thresholds are not computed for it.
+TEST(NoHissRecord, InvalidShapesGetNoArraysAndAllocateNothing) {
+    const std::pair<int, int> shapes[] = {{0, 64}, {-1, 4096}, {2, -1}, {33, 64}, {2, 1 << 17}, {INT32_MAX, INT32_MAX}};
+    for (const auto& [channels, fftSize] : shapes) {
+        SCOPED_TRACE(testing::Message() << channels << " x " << fftSize);
+        NOHISS bad{};
+        bad.channels = channels;
+        bad.fftSize = fftSize;
+        bad.kneeDb = 3.5f;
+        {
+            kesta::test::AllocationCounter counter;
+            dsp::nohiss::AllocateArrays(&bad);
+            dsp::nohiss::ComputeThresholdsFromFloor(&bad);
+            EXPECT_EQ(counter.Count(), 0);
+        }
+        EXPECT_TRUE(!bad.floorLevel && !bad.floorRows && !bad.thresholdRows);
+        Record copy(2, 64);
+        dsp::nohiss::CopyParameter(&bad, &copy.r);
+        EXPECT_TRUE(!copy.r.floorLevel && !copy.r.floorRows && !copy.r.thresholdRows);
+        EXPECT_EQ(std::tuple(copy.r.channels, copy.r.fftSize, copy.r.kneeDb), std::tuple(channels, fftSize, 3.5f));
+        dsp::nohiss::FreeArrays(&bad);
+    }
+}
+
+#ifndef NDEBUG
+// The host's contract, asserted in debug builds: a record never declares more than its arrays hold.
+TEST(NoHissRecordDeathTest, ARecordDeclaringMoreThanItHoldsIsCaught) {
+    Record grown(2, 64);
+    grown.r.channels = 3;
+    EXPECT_DEATH(dsp::nohiss::ComputeThresholdsFromFloor(&grown.r), "more channels or bins");
+    Record copy(3, 64);
+    EXPECT_DEATH(dsp::nohiss::CopyParameter(&grown.r, &copy.r), "more channels or bins");
+    grown.r.channels = 2;
+}
+#endif
 
 TEST(NoHissRecord, CopyParameterCopiesScalarsAndArrayContentsDeeply) {
     Record src(3, 32);

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstring>
 #include <tuple>
+#include <utility>
 
 #include "dsp/nonoise.h"
+#include "support/allocation_counter.h"
 
 namespace {
 
@@ -137,5 +139,67 @@ TEST(NoNoiseRecord, SingleChannelCopyTakesTheChannelsRowsButChannelZerosDcExtrem
     dsp::nonoise::FreeArrays(&smaller);
     dsp::nonoise::FreeArrays(&src);
 }
+
+// A shape outside 1 ... 32 channels and 1 ... 16384 bins (negative, zero, too large) gets no
+// arrays: nothing is allocated (not SIZE_MAX bytes, not 25 GB for 32767 channels), copies and
+// clones take the scalars only, and freeing and deleting a clone leaves nothing behind.
+TEST(NoNoiseRecord, InvalidShapesGetNoArraysAndLeaveNothingBehind) {
+    long long perAllocation = 0;  // what one `new` counts as (the counter may see new and malloc)
+    {
+        kesta::test::AllocationCounter counter;
+        NONOISE* volatile one = new NONOISE;
+        perAllocation = counter.Count();
+        delete one;
+    }
+    const std::pair<int, int> shapes[] = {{-1, 4096}, {2, -16},       {0, 4096}, {2, 0},
+                                          {33, 64},   {32767, 16384}, {2, 32767}};
+    for (const auto& [channels, fftSize] : shapes) {
+        SCOPED_TRACE(testing::Message() << channels << " x " << fftSize);
+        NONOISE p;
+        p.channels = static_cast<int16_t>(channels);
+        p.fftSize = static_cast<int16_t>(fftSize);
+        p.thresholdOffset = 0.5;
+        kesta::test::AllocationCounter counter;
+        dsp::nonoise::AllocateArrays(&p);
+        NONOISE* clone = dsp::nonoise::CloneNoNoise(&p);
+        NONOISE single;
+        dsp::nonoise::CopyMultiChannelNoNoiseToSingleChannelNoNoise(&p, &single, 0, true);
+        // The clone itself, and the one-channel copy's nine arrays where the FFT size allows them.
+        EXPECT_EQ(counter.Count(), perAllocation * (1 + (fftSize >= 1 && fftSize <= 16384 ? 9 : 0)));
+        for (const NONOISE* r : {static_cast<const NONOISE*>(&p), static_cast<const NONOISE*>(clone)}) {
+            EXPECT_TRUE(r->binMin == nullptr && r->binMax == nullptr && r->binRms == nullptr && r->dcMin == nullptr &&
+                        r->dcMax == nullptr && r->thresholdCurve == nullptr);
+        }
+        EXPECT_EQ(clone->thresholdOffset, 0.5);
+        EXPECT_EQ(single.thresholdOffset, 0.5);
+        dsp::nonoise::FreeArrays(&single);
+        dsp::nonoise::FreeArrays(clone);
+        delete clone;
+        dsp::nonoise::FreeArrays(&p);
+    }
+    // The largest shape still gets its arrays.
+    NONOISE largest;
+    largest.channels = 32;
+    largest.fftSize = 16384;
+    dsp::nonoise::AllocateArrays(&largest);
+    ASSERT_NE(largest.binMax, nullptr);
+    EXPECT_EQ(largest.binMax[31][16383], 0.0);
+    dsp::nonoise::FreeArrays(&largest);
+}
+
+#ifndef NDEBUG
+// The host's contract, asserted in debug builds: a record never declares more than its arrays hold.
+TEST(NoNoiseRecordDeathTest, ARecordDeclaringMoreThanItHoldsIsCaught) {
+    NONOISE grown = MakeDistinctRecord(2, 64);
+    grown.channels = 3;
+    NONOISE copy;
+    EXPECT_DEATH(dsp::nonoise::CopyNoNoise(&grown, &copy, true), "more channels or bins");
+    grown.channels = 2;
+    grown.fftSize = 128;
+    EXPECT_DEATH(dsp::nonoise::CopyMultiChannelNoNoiseToSingleChannelNoNoise(&grown, &copy, 1, true), "more channels");
+    grown.fftSize = 64;
+    dsp::nonoise::FreeArrays(&grown);
+}
+#endif
 
 }  // namespace
