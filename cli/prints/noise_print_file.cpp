@@ -188,6 +188,21 @@ public:
             Values(name, int(c), rows[c], count, 0.0, kLargestMagnitude, "a magnitude");
     }
 
+    // Each bin's minimum, RMS and maximum rise in that order (the RMS within rounding of either
+    // end), as any capture gives them. The gain rule scales the knee by RMS/maximum and the
+    // ceiling by minimum/maximum, so a maximum far below the others overflows both.
+    void Ordered(const NONOISE& r, std::size_t channels, std::size_t count) const {
+        constexpr double kRounding = 1e-9;
+        for (std::size_t c = 0; c < channels; ++c)
+            for (std::size_t k = 0; k < count; ++k) {
+                const double mn = r.binMin[c][k], avg = r.binRms[c][k], mx = r.binMax[c][k];
+                if (mn <= mx && avg <= mx * (1.0 + kRounding) && avg >= mn * (1.0 - kRounding)) continue;
+                Damaged(mPath, "its statistics of channel " + std::to_string(c + 1) + " at entry " + std::to_string(k) +
+                                   " are out of order (binMin " + Number(mn) + ", binRms " + Number(avg) + ", binMax " +
+                                   Number(mx) + "; a bin's minimum, RMS and maximum rise in that order)");
+            }
+    }
+
     // Where the print was taken: frames from 0 on, its end within 64-bit frame positions.
     void Span(const PrintSpan& span) const {
         if (span.start < 0 || span.frames < 0 || span.start > INT64_MAX - span.frames)
@@ -408,6 +423,7 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
         check.Magnitudes("binMin", r.binMin, C, bins);
         check.Magnitudes("binMax", r.binMax, C, bins);
         check.Magnitudes("binRms", r.binRms, C, bins);
+        check.Ordered(r, C, bins);
         check.Values("thresholdCurve", -1, r.thresholdCurve, bins, -kLargestPosition, kLargestPosition, "a position");
         file.noise = std::move(record);
     } else {

@@ -25,8 +25,11 @@ std::string SamplePrint(int channels, int fftSize, int rate, PrintSpan span) {
     NoNoisePtr r = MakeNoNoise(channels, fftSize);
     r->thresholdOffset = 0.75;
     for (int c = 0; c < channels; ++c)
-        for (int k = 0; k < fftSize; ++k)
+        for (int k = 0; k < fftSize; ++k) {
             r->binMin[c][k] = 1.0 + c * 1000 + k;
+            r->binRms[c][k] = 2.0 * r->binMin[c][k];
+            r->binMax[c][k] = 3.0 * r->binMin[c][k];
+        }
     return EncodeNoisePrint(*r, rate, span);
 }
 
@@ -150,6 +153,18 @@ TEST(NoisePrintFileTest, EditedValuesOutsideTheirRangesAreRefusedInOneLine) {
         {[&](NONOISE& r, PrintSpan&) { r.binMax[0][32] = inf; }, "binMax of channel 1 holds inf at entry 32"},
         {[&](NONOISE& r, PrintSpan&) { r.binRms[1][3] = 1e300; }, "binRms of channel 2 holds 1e+300"},
         {[&](NONOISE& r, PrintSpan&) { r.dcMax[1] = -0.5; }, "dcMax holds -0.5"},
+        // A maximum far below the bin's minimum and RMS made the gain rule overflow to NaN.
+        {[&](NONOISE& r, PrintSpan&) {
+             r.binMin[1][5] = 0.001;
+             r.binRms[1][5] = 0.002;
+             r.binMax[1][5] = 7e-312;
+         },
+         "statistics of channel 2 at entry 5 are out of order"},
+        {[&](NONOISE& r, PrintSpan&) {
+             r.binRms[0][9] = 0.5;
+             r.binMax[0][9] = 0.4;
+         },
+         "binRms 0.5, binMax 0.4"},
         {[&](NONOISE& r, PrintSpan&) { r.thresholdCurve[5] = float(nan); }, "thresholdCurve holds nan"},
         {[&](NONOISE& r, PrintSpan&) { r.thresholdOffset = -inf; }, "thresholdOffset is -inf"},
         {[&](NONOISE& r, PrintSpan&) { r.precisionExponent = -1.0; }, "precisionExponent is -1"},
