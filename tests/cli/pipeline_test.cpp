@@ -68,12 +68,13 @@ TEST_F(PipelineTest, ABatchWritesWhatSingleRunsWriteAndReportsABadFile) {
             ++written;
             EXPECT_EQ(ReadBytes(made), ReadBytes(dir / ("single-" + name))) << name;
         }
-        // Two workers: at most the file beside the bad one still running when it failed, and
-        // nothing started after; with --keep-going every good file.
+        // With --keep-going every good file. Without, nothing starts once the failure is seen;
+        // how many good files the other worker finished before then depends on the scheduler
+        // (the bad file fails at once, so never all of them).
         if (keepGoing)
             EXPECT_EQ(written, 7);
         else
-            EXPECT_LE(written, 4);
+            EXPECT_LT(written, 7);
     }
 }
 
