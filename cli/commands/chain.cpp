@@ -192,11 +192,7 @@ int RunChain(const ChainOptions& options) {
             json.Number(change);
         json.EndArray();
         json.EndObject();
-        json.Key("timings").BeginObject();
-        json.Key("process_seconds").Number(processSeconds);
-        json.Key("total_seconds").Number(clock.Seconds());
-        WriteRealTimeFactor(json, frames, format.sampleRate, processSeconds);
-        json.EndObject();
+        WriteTimings(json, frames, format.sampleRate, processSeconds, clock.Seconds());
         WriteWarnings(json, console.Warnings());
         json.Key("seconds").Number(clock.Seconds());
         json.EndObject();

@@ -305,11 +305,7 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
         } else {
             json.Key("response").Null();
         }
-        json.Key("timings").BeginObject();
-        json.Key("process_seconds").Number(processSeconds);
-        json.Key("total_seconds").Number(seconds);
-        WriteRealTimeFactor(json, frames, rate, processSeconds);
-        json.EndObject();
+        WriteTimings(json, frames, rate, processSeconds, seconds);
         WriteWarnings(json, console.Warnings());
         json.Key("seconds").Number(seconds);
         json.EndObject();

@@ -574,12 +574,7 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
         } else {
             json.Key("output").Null();
         }
-        json.Key("timings").BeginObject();
-        json.Key("capture_seconds").Number(captureSeconds);
-        json.Key("process_seconds").Number(processSeconds);
-        json.Key("total_seconds").Number(seconds);
-        WriteRealTimeFactor(json, frames, rate, processSeconds);
-        json.EndObject();
+        WriteTimings(json, frames, rate, processSeconds, seconds, captureSeconds);
         WriteWarnings(json, console.Warnings());
         json.Key("seconds").Number(seconds);
         json.EndObject();

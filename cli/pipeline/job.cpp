@@ -205,4 +205,14 @@ void WriteRealTimeFactor(JsonWriter& json, int64_t frames, int rate, double seco
         json.Key("realtime_factor").Null();
 }
 
+void WriteTimings(JsonWriter& json, int64_t frames, int rate, double processSeconds, double totalSeconds,
+                  std::optional<double> captureSeconds) {
+    json.Key("timings").BeginObject();
+    if (captureSeconds) json.Key("capture_seconds").Number(*captureSeconds);
+    json.Key("process_seconds").Number(processSeconds);
+    json.Key("total_seconds").Number(totalSeconds);
+    WriteRealTimeFactor(json, frames, rate, processSeconds);
+    json.EndObject();
+}
+
 }  // namespace kesta

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -135,5 +136,9 @@ void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOut
 std::string RealTimeText(int64_t frames, int rate, double seconds);
 // "realtime_factor" as a field of the object being written (null when nothing was timed).
 void WriteRealTimeFactor(JsonWriter& json, int64_t frames, int rate, double seconds);
+// The "timings" object of a report: a capture pass's seconds when there was one, the processing
+// and total seconds, and the processing's real-time factor.
+void WriteTimings(JsonWriter& json, int64_t frames, int rate, double processSeconds, double totalSeconds,
+                  std::optional<double> captureSeconds = std::nullopt);
 
 }  // namespace kesta
