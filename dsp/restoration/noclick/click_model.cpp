@@ -250,14 +250,15 @@ bool ClickModel::EstimateGrid(const int* t, int k, double& period, double& phase
 
 // Windows of kWindow samples stepped by kWindowStep: where a window holds at least 4 onsets that
 // (all but fewer than a third) sit on a common grid, those onsets are a rhythm or a buzz, and
-// their runs are cleared at the end. The last window ends at the block's end, so every onset is
-// tested in at least one window.
+// their runs are cleared at the end. Windows start below count - kWindow, so the last one ends
+// kWindowStep samples before the block does: onsets in that tail are judged only by the next
+// detection block, which analyses the stretch again (FindClicks holds those runs back for it).
 void ClickModel::RejectPeriodicTrains(int count) {
     uint8_t* periodic = mScratch.data();
     std::fill(periodic, periodic + mNumOnsets, uint8_t{0});
     int* rel = mRelative.data();
     int first = 0;
-    for (int ws = 0; ws + kWindow <= count; ws += kWindowStep) {
+    for (int ws = 0; ws < count - kWindow; ws += kWindowStep) {
         while (first < mNumOnsets && mOnsets[first].start < ws)
             ++first;
         int k = 0;

@@ -63,11 +63,12 @@ long long FindClicks::Analyze(int32_t /*pass*/, float** data, int numChannels, i
 // read began at mRingPosition (pos - 3072 when the host hands over 2048 frames per call).
 //
 // A block can only judge a regular train by the onsets it holds, so the first impulses of a train
-// near a block's end, or its last ones near a block's start, would look like lone clicks. Blocks
-// overlap by 1024 frames, and each such impulse lies where the neighbouring block sees the train
-// around it: a run that contains the start of a run the neighbour cleared as periodic is dropped.
-// Runs in the overlap with the next block are therefore reported once that block has been
-// analysed.
+// near a block's end, or its last ones near a block's start, would look like lone clicks; and the
+// engine's train windows stop 256 frames short of the block's end, so impulses there are not
+// judged at all. Blocks overlap by 1024 frames, and each such impulse lies where the neighbouring
+// block sees the train around it: a run that contains the start of a run the neighbour cleared as
+// periodic is dropped. Runs in the overlap with the next block are therefore reported once that
+// block has been analysed.
 void FindClicks::Detect(long offset, long count) {
     const long long blockStart = mRingPosition + offset, nextStart = blockStart + kHop;
     auto containsTrain = [](const utils::Range& r, const std::vector<long long>& train) {
