@@ -116,31 +116,27 @@ void Graphic::CopyFrom(const Graphic& other) {
     mLatency = other.mLatency;
     mBandCount = other.mBandCount;
     mAppliedMaster = other.mAppliedMaster;
-    mPosition = other.mPosition;
     mDesignSize = other.mDesignSize;
     mAllocatedChannels = other.mAllocatedChannels;
     mPositionsBands = other.mPositionsBands;
     mPositionsRate = other.mPositionsRate;
     if (other.mStorage != nullptr) {
-        // Same geometry, same layout: one copy of the block carries the whole state. The engines
-        // share their plans and get scratch of their own.
+        // Same geometry, same layout: one copy of the block carries the whole design. The
+        // engine shares its plan and gets scratch of its own.
         const std::size_t doubles = CarveBuffers();
         mStorage = detail::AllocateAlignedArrayUninitialised<double>(doubles);
         CarveBuffers();
         std::memcpy(mStorage, other.mStorage, doubles * sizeof(double));
-        detail::CopyEngineWithOwnScratch(mFFT, other.mFFT);
         detail::CopyEngineWithOwnScratch(mDesignFFT, other.mDesignFFT);
     } else {
-        mFFT.DeInit();
         mDesignFFT.DeInit();
     }
+    mConvolver = other.mConvolver;
 }
 
 // ---- Buffers ------------------------------------------------------------------------------------
 
 std::size_t Graphic::CarveBuffers() {
-    const auto fft = static_cast<std::size_t>(mFFTSize);
-    const bool odd = (mAllocatedChannels % 2) != 0;
     std::size_t offset = 0;
     auto take = [&](std::size_t count) -> double* {
         double* p = (mStorage != nullptr) ? mStorage + offset : nullptr;
@@ -152,18 +148,8 @@ std::size_t Graphic::CarveBuffers() {
     const std::size_t bins = static_cast<std::size_t>(mDesignSize) / 2 + 1;
     mBinBand = take(bins);
     mBinFalling = take(bins);
-    mFilterRe = take(fft);
-    mFilterIm = take(fft);
-    mWorkRe = take(fft);
-    mWorkIm = take(fft);
-    mZero = odd ? take(fft) : nullptr;
-    mDiscard = odd ? take(fft) : nullptr;
-    mInput.assign(static_cast<std::size_t>(mAllocatedChannels), nullptr);
-    mOutput.assign(static_cast<std::size_t>(mAllocatedChannels), nullptr);
-    for (int c = 0; c < mAllocatedChannels; ++c) {
-        mInput[c] = take(fft);
-        mOutput[c] = take(fft);
-    }
+    mDesignRe = take(static_cast<std::size_t>(mDesignSize));
+    mDesignIm = take(static_cast<std::size_t>(mDesignSize));
     return offset;
 }
 
@@ -173,25 +159,21 @@ void Graphic::AllocateBuffers() {
     const std::size_t doubles = CarveBuffers();
     mStorage = detail::AllocateAlignedArray<double>(doubles);  // zeroed
     CarveBuffers();
+    // Taps 1 ... L - 1: a block is then fftSize - L + 2 frames long.
+    mConvolver.Init(mAllocatedChannels, mImpulseLength - 1, mFFTSize);
 }
 
 void Graphic::ReleaseBuffers() {
     detail::FreeAlignedArray(mStorage);
     mStorage = nullptr;
     mImpulse = mWindow = mBinBand = mBinFalling = nullptr;
-    mFilterRe = mFilterIm = mWorkRe = mWorkIm = mZero = mDiscard = nullptr;
+    mDesignRe = mDesignIm = nullptr;
     mPositionsBands = 0;
-    mInput.clear();
-    mOutput.clear();
+    mConvolver.Release();
 }
 
 void Graphic::ClearIOArrays() {
-    const auto bytes = static_cast<std::size_t>(mFFTSize) * sizeof(double);
-    for (int c = 0; c < mAllocatedChannels; ++c) {
-        std::memset(mInput[c], 0, bytes);
-        std::memset(mOutput[c], 0, bytes);
-    }
-    mPosition = 0;
+    mConvolver.Reset();
 }
 
 // ---- Settings -----------------------------------------------------------------------------------
@@ -352,7 +334,6 @@ void Graphic::Initialize() {
 
 void Graphic::Deinitialize() {
     ReleaseBuffers();
-    mFFT.DeInit();
     mDesignFFT.DeInit();
     mImpulseLength = 0;
     mHalfLength = 0;
@@ -361,7 +342,6 @@ void Graphic::Deinitialize() {
     mBlockLength = 0;
     mLatency = 0;
     mAllocatedChannels = 0;
-    mPosition = 0;
 }
 
 void Graphic::SampleRateDependentInitialization() {}
@@ -402,7 +382,6 @@ void Graphic::ExtendImpulseLength(int halfLength) {
     mLatency = mFFTSize - length + 1 + halfLength;
     mDesignSize = DesignSizeFor(OddTaps(length));
     AllocateBuffers();
-    mFFT.Init(mFFTSize);
     mDesignFFT.Init(mDesignSize);
     // Window weights of the band designs, by tap offset d from the centre (n = (T-1)/2 + d).
     const int32_t taps = OddTaps(length);
@@ -410,7 +389,6 @@ void Graphic::ExtendImpulseLength(int halfLength) {
     const int32_t centre = (taps - 1) / 2;  // T is odd
     for (int32_t d = 0; d <= centre; ++d)
         mWindow[d] = BlackmanHarris(static_cast<double>(centre + d), span);
-    mPosition = 0;
 }
 
 void Graphic::ClearImpulse() {
@@ -482,8 +460,8 @@ void Graphic::AddEqBand(int halfLength, int taps, double lower, double upper, do
     const int32_t size = DesignSizeFor(oddTaps);
     assert(size == mDesignSize && "band designs use the plan made for the impulse length");
     const int32_t half = size / 2;
-    double* re = mWorkRe;
-    double* im = mWorkIm;
+    double* re = mDesignRe;
+    double* im = mDesignIm;
     std::fill(re, re + size, 0.0);
     std::fill(im, im + size, 0.0);
 
@@ -517,25 +495,13 @@ void Graphic::PlaceEqEcho(int offset, double value, bool subtract) {
 }
 
 void Graphic::AmplifyImpulse(double gain) {
-    // The convolution runs the taps 1 ... L-1 (tap 0 is always zero), which is what lets a block
-    // be fftSize - L + 2 frames long.
-    const int32_t taps = mImpulseLength - 1;
-    for (int32_t j = 0; j < taps; ++j)
-        mWorkRe[j] = mImpulse[j + 1] * gain;
-    std::fill(mWorkRe + taps, mWorkRe + mFFTSize, 0.0);
-    std::fill(mWorkIm, mWorkIm + mFFTSize, 0.0);
+    // Tap 0 is always zero, so the convolver runs taps 1 ... L - 1 and its blocks are one frame longer.
+    mConvolver.SetResponse(mImpulse + 1, gain);
 }
 
 void Graphic::ComputeFilterXfm() {
     assert(mImpulse[0] == 0.0);
     AmplifyImpulse(DbToLinear(mParams[kMasterGain]));
-    mFFT.FFT(mWorkRe, mWorkIm, mFilterRe, mFilterIm, 1);
-    // The inverse transform is unscaled; fold its 1/fftSize in here once.
-    const double scale = 1.0 / static_cast<double>(mFFTSize);
-    for (int32_t k = 0; k < mFFTSize; ++k) {
-        mFilterRe[k] *= scale;
-        mFilterIm[k] *= scale;
-    }
     mAppliedMaster = mParams[kMasterGain];
 }
 
@@ -554,83 +520,14 @@ float Graphic::ComputeFilterResponse(float frequency) {
 
 // ---- Convolution --------------------------------------------------------------------------------
 
-void Graphic::ConvolveBlock() {
-    const int32_t size = mFFTSize;
-    const int channels = mAllocatedChannels;
-    double* __restrict wr = mWorkRe;
-    double* __restrict wi = mWorkIm;
-    const double* __restrict hr = mFilterRe;
-    const double* __restrict hi = mFilterIm;
-    // Two channels per complex transform, one as the real and one as the imaginary part. The
-    // filter is real, so multiplying the packed spectrum by its transform filters both at once and
-    // the inverse hands them back in the real and imaginary parts; no unpacking is needed.
-    for (int c = 0; c < channels; c += 2) {
-        const bool pair = c + 1 < channels;
-        mFFT.FFT(mInput[c], pair ? mInput[c + 1] : mZero, wr, wi, 1);
-        for (int32_t k = 0; k < size; ++k) {
-            const double a = wr[k];
-            const double b = wi[k];
-            wr[k] = a * hr[k] - b * hi[k];
-            wi[k] = a * hi[k] + b * hr[k];
-        }
-        mFFT.FFT(wr, wi, mOutput[c], pair ? mOutput[c + 1] : mDiscard, -1);
-    }
-    // Keep the last L - 2 inputs as the next block's history.
-    const int32_t history = mImpulseLength - 2;
-    for (int c = 0; c < channels; ++c)
-        std::memmove(mInput[c], mInput[c] + mBlockLength, static_cast<std::size_t>(history) * sizeof(double));
-}
-
 void Graphic::Process(float** in, float** out, int numChannels, int numFrames) {
     SetRuntimeParams();
-    const int channels = mAllocatedChannels;
-    if (channels <= 0 || numFrames <= 0) return;
-    const int fed = std::clamp(numChannels, 0, channels);
-    assert(fed == 0 || (in != nullptr && out != nullptr));
-    const int32_t history = mImpulseLength - 2;
-    int done = 0;
-    while (done < numFrames) {
-        const int n = std::min(numFrames - done, mBlockLength - mPosition);
-        const int32_t at = history + mPosition;
-        // All inputs are taken before any output is written, so in and out may be the same arrays.
-        for (int c = 0; c < channels; ++c) {
-            double* dst = mInput[c] + at;
-            if (c < fed) {
-                const float* src = in[c] + done;
-                for (int i = 0; i < n; ++i)
-                    dst[i] = src[i];
-            } else {
-                std::fill(dst, dst + n, 0.0);
-            }
-        }
-        for (int c = 0; c < fed; ++c) {
-            const double* src = mOutput[c] + at;
-            float* dst = out[c] + done;
-            for (int i = 0; i < n; ++i)
-                dst[i] = static_cast<float>(src[i]);
-        }
-        mPosition += n;
-        done += n;
-        if (mPosition == mBlockLength) {
-            ConvolveBlock();
-            mPosition = 0;
-        }
-    }
+    mConvolver.Process(in, out, numChannels, numFrames);
 }
 
 void Graphic::ProcessOneSample(float* in, float* out) {
     SetRuntimeParams();
-    const int channels = mAllocatedChannels;
-    if (channels <= 0) return;
-    const int32_t at = mImpulseLength - 2 + mPosition;
-    for (int c = 0; c < channels; ++c)
-        mInput[c][at] = in[c];
-    for (int c = 0; c < channels; ++c)
-        out[c] = static_cast<float>(mOutput[c][at]);
-    if (++mPosition == mBlockLength) {
-        ConvolveBlock();
-        mPosition = 0;
-    }
+    mConvolver.ProcessFrame(in, out);
 }
 
 }  // namespace dsp

@@ -36,9 +36,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "dsp/fft.h"
+#include "dsp/fft_convolver.h"
 #include "dsp/kestadsp_export.h"
 
 namespace dsp {
@@ -150,14 +150,11 @@ private:
     // Single-band path: band's share at oldGainDb out, at newGainDb in.
     void UpdateImpulse(int band, double oldGainDb, double newGainDb);
     // The master gain stays out of the stored design (a fader move then costs one transform and
-    // never rounds the design): AmplifyImpulse writes the impulse times `gain` into the transform
-    // input, and ComputeFilterXfm turns it into the filter transform.
+    // never rounds the design): AmplifyImpulse hands the convolver the impulse times `gain` (the
+    // convolver transforms it), and ComputeFilterXfm does so at the master gain.
     void AmplifyImpulse(double gain);
     void ComputeFilterXfm();
     void ClearIOArrays();
-
-    // Convolution.
-    void ConvolveBlock();
 
     // Lays the arrays out in mStorage (when not null) and returns the doubles they need.
     std::size_t CarveBuffers();
@@ -185,17 +182,10 @@ private:
     int32_t mBandCount = 10;
     float mAppliedMaster = 0.0f;  // master gain (dB) the filter transform holds
 
-    // Convolution state. Channel c's input history and current block live in mInput[c] (fftSize;
-    // the block starts at L - 2), its filtered block in mOutput[c] (same offsets).
-    std::vector<double*> mInput;
-    std::vector<double*> mOutput;
-    double* mFilterRe = nullptr;  // fftSize: filter transform / fftSize
-    double* mFilterIm = nullptr;
-    double* mWorkRe = nullptr;  // fftSize: transform scratch, also the design's spectrum
-    double* mWorkIm = nullptr;
-    double* mZero = nullptr;     // fftSize zeros: partner of an odd last channel
-    double* mDiscard = nullptr;  // fftSize: where that partner's output goes
-    double* mWindow = nullptr;   // Blackman-Harris weights for tap offsets 0 ... N - 1
+    FFTConvolver mConvolver;      // taps 1 ... L - 1 of the impulse (tap 0 is always zero)
+    double* mDesignRe = nullptr;  // S: a band design's spectrum, then its time samples
+    double* mDesignIm = nullptr;
+    double* mWindow = nullptr;  // Blackman-Harris weights for tap offsets 0 ... N - 1
     // Per design bin m = 0 ... S/2: the band j whose centre lies at or below it (-1 below the
     // first centre) and the falling half-cosine weight of band j there. They depend on the layout,
     // the sample rate and S only, so a band design does not evaluate logarithms.
@@ -203,12 +193,10 @@ private:
     double* mBinFalling = nullptr;
     int32_t mPositionsBands = 0;  // layout and rate the two arrays were computed for (0: none)
     int32_t mPositionsRate = 0;
-    int32_t mPosition = 0;       // frames of the current block received
-    int32_t mDesignSize = 0;     // S
-    IppFFT mFFT;                 // fftSize
-    IppFFT mDesignFFT;           // S
-    double* mStorage = nullptr;  // every double array above, one aligned block
-    int32_t mAllocatedChannels = 0;
+    int32_t mDesignSize = 0;         // S
+    IppFFT mDesignFFT;               // S
+    double* mStorage = nullptr;      // the design's double arrays above, one aligned block
+    int32_t mAllocatedChannels = 0;  // channels the convolver was set up for
 };
 
 }  // namespace dsp

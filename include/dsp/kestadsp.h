@@ -8,6 +8,7 @@
 #include "dsp/dsp_process.h"
 #include "dsp/fades.h"
 #include "dsp/fft.h"
+#include "dsp/fft_convolver.h"
 #include "dsp/fft_window.h"
 #include "dsp/filter_section.h"
 #include "dsp/graphic.h"
