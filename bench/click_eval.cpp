@@ -1,15 +1,28 @@
 // Click evaluation on real recordings, for bench/declick_eval.
 //
-//   click_eval make OUT_DIR SOURCE.wav...   joins the sources (same rate; mono made stereo) into
-//       clean.wav, adds 100 clicks of 1 to 20 samples at 6 to 30 times the local RMS, and writes
-//       damaged.wav and truth.csv (channel, start, length; channels from 1)
-//   click_eval score OUT_DIR REPAIRED.wav [REPORT.csv]   prints, for a repaired file: the error
-//       against clean.wav over the clicked samples, in dB relative to the damage; the share of the
-//       other samples that differ from damaged.wav; and with a kesta report, the share of clicks
-//       found and of listed ranges that overlap a click.
+//   click_eval make OUT_DIR LABEL:SOURCE.wav...   builds the programme (same rate throughout) and
+//       writes clean.wav, damaged.wav (100 clicks of 1 to 20 samples whose largest sample is 6 to 30
+//       times the clean RMS over the 1024 frames around it), truth.csv (channel, start, length;
+//       channels from 1) and sources.csv (where each source lies). Mono sources are laid side by
+//       side, the first on the left, the next on the right and so on, each channel ending in
+//       silence where its side is shorter: no recording is in the programme twice, so an event in
+//       it is counted once. Stereo sources follow as they are.
+//   click_eval header                              prints the header of the comparison table
+//   click_eval score OUT_DIR TOOL SECONDS REPAIRED.wav [REPORT.csv]   prints the tool's row: clicks
+//       found and the share of listed ranges on a click (from a kesta report), the error against
+//       clean.wav over the clicked samples relative to the damage, the share of the other samples
+//       that differ from damaged.wav, and the wall time
+//   click_eval detect OUT_DIR THRESHOLD... [--list]   runs FindClicks on damaged.wav at each
+//       threshold and prints found % and precision % with a breakdown of the ranges that overlap no
+//       inserted click (--list: each of them at the first threshold)
+//
+// A range "finds" a click, and is "on a click", when they share at least one sample in the same
+// channel. FindClicks reports a click in the overlap of two detection blocks twice; such repeats
+// (overlapping or touching ranges of one channel) count as one range, as kesta's report lists them.
 
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -21,21 +34,24 @@
 
 namespace {
 
+using dsp::utils::Range;
 using kesta::test::Channels;
 using kesta::test::InsertedClick;
+using kesta::test::RangeLists;
 
 struct Wav {
     int rate = 0;
     Channels x;
 };
 
-Wav Read(const std::string& path) {
+Wav Read(const std::string& path, int* fileChannels = nullptr) {
     SF_INFO info{};
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
     if (!f) throw std::runtime_error("cannot read " + path);
     std::vector<float> inter(static_cast<std::size_t>(info.frames * info.channels));
     sf_readf_float(f, inter.data(), info.frames);
     sf_close(f);
+    if (fileChannels) *fileChannels = info.channels;
     Wav w{info.samplerate, Channels(2, kesta::test::Signal(static_cast<std::size_t>(info.frames)))};
     for (sf_count_t i = 0; i < info.frames; ++i)
         for (int c = 0; c < 2; ++c)
@@ -65,33 +81,79 @@ void Quantise(Channels& x) {
             v = static_cast<float>(std::lround(std::clamp(v * 32768.0, -32768.0, 32767.0)) / 32768.0);
 }
 
-std::vector<std::pair<long long, long long>> ReadCsvRanges(const std::string& path, std::vector<int>& channel) {
+// The fields of each line after the header line.
+std::vector<std::vector<std::string>> ReadCsv(const std::string& path) {
     std::ifstream in(path);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    std::vector<std::vector<std::string>> rows;
     std::string line;
     std::getline(in, line);
-    std::vector<std::pair<long long, long long>> ranges;
     while (std::getline(in, line)) {
-        int c = 0;
-        long long start = 0;
-        int length = 0;
-        if (std::sscanf(line.c_str(), "%d,%lld,%*[^,],%d", &c, &start, &length) == 3 ||
-            std::sscanf(line.c_str(), "%d,%lld,%d", &c, &start, &length) == 3) {
-            channel.push_back(c - 1);
-            ranges.push_back({start, start + length});
-        }
+        std::vector<std::string> fields;
+        std::stringstream s(line);
+        for (std::string f; std::getline(s, f, ',');)
+            fields.push_back(f);
+        rows.push_back(fields);
     }
-    return ranges;
+    return rows;
 }
 
-int Make(const std::string& dir, const std::vector<std::string>& sources) {
-    Wav all;
-    all.x.assign(2, {});
-    for (const std::string& s : sources) {
-        const Wav w = Read(s);
-        if (all.rate != 0 && w.rate != all.rate) throw std::runtime_error(s + ": another sample rate");
+std::vector<InsertedClick> ReadTruth(const std::string& dir) {
+    std::vector<InsertedClick> truth;
+    for (const auto& f : ReadCsv(dir + "/truth.csv"))
+        truth.push_back({std::stoi(f.at(0)) - 1, std::stoul(f.at(1)), std::stoi(f.at(2))});
+    return truth;
+}
+
+// kesta's CSV report: channel (from 1), start frame, start seconds, length frames, ...
+RangeLists ReadReport(const std::string& path) {
+    RangeLists lists(2);
+    for (const auto& f : ReadCsv(path))
+        lists.at(static_cast<std::size_t>(std::stoi(f.at(0)) - 1))
+            .push_back({std::stoll(f.at(1)), std::stoi(f.at(3)), 0});
+    for (auto& l : lists)
+        std::sort(l.begin(), l.end(), dsp::utils::CompareLowerBound);
+    return lists;
+}
+
+struct Source {
+    int channel;  // 0 or 1
+    long long start, end;
+    std::string label;
+};
+
+int Make(const std::string& dir, const std::vector<std::string>& args) {
+    Wav all{0, Channels(2)};
+    std::vector<Source> sources;
+    std::vector<std::pair<std::string, Wav>> stereo;
+    int side = 0;
+    for (const std::string& arg : args) {
+        const std::size_t colon = arg.find(':');
+        if (colon == std::string::npos) throw std::runtime_error(arg + ": give sources as LABEL:FILE");
+        const std::string label = arg.substr(0, colon);
+        int channels = 0;
+        Wav w = Read(arg.substr(colon + 1), &channels);
+        if (all.rate != 0 && w.rate != all.rate) throw std::runtime_error(arg + ": another sample rate");
         all.rate = w.rate;
-        for (int c = 0; c < 2; ++c)
+        if (channels != 1) {
+            stereo.push_back({label, std::move(w)});
+            continue;
+        }
+        kesta::test::Signal& s = all.x[side];
+        sources.push_back(
+            {side, static_cast<long long>(s.size()), static_cast<long long>(s.size() + w.x[0].size()), label});
+        s.insert(s.end(), w.x[0].begin(), w.x[0].end());
+        side = 1 - side;
+    }
+    const std::size_t sideBySide = std::max(all.x[0].size(), all.x[1].size());
+    for (auto& s : all.x)
+        s.resize(sideBySide, 0.0f);
+    for (const auto& [label, w] : stereo) {
+        for (int c = 0; c < 2; ++c) {
+            sources.push_back({c, static_cast<long long>(all.x[c].size()),
+                               static_cast<long long>(all.x[c].size() + w.x[c].size()), label});
             all.x[c].insert(all.x[c].end(), w.x[c].begin(), w.x[c].end());
+        }
     }
     Quantise(all.x);
     Write(dir + "/clean.wav", all);
@@ -102,24 +164,46 @@ int Make(const std::string& dir, const std::vector<std::string>& sources) {
     truth << "channel,start,length\n";
     for (const InsertedClick& k : clicks)
         truth << k.channel + 1 << "," << k.start << "," << k.length << "\n";
-    std::printf("programme: %.1f s at %d Hz, 100 clicks\n", static_cast<double>(all.x[0].size()) / all.rate, all.rate);
+    std::ofstream where(dir + "/sources.csv");
+    where << "channel,start,end,label\n";
+    for (const Source& s : sources)
+        where << s.channel + 1 << "," << s.start << "," << s.end << "," << s.label << "\n";
+    std::printf("programme: %.1f s stereo at %d Hz (mono sources side by side for %.1f s), 100 clicks\n",
+                static_cast<double>(all.x[0].size()) / all.rate, all.rate, static_cast<double>(sideBySide) / all.rate);
     return 0;
 }
 
-int Score(const std::string& dir, const std::string& repairedPath, const std::string& reportPath) {
+bool Overlaps(const InsertedClick& k, const Range& r) {
+    return r.start < static_cast<long long>(k.start) + k.length && static_cast<long long>(k.start) < r.start + r.length;
+}
+
+// Percentages of clicks found and of ranges on a click, repeats joined.
+std::pair<double, double> FoundAndPrecision(const std::vector<InsertedClick>& truth, const RangeLists& listed) {
+    const kesta::test::DetectionScore s = kesta::test::ScoreDetection(truth, kesta::test::MergeOverlapping(listed));
+    return {100.0 * s.recall, 100.0 * s.precision};
+}
+
+void Header() {
+    std::printf("%-26s %8s %12s %10s %12s %8s\n", "tool", "found %", "precision %", "error dB", "untouched %",
+                "wall s");
+    std::printf("%-26s %8s %12s %10s %12s %8s\n", "", "", "", "(clicks)", "changed", "");
+}
+
+int Score(const std::string& dir, const std::string& tool, double seconds, const std::string& repairedPath,
+          const std::string& reportPath) {
     const Wav clean = Read(dir + "/clean.wav"), damaged = Read(dir + "/damaged.wav"), repaired = Read(repairedPath);
-    std::vector<int> truthChannel;
-    const auto truth = ReadCsvRanges(dir + "/truth.csv", truthChannel);
+    const std::vector<InsertedClick> truth = ReadTruth(dir);
     const std::size_t frames = clean.x[0].size();
-    if (repaired.x[0].size() != frames) std::printf("length differs: %zu vs %zu\n", repaired.x[0].size(), frames);
+    if (repaired.x[0].size() != frames)
+        throw std::runtime_error(repairedPath + ": " + std::to_string(repaired.x[0].size()) + " frames, not " +
+                                 std::to_string(frames));
     std::vector<std::vector<bool>> clicked(2, std::vector<bool>(frames, false));
-    for (std::size_t k = 0; k < truth.size(); ++k)
-        for (long long i = truth[k].first; i < truth[k].second; ++i)
-            clicked[truthChannel[k]][static_cast<std::size_t>(i)] = true;
+    for (const InsertedClick& k : truth)
+        std::fill_n(clicked[k.channel].begin() + static_cast<std::ptrdiff_t>(k.start), k.length, true);
     double before = 0.0, after = 0.0;
     std::size_t changed = 0, others = 0;
     for (int c = 0; c < 2; ++c)
-        for (std::size_t i = 0; i < std::min(frames, repaired.x[0].size()); ++i) {
+        for (std::size_t i = 0; i < frames; ++i) {
             if (clicked[c][i]) {
                 before += std::pow(static_cast<double>(damaged.x[c][i]) - clean.x[c][i], 2);
                 after += std::pow(static_cast<double>(repaired.x[c][i]) - clean.x[c][i], 2);
@@ -128,28 +212,108 @@ int Score(const std::string& dir, const std::string& repairedPath, const std::st
                 changed += repaired.x[c][i] != damaged.x[c][i];
             }
         }
-    std::printf("error over the clicked samples: %.1f dB relative to the damage\n", 10.0 * std::log10(after / before));
-    std::printf("undamaged samples changed: %.3f %%\n", 100.0 * static_cast<double>(changed) / others);
+    char found[16] = "-", precision[16] = "-";
     if (!reportPath.empty()) {
-        std::vector<int> listedChannel;
-        const auto listed = ReadCsvRanges(reportPath, listedChannel);
-        auto overlaps = [](auto a, auto b) { return a.first < b.second && b.first < a.second; };
-        int found = 0, genuine = 0;
-        for (std::size_t k = 0; k < truth.size(); ++k)
-            for (std::size_t r = 0; r < listed.size(); ++r)
-                if (listedChannel[r] == truthChannel[k] && overlaps(truth[k], listed[r])) {
-                    ++found;
-                    break;
+        const auto [f, p] = FoundAndPrecision(truth, ReadReport(reportPath));
+        std::snprintf(found, sizeof found, "%.0f", f);
+        std::snprintf(precision, sizeof precision, "%.1f", p);
+    }
+    std::printf("%-26s %8s %12s %10.1f %12.3f %8.2f\n", tool.c_str(), found, precision,
+                10.0 * std::log10(after / before), 100.0 * static_cast<double>(changed) / others, seconds);
+    return 0;
+}
+
+// What a range that overlaps no inserted click lies on. Within 64 frames of a click it is the
+// click's own ringing; otherwise an event of the recording, told apart by the high-frequency energy
+// (mean squared first difference of the clean signal) from 10 ms to 1 ms before it and from 1 ms to
+// 10 ms after it: 6 dB more after is the onset of a sound (a consonant, a note, a drum hit), 6 dB less
+// its end, and neither an isolated impulse (a click of the recording itself, such as a mouth click).
+struct Breakdown {
+    int nearClick = 0, onset = 0, end = 0, isolated = 0, inClean = 0;
+    std::vector<std::string> labels;
+    std::vector<int> perLabel;
+};
+
+std::string LabelAt(const std::vector<Source>& sources, int channel, long long at) {
+    for (const Source& s : sources)
+        if (s.channel == channel && at >= s.start && at < s.end) return s.label;
+    return "silence";
+}
+
+double DiffEnergy(const kesta::test::Signal& x, long long from, long long to) {
+    from = std::max(from, 1LL);
+    to = std::min(to, static_cast<long long>(x.size()));
+    double sum = 0.0;
+    for (long long i = from; i < to; ++i)
+        sum += std::pow(static_cast<double>(x[static_cast<std::size_t>(i)]) - x[static_cast<std::size_t>(i - 1)], 2);
+    return to > from ? sum / static_cast<double>(to - from) : 0.0;
+}
+
+int Detect(const std::string& dir, const std::vector<double>& thresholds, bool list) {
+    const Wav clean = Read(dir + "/clean.wav"), damaged = Read(dir + "/damaged.wav");
+    const std::vector<InsertedClick> truth = ReadTruth(dir);
+    std::vector<Source> sources;
+    for (const auto& f : ReadCsv(dir + "/sources.csv"))
+        sources.push_back({std::stoi(f.at(0)) - 1, std::stoll(f.at(1)), std::stoll(f.at(2)), f.at(3)});
+    const long long ms = damaged.rate / 1000;
+    std::printf("%9s %5s %8s %12s %7s   false ranges: %-s\n", "threshold", "T", "found %", "precision %", "ranges",
+                "at a click | onset end isolated | also in clean | by source");
+    for (std::size_t t = 0; t < thresholds.size(); ++t) {
+        const dsp::noclick::NOCLICK record = kesta::test::ClickRecord(2, damaged.rate, thresholds[t]);
+        const RangeLists found = kesta::test::MergeOverlapping(kesta::test::FindAllClicks(damaged.x, record));
+        const RangeLists inClean = kesta::test::MergeOverlapping(kesta::test::FindAllClicks(clean.x, record));
+        const auto [recall, precision] = FoundAndPrecision(truth, found);
+        Breakdown b;
+        int ranges = 0;
+        for (int c = 0; c < 2; ++c)
+            for (const Range& r : found[c]) {
+                ++ranges;
+                auto near = [&](int margin) {
+                    return std::any_of(truth.begin(), truth.end(), [&](const InsertedClick& k) {
+                        const std::size_t before = std::min<std::size_t>(k.start, static_cast<std::size_t>(margin));
+                        return k.channel == c && Overlaps({c, k.start - before, k.length + 2 * margin}, r);
+                    });
+                };
+                if (near(0)) continue;
+                const long long end = r.start + r.length;
+                const std::string label = LabelAt(sources, c, r.start);
+                const bool alsoClean = std::any_of(inClean[c].begin(), inClean[c].end(), [&](const Range& q) {
+                    return q.start < end && r.start < q.start + q.length;
+                });
+                b.inClean += alsoClean;
+                const double pre = DiffEnergy(clean.x[c], r.start - 10 * ms, r.start - ms);
+                const double post = DiffEnergy(clean.x[c], end + ms, end + 10 * ms);
+                const char* kind = "at a click";
+                if (near(64)) {
+                    ++b.nearClick;
+                } else if (post > 4.0 * pre) {
+                    ++b.onset;
+                    kind = "onset";
+                } else if (pre > 4.0 * post) {
+                    ++b.end;
+                    kind = "end";
+                } else {
+                    ++b.isolated;
+                    kind = "isolated";
                 }
-        for (std::size_t r = 0; r < listed.size(); ++r)
-            for (std::size_t k = 0; k < truth.size(); ++k)
-                if (listedChannel[r] == truthChannel[k] && overlaps(truth[k], listed[r])) {
-                    ++genuine;
-                    break;
+                const auto at = std::find(b.labels.begin(), b.labels.end(), label);
+                if (at == b.labels.end()) {
+                    b.labels.push_back(label);
+                    b.perLabel.push_back(1);
+                } else {
+                    ++b.perLabel[static_cast<std::size_t>(at - b.labels.begin())];
                 }
-        std::printf("clicks found: %d of %zu (%.0f %%); listed ranges on a click: %d of %zu (%.1f %%)\n", found,
-                    truth.size(), 100.0 * found / truth.size(), genuine, listed.size(),
-                    listed.empty() ? 100.0 : 100.0 * genuine / listed.size());
+                if (list && t == 0)
+                    std::printf("  channel %d at %9.4f s, %2d frames, %-7s %-10s %s\n", c + 1,
+                                static_cast<double>(r.start) / damaged.rate, r.length, label.c_str(), kind,
+                                alsoClean ? "(also in clean)" : "");
+            }
+        std::string bySource;
+        for (std::size_t i = 0; i < b.labels.size(); ++i)
+            bySource += (i ? ", " : "") + b.labels[i] + " " + std::to_string(b.perLabel[i]);
+        std::printf("%9.0f %5.1f %8.0f %12.1f %7d   %10d | %5d %3d %8d | %13d | %s\n", thresholds[t],
+                    (thresholds[t] + 25.0) / 10.0, recall, precision, ranges, b.nearClick, b.onset, b.end, b.isolated,
+                    b.inClean, bySource.c_str());
     }
     return 0;
 }
@@ -160,8 +324,22 @@ int main(int argc, char** argv) {
     try {
         const std::vector<std::string> args(argv + 1, argv + argc);
         if (args.size() >= 3 && args[0] == "make") return Make(args[1], {args.begin() + 2, args.end()});
-        if (args.size() >= 3 && args[0] == "score") return Score(args[1], args[2], args.size() > 3 ? args[3] : "");
-        std::fprintf(stderr, "usage: click_eval make DIR SOURCE.wav... | score DIR REPAIRED.wav [REPORT.csv]\n");
+        if (args.size() == 1 && args[0] == "header") {
+            Header();
+            return 0;
+        }
+        if (args.size() >= 5 && args[0] == "score")
+            return Score(args[1], args[2], std::stod(args[3]), args[4], args.size() > 5 ? args[5] : "");
+        if (args.size() >= 3 && args[0] == "detect") {
+            std::vector<double> thresholds;
+            bool list = false;
+            for (std::size_t i = 2; i < args.size(); ++i)
+                args[i] == "--list" ? void(list = true) : thresholds.push_back(std::stod(args[i]));
+            return Detect(args[1], thresholds, list);
+        }
+        std::fprintf(stderr,
+                     "usage: click_eval make DIR LABEL:SOURCE.wav... | header | score DIR TOOL SECONDS REPAIRED.wav "
+                     "[REPORT.csv] | detect DIR THRESHOLD... [--list]\n");
         return 2;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "click_eval: %s\n", e.what());

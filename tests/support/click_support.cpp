@@ -92,10 +92,13 @@ std::vector<InsertedClick> InsertClicks(Channels& x, int count, uint64_t seed, s
         const double rms = std::max(std::sqrt(energy / 1024.0), 1e-4);
         const double peak = rms * (6.0 + 24.0 * random.Uniform());
         const double sign = random.Uniform() < 0.5 ? -1.0 : 1.0;
+        double shape[20], largest = 0.0;
         for (int i = 0; i < length; ++i) {
-            const double shape = std::exp(-3.0 * i / length) * (i % 2 == 0 ? 1.0 : -0.6);
-            s[start + i] += static_cast<float>(sign * peak * shape * (0.7 + 0.3 * random.Uniform()));
+            shape[i] = std::exp(-3.0 * i / length) * (i % 2 == 0 ? 1.0 : -0.6) * (0.7 + 0.3 * random.Uniform());
+            largest = std::max(largest, std::fabs(shape[i]));
         }
+        for (int i = 0; i < length; ++i)  // the largest sample of the click is `peak`
+            s[start + i] += static_cast<float>(sign * peak * shape[i] / largest);
         clicks.push_back({channel, start, length});
     }
     return clicks;

@@ -42,8 +42,8 @@ struct InsertedClick {
 };
 
 // Adds `count` clicks to x, spread over [margin, frames - margin) at least `spacing` apart: lengths
-// 1 ... 20, peak 6 to 30 times the clean signal's RMS over the 1024 frames around the click, random
-// signs and a decaying shape. Returns them in order of start.
+// 1 ... 20, largest sample 6 to 30 times the clean signal's RMS over the 1024 frames around the
+// click (in its channel), random signs and a decaying shape. Returns them in order of start.
 std::vector<InsertedClick> InsertClicks(Channels& x, int count, uint64_t seed, std::size_t margin = 4096,
                                         std::size_t spacing = 2000);
 
