@@ -16,6 +16,7 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddHardLimitChecks(*suite);
     AddNoClipChecks(*suite);
     AddNoClickChecks(*suite);
+    AddResampleChecks(*suite);
     return suite;
 }
 

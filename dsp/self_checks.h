@@ -17,5 +17,6 @@ void AddNoHissChecks(CheckSuite& suite);
 void AddHardLimitChecks(CheckSuite& suite);
 void AddNoClipChecks(CheckSuite& suite);
 void AddNoClickChecks(CheckSuite& suite);
+void AddResampleChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks

@@ -21,6 +21,7 @@
 #include "dsp/overlap_save.h"
 #include "dsp/parametric.h"
 #include "dsp/range.h"
+#include "dsp/resample.h"
 #include "dsp/ring_buffer.h"
 #include "dsp/second_order_iir_filter.h"
 #include "dsp/spectrum_packing.h"
