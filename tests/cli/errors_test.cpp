@@ -38,25 +38,22 @@ TEST_F(ErrorsTest, BadInputsAreInputErrorsEvenWhenQuiet) {
     }
 }
 
+// Usage errors (2), and with --json the same failure as an error object whatever its status.
 TEST_F(ErrorsTest, WrongCommandLinesAreUsageErrors) {
     WriteAudio(dir / "in.wav", StereoTone16());
     const std::string in = P("in.wav"), out = P("out.wav");
-    const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {
-        {{"polish", in, out}, {"unknown command 'polish'", "kesta --help"}},
-        {{"gain", in, out}, {"--db", "kesta gain --help"}},
-        {{"gain", in, out, "--db", "loud"}, {"--db", "kesta gain --help"}},
-        {{"gain", in, out, "--db", "1000"}, {"--db", "out of range"}},
-        {{"gain", in, out, "--db", "nan"}, {"--db"}},
-        {{"gain", in, "--db", "1"}, {"OUTPUT"}},
-        {{"gain", in, out, "extra", "--db", "1"}, {"extra"}},
-        {{"info", in, "--loud"}, {"--loud", "kesta info --help"}},
-        {{"info"}, {"FILE", "kesta info --help"}},
-    };
-    for (const auto& [args, mentions] : cases) {
-        SCOPED_TRACE(testing::PrintToString(args));
-        ExpectOneErrorLine(RunKesta(args), 2, mentions);
-    }
-    EXPECT_EQ(dir.Names(), std::vector<std::string>{"in.wav"});
+    ExpectRefusals("", {
+                           {{"polish", in, out}, 2, {"unknown command 'polish'", "kesta --help"}},
+                           {{"gain", in, out}, 2, {"--db", "kesta gain --help"}},
+                           {{"gain", in, out, "--db", "1000"}, 2, {"--db", "out of range"}},
+                           {{"gain", in, out, "--db", "nan"}, 2, {"--db"}},
+                           {{"gain", in, "--db", "1"}, 2, {"OUTPUT"}},
+                           {{"gain", in, out, "extra", "--db", "1"}, 2, {"extra"}},
+                           {{"info", in, "--loud"}, 2, {"--loud", "kesta info --help"}},
+                           {{"info"}, 2, {"FILE", "kesta info --help"}},
+                           {{"info", "--json", P("missing.wav")}, 3, {"missing.wav"}},
+                           {{"gain", "--json", in, out, "--db", "1"}, 4, {"already exists"}},
+                       });
 }
 
 TEST_F(ErrorsTest, HelpAndVersion) {
