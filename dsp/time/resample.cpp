@@ -305,8 +305,11 @@ int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
     const detail::ResampleKernels& kernels = detail::ResampleKernelsFor();
     const int span = mOrder - 1;
     const int64_t available = mHistoryStart + mHistoryFill;
+    // The step in whole input samples and phases left over, so the loop needs no division.
     const auto stepWhole = static_cast<int64_t>(std::floor(mStep));
     const double stepFraction = mStep - static_cast<double>(stepWhole);
+    const int64_t stepSamples = stepWhole / mPhases;
+    const auto stepPhases = static_cast<int32_t>(stepWhole % mPhases);
     int produced = 0;
     while (mWindowEnd < available) {
         const double* x = mHistory + (mWindowEnd - span - mHistoryStart);
@@ -318,13 +321,16 @@ int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
         }
         out[produced++] = static_cast<float>(y);
         mPhaseFraction += stepFraction;
-        int64_t phase = mPhase + stepWhole;
+        mPhase += stepPhases;
         if (mPhaseFraction >= 1.0) {
             mPhaseFraction -= 1.0;
-            ++phase;
+            ++mPhase;
         }
-        mWindowEnd += phase / mPhases;
-        mPhase = static_cast<int32_t>(phase % mPhases);
+        mWindowEnd += stepSamples;
+        if (mPhase >= mPhases) {
+            mPhase -= mPhases;
+            ++mWindowEnd;
+        }
     }
     // Keep what the next window needs, from its oldest tap on.
     const int64_t keepFrom = mWindowEnd - span;
