@@ -231,7 +231,18 @@ int Score(const std::string& dir, const std::string& tool, double seconds, const
 struct Breakdown {
     int nearClick = 0, onset = 0, end = 0, isolated = 0, inClean = 0;
     std::vector<std::string> labels;
-    std::vector<int> perLabel;
+    std::vector<int> falseRanges, allRanges;  // per label
+    void Count(const std::string& label, bool onClick) {
+        const auto at = std::find(labels.begin(), labels.end(), label);
+        const auto i = static_cast<std::size_t>(at - labels.begin());
+        if (at == labels.end()) {
+            labels.push_back(label);
+            falseRanges.push_back(0);
+            allRanges.push_back(0);
+        }
+        falseRanges[i] += !onClick;
+        ++allRanges[i];
+    }
 };
 
 std::string LabelAt(const std::vector<Source>& sources, int channel, long long at) {
@@ -257,7 +268,7 @@ int Detect(const std::string& dir, const std::vector<double>& thresholds, bool l
         sources.push_back({std::stoi(f.at(0)) - 1, std::stoll(f.at(1)), std::stoll(f.at(2)), f.at(3)});
     const long long ms = damaged.rate / 1000;
     std::printf("%9s %5s %8s %12s %7s   false ranges: %-s\n", "threshold", "T", "found %", "precision %", "ranges",
-                "at a click | onset end isolated | also in clean | by source");
+                "at a click | onset end isolated | also in clean | by source (of all ranges there)");
     for (std::size_t t = 0; t < thresholds.size(); ++t) {
         const dsp::noclick::NOCLICK record = kesta::test::ClickRecord(2, damaged.rate, thresholds[t]);
         const RangeLists found = kesta::test::MergeOverlapping(kesta::test::FindAllClicks(damaged.x, record));
@@ -274,9 +285,10 @@ int Detect(const std::string& dir, const std::vector<double>& thresholds, bool l
                         return k.channel == c && Overlaps({c, k.start - before, k.length + 2 * margin}, r);
                     });
                 };
+                const std::string label = LabelAt(sources, c, r.start);
+                b.Count(label, near(0));
                 if (near(0)) continue;
                 const long long end = r.start + r.length;
-                const std::string label = LabelAt(sources, c, r.start);
                 const bool alsoClean = std::any_of(inClean[c].begin(), inClean[c].end(), [&](const Range& q) {
                     return q.start < end && r.start < q.start + q.length;
                 });
@@ -296,13 +308,6 @@ int Detect(const std::string& dir, const std::vector<double>& thresholds, bool l
                     ++b.isolated;
                     kind = "isolated";
                 }
-                const auto at = std::find(b.labels.begin(), b.labels.end(), label);
-                if (at == b.labels.end()) {
-                    b.labels.push_back(label);
-                    b.perLabel.push_back(1);
-                } else {
-                    ++b.perLabel[static_cast<std::size_t>(at - b.labels.begin())];
-                }
                 if (list && t == 0)
                     std::printf("  channel %d at %9.4f s, %2d frames, %-7s %-10s %s\n", c + 1,
                                 static_cast<double>(r.start) / damaged.rate, r.length, label.c_str(), kind,
@@ -310,7 +315,8 @@ int Detect(const std::string& dir, const std::vector<double>& thresholds, bool l
             }
         std::string bySource;
         for (std::size_t i = 0; i < b.labels.size(); ++i)
-            bySource += (i ? ", " : "") + b.labels[i] + " " + std::to_string(b.perLabel[i]);
+            bySource += (i ? ", " : "") + b.labels[i] + " " + std::to_string(b.falseRanges[i]) + " of " +
+                        std::to_string(b.allRanges[i]);
         std::printf("%9.0f %5.1f %8.0f %12.1f %7d   %10d | %5d %3d %8d | %13d | %s\n", thresholds[t],
                     (thresholds[t] + 25.0) / 10.0, recall, precision, ranges, b.nearClick, b.onset, b.end, b.isolated,
                     b.inClean, bySource.c_str());
