@@ -184,7 +184,7 @@ std::pair<double, double> FoundAndPrecision(const std::vector<InsertedClick>& tr
 }
 
 void Header() {
-    std::printf("%-26s %8s %12s %10s %12s %8s\n", "tool", "found %", "precision %", "error dB", "untouched %",
+    std::printf("%-26s %8s %12s %10s %12s %8s\n", "tool", "found %", "precision %", "error dB", "undamaged %",
                 "wall s");
     std::printf("%-26s %8s %12s %10s %12s %8s\n", "", "", "", "(clicks)", "changed", "");
 }
