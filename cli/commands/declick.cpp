@@ -40,13 +40,16 @@ constexpr const char* kHelpFooter =
     R"help(Clicks and crackle are short disturbances (a scratch on a record, a digital glitch) that the
 music around them cannot explain. kesta predicts every sample from the samples before it with a
 model fitted to the surrounding 70 ms, and marks samples whose prediction error stands out from
-the error's local level over +-0.7 ms. A regular series of such events (4 or more per 23 ms at a
-fixed spacing: a rhythm, a buzz) is left alone. Each marked stretch is then redrawn from the
-model so that it continues the audio on both sides; every other sample is written unchanged.
+the error's local level over +-0.7 ms. A buzz (such events at a fixed spacing of up to 256
+samples, 5.8 ms at 44.1 kHz) is left alone; sparser series, such as drum hits, are judged one by
+one. Each marked stretch is then redrawn from the model so that it continues the audio on both
+sides; every other sample is written unchanged.
 
 --threshold T (default 55, 0 ... 200): a sample counts as a click when its prediction error is
   more than (T + 25) / 10 times the local error level (8x by default). Lower finds more and
-  quieter clicks (and risks touching transients such as drum hits); higher only the loudest.
+  quieter clicks; higher only the loudest. Sharp attacks that belong to the sound (consonants,
+  drum hits, mouth clicks) are marked too: on speech and music about 1 in 3 marked stretches
+  was one at 55, 1 in 7 at 125 and 1 in 18 at 200.
 --complexity C (default 16, 0 ... 200): detail of the model, 20 + C/2 past samples per
   prediction. Higher follows dense, tonal music better and runs slower.
 --report FILE: every click found, one line (FILE.csv) or object (FILE.json) each: channel
