@@ -83,13 +83,6 @@ private:
     bool linked = true;
 };
 
-Channels Slice(const Channels& x, std::size_t from, std::size_t to) {
-    Channels out;
-    for (const Signal& s : x)
-        out.emplace_back(s.begin() + from, s.begin() + to);
-    return out;
-}
-
 Channels Limit(HardLimit& limiter, const Channels& x, int maxBlock, uint64_t seed) {
     return RunInRandomBlocks(
         x, [&](float** in, float** out, int n) { limiter.Process(in, out, n); }, maxBlock, seed);

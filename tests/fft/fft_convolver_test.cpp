@@ -87,12 +87,9 @@ TEST(FFTConvolver, StreamOperations) {
 
     // A copy taken mid-stream carries on exactly as the original, with scratch of its own.
     conv.Reset();
-    const Channels head = {Channels::value_type(input[0].begin(), input[0].begin() + 333),
-                           Channels::value_type(input[1].begin(), input[1].begin() + 333)};
-    kesta::test::RunInBlocks(head, Streaming(conv), 333);
+    kesta::test::RunInBlocks(kesta::test::Slice(input, 0, 333), Streaming(conv), 333);
     FFTConvolver copy = conv;
-    const Channels tail = {Channels::value_type(input[0].begin() + 333, input[0].end()),
-                           Channels::value_type(input[1].begin() + 333, input[1].end())};
+    const Channels tail = kesta::test::Slice(input, 333, 1000);
     const Channels fromCopy = kesta::test::RunInBlocks(tail, Streaming(copy), 97);
     const Channels fromOriginal = kesta::test::RunInBlocks(tail, Streaming(conv), 1000);
     EXPECT_EQ(fromCopy, fromOriginal);

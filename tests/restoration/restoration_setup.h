@@ -40,13 +40,6 @@ inline std::span<const float> Part(const Signal& x, std::size_t from, std::size_
     return std::span<const float>(x).subspan(from, count);
 }
 
-inline Channels Slice(const Channels& x, std::size_t from, std::size_t to) {
-    Channels out;
-    for (const Signal& s : x)
-        out.emplace_back(s.begin() + from, s.begin() + to);
-    return out;
-}
-
 // Resume, then x through the process in blocks of `block` frames.
 inline Channels Stream(dsp::OverlapSave& process, const Channels& x, int block = 4096) {
     process.Resume();

@@ -98,6 +98,13 @@ Channels NoiseChannels(int channels, std::size_t frames, uint64_t seed, double a
     return x;
 }
 
+Channels Slice(const Channels& x, std::size_t from, std::size_t to) {
+    Channels out;
+    for (const Signal& s : x)
+        out.emplace_back(s.begin() + from, s.begin() + to);
+    return out;
+}
+
 Channels ZeroChannels(int channels, std::size_t frames) {
     return Channels(static_cast<std::size_t>(channels), Signal(frames, 0.0f));
 }

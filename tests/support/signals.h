@@ -49,6 +49,8 @@ Signal Mix(std::span<const float> a, std::span<const float> b);
 // `channels` independent noise channels (seeds seed, seed + 1, ...).
 Channels NoiseChannels(int channels, std::size_t frames, uint64_t seed, double amplitude = 1.0);
 Channels ZeroChannels(int channels, std::size_t frames);
+// Frames [from, to) of every channel.
+Channels Slice(const Channels& x, std::size_t from, std::size_t to);
 
 // ---- Streaming -------------------------------------------------------------------------------
 
