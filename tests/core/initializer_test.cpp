@@ -1,5 +1,5 @@
 // The one-time registration: however many Initializer objects initialise, the suite is registered
-// once under the library's name, and the registered suite runs and passes.
+// once under the library's name and can be created by it.
 
 #include "dsp/initializer.h"
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(Initializer, RegistersTheSuiteOnceAndItPasses) {
+TEST(Initializer, RegistersTheSuiteOnce) {
     dsp::Initializer first, second;
     EXPECT_FALSE(first.IsInitialized());
     first.Initialize();
@@ -24,9 +24,8 @@ TEST(Initializer, RegistersTheSuiteOnceAndItPasses) {
 
     auto suite = dsp::checks::TestRegistry::Create(u"KestaDSP");
     ASSERT_NE(suite, nullptr);
-    ASSERT_GT(suite->Size(), 0u);
-    for (const auto& result : suite->Run())
-        EXPECT_TRUE(result.outcome.passed) << result.family << "/" << result.name << ": " << result.outcome.detail;
+    // Every registered check passing is the selfcheck command's test.
+    EXPECT_GT(suite->Size(), 0u);
     EXPECT_EQ(dsp::checks::TestRegistry::Create(u"NoSuchSuite"), nullptr);
 }
 
