@@ -17,6 +17,8 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddNoClipChecks(*suite);
     AddNoClickChecks(*suite);
     AddResampleChecks(*suite);
+    AddStereoExpanderChecks(*suite);
+    AddGeneratorChecks(*suite);
     return suite;
 }
 

@@ -18,5 +18,7 @@ void AddHardLimitChecks(CheckSuite& suite);
 void AddNoClipChecks(CheckSuite& suite);
 void AddNoClickChecks(CheckSuite& suite);
 void AddResampleChecks(CheckSuite& suite);
+void AddStereoExpanderChecks(CheckSuite& suite);
+void AddGeneratorChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks

@@ -25,4 +25,6 @@
 #include "dsp/ring_buffer.h"
 #include "dsp/second_order_iir_filter.h"
 #include "dsp/spectrum_packing.h"
+#include "dsp/stereo_expander.h"
 #include "dsp/version.h"
+#include "dsp/white_noise.h"
