@@ -1,6 +1,6 @@
 // FFTConvolver against direct convolution in long double, over geometries that stress the block
-// edges, odd and even channel counts and random block partitions; then the stream operations
-// (response change, Reset, copies, in-place frames) and no allocation while streaming.
+// edges, odd and even channel counts and random block partitions; then in place, fewer host
+// channels, a response change, and no allocation while streaming.
 
 #include "dsp/fft_convolver.h"
 
@@ -85,25 +85,8 @@ TEST(FFTConvolver, StreamOperations) {
     const Channels input = kesta::test::NoiseChannels(2, 1000, 21);
     const Channels reference = kesta::test::RunInBlocks(input, Streaming(conv), 1000);
 
-    // A copy taken mid-stream carries on exactly as the original, with scratch of its own.
-    conv.Reset();
-    kesta::test::RunInBlocks(kesta::test::Slice(input, 0, 333), Streaming(conv), 333);
-    FFTConvolver copy = conv;
-    const Channels tail = kesta::test::Slice(input, 333, 1000);
-    const Channels fromCopy = kesta::test::RunInBlocks(tail, Streaming(copy), 97);
-    const Channels fromOriginal = kesta::test::RunInBlocks(tail, Streaming(conv), 1000);
-    EXPECT_EQ(fromCopy, fromOriginal);
-    EXPECT_TRUE(std::equal(fromCopy[1].begin(), fromCopy[1].end(), reference[1].begin() + 333));
-
-    // Frame by frame, in place, gives the block output; a host channel count of 1 leaves the
-    // second channel silent-fed and untouched.
-    conv.Reset();
-    for (std::size_t n = 0; n < 1000; ++n) {
-        float frame[2] = {input[0][n], input[1][n]};
-        conv.ProcessFrame(frame, frame);
-        ASSERT_EQ(frame[0], reference[0][n]);
-        ASSERT_EQ(frame[1], reference[1][n]);
-    }
+    // In place, with a host that passes one channel of two: the second is fed silence and left
+    // untouched. (Copies and frame-by-frame calls go through the graphic equaliser's tests.)
     conv.Reset();
     Channels mono = {input[0]};
     float sentinel[1] = {7.0f};
