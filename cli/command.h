@@ -56,6 +56,7 @@ Command AddGeqCommand(CLI::App& kesta);
 Command AddDeclickCommand(CLI::App& kesta);
 Command AddDeclipCommand(CLI::App& kesta);
 Command AddLimitCommand(CLI::App& kesta);
+Command AddWidenCommand(CLI::App& kesta);
 Command AddChainCommand(CLI::App& kesta);
 
 }  // namespace kesta

@@ -106,9 +106,9 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
     const std::vector<Command> commands = {
-        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),  AddGainCommand(kesta), AddDenoiseCommand(kesta),
-        AddDehissCommand(kesta),    AddEqCommand(kesta),    AddGeqCommand(kesta),  AddDeclickCommand(kesta),
-        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddChainCommand(kesta)};
+        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),  AddGainCommand(kesta),  AddDenoiseCommand(kesta),
+        AddDehissCommand(kesta),    AddEqCommand(kesta),    AddGeqCommand(kesta),   AddDeclickCommand(kesta),
+        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddWidenCommand(kesta), AddChainCommand(kesta)};
     for (const Command& command : commands)
         command.app->group("Commands");
 

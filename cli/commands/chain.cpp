@@ -34,7 +34,7 @@ the names of the command's own options without the dashes; a flag is its name al
   dehiss:noise-file=hiss.wav            denoise:print=room.knp,residual
 
 A value may hold colons and commas (geq:gains=0,0,3,3,0,0,0,0,-2,-4); a comma starts a new
-option only where a name and '=' follow. Steps: gain, eq, geq, denoise, dehiss. Each step
+option only where a name and '=' follow. Steps: gain, eq, geq, denoise, dehiss, widen. Each step
 checks its settings as its command does. The processing delays of all steps are compensated
 together: OUTPUT has INPUT's length and is aligned with it sample for sample.
 
@@ -54,11 +54,9 @@ struct StepKind {
     const char* name;
     AddCommand add;
 };
-constexpr StepKind kSteps[] = {{"gain", AddGainCommand},
-                               {"eq", AddEqCommand},
-                               {"geq", AddGeqCommand},
-                               {"denoise", AddDenoiseCommand},
-                               {"dehiss", AddDehissCommand}};
+constexpr StepKind kSteps[] = {{"gain", AddGainCommand},     {"eq", AddEqCommand},
+                               {"geq", AddGeqCommand},       {"denoise", AddDenoiseCommand},
+                               {"dehiss", AddDehissCommand}, {"widen", AddWidenCommand}};
 
 struct ChainOptions {
     std::string input;
