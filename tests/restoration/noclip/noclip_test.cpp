@@ -179,8 +179,11 @@ TEST(RepairClipping, ClippedTonesComeBackCloseToTheOriginal) {
         int margin;
         double minimumDb;  // error reduction over the runs
     };
-    const Case cases[] = {{100.0, 64, 12.0}, {440.0, 64, 12.0},  {997.0, 64, 25.0},
-                          {997.0, 0, 18.0},  {3001.0, 64, 10.0}, {3001.0, 16, 8.0}};
+    // The redraw follows value and slope, not curvature (taken from three samples, curvature sends
+    // long runs of real audio far past their true peaks), so a pure tone's lost arc comes back
+    // with about a fifth of the error it had clipped (14 dB).
+    const Case cases[] = {{100.0, 64, 12.0}, {440.0, 64, 12.0},  {997.0, 64, 12.0},
+                          {997.0, 0, 12.0},  {3001.0, 64, 10.0}, {3001.0, 16, 8.0}};
     for (const Case& k : cases) {
         const Signal clean = Sine(30000, k.frequency, kRate, 0.9, 0.3);
         const Signal clipped = Clip(clean, 0.45f);
@@ -325,7 +328,7 @@ TEST(CFillIn, GapInAToneIsFilledFromItsSurroundings) {
     dsp::CFillIn small;
     small.Init(16, 0);
     Signal x = clean;
-    EXPECT_FALSE(small.FillInNow(300, 304, x.data(), nullptr, 100.0f, 0.0f, nullptr));  // 5 > 16 / 4
+    EXPECT_FALSE(small.FillInNow(300, 308, x.data(), nullptr, 100.0f, 0.0f, nullptr));  // 9 > 16 / 2
     EXPECT_EQ(x, clean);
 }
 
