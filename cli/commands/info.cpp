@@ -9,6 +9,7 @@
 #include "errors.h"
 #include "io/block_reader.h"
 #include "pipeline/console.h"
+#include "pipeline/job.h"
 #include "pipeline/level_meter.h"
 #include "pipeline/progress.h"
 #include "pipeline/report.h"
@@ -52,13 +53,9 @@ int RunInfo(const InfoOptions& options) {
     const AudioFormat& format = reader.Format();
 
     LevelMeter meter(format.channels);
-    AudioBlock block = reader.MakeBlock();
     {
         Progress progress("info", reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-        while (reader.Read(block)) {
-            meter.Add(block);
-            progress.Advance(int64_t(block.Frames()));
-        }
+        StreamToSink(reader, {}, progress, [&](const AudioBlock& block, int64_t) { meter.Add(block); });
     }
     const int64_t frames = reader.FramesRead();
     if (auto mismatch = reader.LengthWarning()) console.Warn(*mismatch);

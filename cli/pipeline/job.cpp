@@ -83,16 +83,50 @@ std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, in
     return std::make_unique<FunctionStage>(latency, std::move(process));
 }
 
-AudioOutput::AudioOutput(const std::string& path, const BlockReader& source,
-                         const std::vector<SafeOutput::Input>& inputs, const OutputOptions& options)
+void ResizingStage::Process(float**, int, int) {
+    throw std::logic_error("a resizing stage was asked to process in place");
+}
+
+// The format, rate included, the descriptive data and the length of what OUTPUT holds.
+struct AudioOutput::Shape {
+    AudioFormat format;
+    AudioMetadata metadata;
+    std::optional<int64_t> frames;
+};
+
+// What `stages` make of `source`: the rate and length they give, the markers moved along.
+AudioOutput::Shape AudioOutput::ShapeOf(const BlockReader& source, const std::vector<Stage*>& stages) {
+    AudioOutput::Shape shape{source.Format(), source.Metadata(), source.HeaderFrames()};
+    for (const Stage* stage : stages) {
+        const auto* resizing = dynamic_cast<const ResizingStage*>(stage);
+        if (!resizing) continue;
+        shape.format.sampleRate = resizing->OutputRate(shape.format.sampleRate);
+        if (shape.frames) shape.frames = resizing->OutputFrames(*shape.frames);
+        for (Marker& marker : shape.metadata.markers)
+            marker.frame = resizing->OutputFrames(marker.frame);
+    }
+    return shape;
+}
+
+AudioOutput::AudioOutput(const std::string& path, const Shape& shape, const std::vector<SafeOutput::Input>& inputs,
+                         const OutputOptions& options)
     : mPath(path),
       mOutput((CheckSingleRun(options.batch), path), inputs, options.force),
-      mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(source.Format(), path, options)),
+      mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(shape.format, path, options)),
       mClips(!IsFloatEncoding(mWriter.Format().sndfileFormat)),
-      mWritten(source.Format().channels) {
-    mMetadataLost = mWriter.SetMetadata(source.Metadata());
-    if (source.HeaderFrames()) mWriter.ExpectFrames(*source.HeaderFrames());
+      mWritten(shape.format.channels) {
+    mMetadataLost = mWriter.SetMetadata(shape.metadata);
+    if (shape.frames) mWriter.ExpectFrames(*shape.frames);
 }
+
+AudioOutput::AudioOutput(const std::string& path, const BlockReader& source,
+                         const std::vector<SafeOutput::Input>& inputs, const OutputOptions& options,
+                         const std::vector<Stage*>& stages)
+    : AudioOutput(path, ShapeOf(source, stages), inputs, options) {}
+
+AudioOutput::AudioOutput(const std::string& path, const AudioFormat& basis, int64_t frames,
+                         const OutputOptions& options)
+    : AudioOutput(path, Shape{basis, AudioMetadata{}, frames}, {}, options) {}
 
 void AudioOutput::Write(AudioBlock& block) {
     mWriter.Write(block);
@@ -128,57 +162,172 @@ void AudioOutput::WriteFields(JsonWriter& json) const {
     WriteLevels(json, Levels());
 }
 
+namespace {
+
+// Runs blocks from a source through the stages to a destination: each stage's latency dropped from
+// its own output (so every stage hears its input aligned, as a command run on the previous
+// command's file would), and at the end silence fed to each stage in turn until it has made all
+// the frames its input makes.
+class StageRunner {
+public:
+    using Deliver = std::function<void(AudioBlock& block, int64_t position)>;
+
+    StageRunner(int channels, std::size_t blockFrames, const std::vector<Stage*>& stages, Deliver deliver)
+        : mChannels(channels), mBlock(channels, blockFrames), mDeliver(std::move(deliver)) {
+        std::size_t largest = blockFrames, frames = blockFrames;
+        for (Stage* stage : stages) {
+            Leg leg{stage, dynamic_cast<ResizingStage*>(stage), stage->Latency(), 0, 0, std::nullopt};
+            if (leg.resizing) frames = std::max(frames, leg.resizing->MaxOutputFrames(frames));
+            largest = std::max(largest, frames);
+            mLegs.push_back(leg);
+        }
+        if (largest > blockFrames || std::any_of(mLegs.begin(), mLegs.end(), [](const Leg& l) { return l.resizing; }))
+            mSpare = {AudioBlock(channels, largest), AudioBlock(channels, largest)};
+        mIn.resize(std::size_t(channels));
+        mOut.resize(std::size_t(channels));
+    }
+
+    // The block the source fills.
+    AudioBlock& Block() { return mBlock; }
+
+    // Runs the block's frames through every stage.
+    void Run() { RunFrom(0, mBlock, mBlock.Frames()); }
+
+    // Brings every stage's delayed tail out, through the stages after it. Returns the frames delivered.
+    int64_t Finish() {
+        for (std::size_t k = 0; k < mLegs.size(); ++k) {
+            Leg& leg = mLegs[k];
+            leg.limit = leg.resizing ? leg.resizing->OutputFrames(leg.fed) : leg.fed;
+            if (leg.made > *leg.limit)
+                throw std::logic_error("a stage made more frames than it declared for its input");
+            // An in-place stage owes exactly its latency; a resizing one is fed until it has made its
+            // frames (with a bound, should it never).
+            int64_t zeros = leg.resizing ? 0 : leg.stage->Latency();
+            int64_t idle = 0;
+            while (leg.resizing ? leg.made < leg.limit : zeros > 0) {
+                const std::size_t frames = leg.resizing
+                                               ? mBlock.Capacity()
+                                               : std::size_t(std::min<int64_t>(zeros, int64_t(mBlock.Capacity())));
+                for (int c = 0; c < mChannels; ++c)
+                    std::fill_n(mBlock.Channel(c), frames, 0.0f);
+                const int64_t before = leg.made;
+                RunFrom(k, mBlock, frames, false);
+                zeros -= int64_t(frames);
+                idle = leg.made == before ? idle + 1 : 0;
+                if (idle > 1000) throw std::logic_error("a stage made no frames from silence after its input");
+            }
+        }
+        return mDelivered;
+    }
+
+private:
+    struct Leg {
+        Stage* stage;
+        ResizingStage* resizing;  // null for a stage that works in place
+        int64_t toDrop;
+        int64_t fed = 0;               // frames of input given to it (silence that flushes it left out)
+        int64_t made = 0;              // frames it passed on
+        std::optional<int64_t> limit;  // once its input is complete: the frames it must pass on
+    };
+
+    // Runs the first `frames` frames of `block` through the stages from `first` on, then delivers
+    // what is left. `input`: the frames are the input of stage `first`, not silence flushing it.
+    void RunFrom(std::size_t first, AudioBlock& block, std::size_t frames, bool input = true) {
+        AudioBlock* current = &block;
+        for (std::size_t k = first; k < mLegs.size() && frames > 0; ++k) {
+            Leg& leg = mLegs[k];
+            if (k > first || input) leg.fed += int64_t(frames);
+            Pointers(*current, mIn);
+            if (leg.resizing) {
+                AudioBlock* next = current == &mSpare[0] ? &mSpare[1] : &mSpare[0];
+                Pointers(*next, mOut);
+                frames = leg.resizing->Convert(mIn.data(), mOut.data(), mChannels, frames);
+                current = next;
+            } else {
+                leg.stage->Process(mIn.data(), mChannels, int(frames));
+            }
+            const std::size_t drop = std::size_t(std::min<int64_t>(leg.toDrop, int64_t(frames)));
+            leg.toDrop -= int64_t(drop);
+            if (drop > 0)
+                for (int c = 0; c < mChannels; ++c)
+                    std::memmove(current->Channel(c), current->Channel(c) + drop, (frames - drop) * sizeof(float));
+            frames -= drop;
+            if (leg.limit) frames = std::size_t(std::min<int64_t>(int64_t(frames), *leg.limit - leg.made));
+            leg.made += int64_t(frames);
+        }
+        if (frames == 0) return;
+        current->SetFrames(frames);
+        mDeliver(*current, mDelivered);
+        mDelivered += int64_t(frames);
+    }
+
+    void Pointers(AudioBlock& block, std::vector<float*>& pointers) const {
+        for (int c = 0; c < mChannels; ++c)
+            pointers[std::size_t(c)] = block.Channel(c);
+    }
+
+    int mChannels;
+    AudioBlock mBlock;
+    std::vector<AudioBlock> mSpare;  // converted audio, for resizing stages
+    std::vector<float*> mIn, mOut;
+    std::vector<Leg> mLegs;
+    Deliver mDeliver;
+    int64_t mDelivered = 0;
+};
+
+int64_t StreamFile(BlockReader& reader, const std::vector<Stage*>& stages, Progress& progress,
+                   const WatchBlock& watchInput, StageRunner::Deliver deliver) {
+    StageRunner runner(reader.Format().channels, BlockReader::kDefaultBlockFrames, stages, std::move(deliver));
+    AudioBlock& block = runner.Block();
+    int64_t position = 0;
+    while (reader.Read(block)) {
+        if (watchInput) watchInput(block, position);
+        position += int64_t(block.Frames());
+        runner.Run();
+        progress.Advance(int64_t(block.Frames()));
+    }
+    return runner.Finish();
+}
+
+}  // namespace
+
 int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
                      const StreamWatchers& watchers) {
-    const int channels = reader.Format().channels;
-    AudioBlock block = reader.MakeBlock();
+    const int64_t written =
+        StreamFile(reader, stages, progress, watchers.input, [&](AudioBlock& block, int64_t position) {
+            if (watchers.output) watchers.output(block, position);
+            output.Write(block);
+        });
+    output.Finish();
+    return written;
+}
+
+int64_t StreamToSink(BlockReader& reader, const std::vector<Stage*>& stages, Progress& progress,
+                     const WatchBlock& sink) {
+    return StreamFile(reader, stages, progress, nullptr,
+                      [&](AudioBlock& block, int64_t position) { sink(block, position); });
+}
+
+int64_t StreamGenerated(Generator& generator, int64_t frames, AudioOutput& output, const std::vector<Stage*>& stages,
+                        Progress& progress) {
+    const int channels = output.Format().channels;
+    StageRunner runner(channels, BlockReader::kDefaultBlockFrames, stages,
+                       [&](AudioBlock& block, int64_t) { output.Write(block); });
+    AudioBlock& block = runner.Block();
     std::vector<float*> pointers(static_cast<std::size_t>(channels));
     for (int c = 0; c < channels; ++c)
         pointers[std::size_t(c)] = block.Channel(c);
-    // Each stage's latency is dropped from its own output, so every stage hears its input aligned,
-    // as a command run on the previous command's file would.
-    std::vector<int64_t> toDrop;
-    for (const Stage* stage : stages)
-        toDrop.push_back(stage->Latency());
-    int64_t inPosition = 0, outPosition = 0;
-
-    // Runs the block's first `frames` frames through the stages from `first` on, then writes what is left.
-    auto runFrom = [&](std::size_t first, std::size_t frames) {
-        for (std::size_t k = first; k < stages.size() && frames > 0; ++k) {
-            stages[k]->Process(pointers.data(), channels, int(frames));
-            const std::size_t drop = std::size_t(std::min<int64_t>(toDrop[k], int64_t(frames)));
-            toDrop[k] -= int64_t(drop);
-            if (drop == 0) continue;
-            for (int c = 0; c < channels; ++c)
-                std::memmove(block.Channel(c), block.Channel(c) + drop, (frames - drop) * sizeof(float));
-            frames -= drop;
-        }
-        if (frames == 0) return;
-        block.SetFrames(frames);
-        if (watchers.output) watchers.output(block, outPosition);
-        outPosition += int64_t(frames);
-        output.Write(block);
-    };
-
-    while (reader.Read(block)) {
-        if (watchers.input) watchers.input(block, inPosition);
-        const int64_t frames = int64_t(block.Frames());
-        inPosition += frames;
-        runFrom(0, block.Frames());
-        progress.Advance(frames);
+    for (int64_t done = 0; done < frames;) {
+        const std::size_t n = std::size_t(std::min<int64_t>(frames - done, int64_t(block.Capacity())));
+        generator.Generate(pointers.data(), channels, int(n));
+        block.SetFrames(n);
+        runner.Run();
+        done += int64_t(n);
+        progress.Advance(int64_t(n));
     }
-    // Silence after the input brings each stage's delayed tail out, through the stages after it.
-    for (std::size_t k = 0; k < stages.size(); ++k) {
-        for (int64_t zeros = stages[k]->Latency(); zeros > 0;) {
-            const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
-            for (int c = 0; c < channels; ++c)
-                std::fill_n(block.Channel(c), frames, 0.0f);
-            runFrom(k, frames);
-            zeros -= int64_t(frames);
-        }
-    }
+    const int64_t written = runner.Finish();
     output.Finish();
-    return outPosition;
+    return written;
 }
 
 void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOutput& output,

@@ -1,5 +1,5 @@
 #pragma once
-// The one flow of a kesta command that turns INPUT into OUTPUT, shared by every such command:
+// The one flow of a kesta command, shared by every command:
 //
 //   BlockReader reader(input);                                  // input errors, exit 3
 //   ... settings checked against the input, analysis passes prepared ...
@@ -12,6 +12,16 @@
 //
 // The output keeps the input's format unless its name or --bits/--float choose another; it is
 // written to a temporary file beside the target and moved into place only when complete.
+//
+// Three other shapes of command use the same stream:
+//   - output of another rate or length (resampling, removing silence): the command's stage derives
+//     from ResizingStage and says what rate it makes and exactly how many frames it makes of N input
+//     frames. Make the stages first and give them to AudioOutput (its rate, its expected length and
+//     the markers' new places come from them); StreamStages then writes exactly that many frames.
+//   - no input (a generator): a Generator fills the blocks; AudioOutput(path, basis, frames, options)
+//     and StreamGenerated(generator, frames, output, stages, progress).
+//   - no audio output (an analysis): StreamToSink(reader, stages, progress, sink) hands every block,
+//     as the stages leave it, to the command's analyzers; the command only reports.
 
 #include <chrono>
 #include <cstdint>
@@ -71,6 +81,36 @@ public:
     virtual void Process(float** channels, int channelCount, int frames) = 0;
 };
 
+// A stage whose output has another rate or length than its input (a resampler, a silence remover).
+// It converts each block from one buffer into another instead of processing in place; its latency
+// counts output frames (the stream drops that many from the start, and feeds silence after the input
+// until the stage has made OutputFrames(input frames) frames after them).
+class ResizingStage : public Stage {
+public:
+    // The rate of the output for input at `inputRate`.
+    virtual int OutputRate(int inputRate) const { return inputRate; }
+    // The frames of output the first `inputFrames` input frames make, latency left out: exactly what
+    // OUTPUT holds for an input of that length, and where a marker at input frame `inputFrames` lands.
+    // Never decreasing; the frames the stage has made (less its latency) never exceed it.
+    virtual int64_t OutputFrames(int64_t inputFrames) const = 0;
+    // The most frames one Convert call makes of `inputFrames` frames.
+    virtual std::size_t MaxOutputFrames(std::size_t inputFrames) const = 0;
+    // Converts `frames` frames of every channel of `in` into `out` and returns the frames made.
+    virtual std::size_t Convert(const float* const* in, float* const* out, int channelCount, std::size_t frames) = 0;
+
+private:
+    // The stream calls Convert: a stage that changes the length cannot work in place.
+    void Process(float**, int, int) final;
+};
+
+// The audio of a command without an input (a generator), block after block.
+class Generator {
+public:
+    virtual ~Generator() = default;
+    // Writes the next `frames` frames of every channel.
+    virtual void Generate(float** channels, int channelCount, int frames) = 0;
+};
+
 // A stage made of a function, for processors without delay or state worth a class.
 std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process);
 
@@ -78,8 +118,13 @@ std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, in
 // of the inputs; measured as written (levels after the encoding's clipping); in place on Commit.
 class AudioOutput {
 public:
+    // OUTPUT for what `stages` make of `source`'s audio: the input's format at the rate the stages
+    // give, its descriptive data, its markers moved to where the stages put their frames.
     AudioOutput(const std::string& path, const BlockReader& source, const std::vector<SafeOutput::Input>& inputs,
-                const OutputOptions& options);
+                const OutputOptions& options, const std::vector<Stage*>& stages = {});
+    // OUTPUT for `frames` frames made without an input: `basis` gives the rate and the channels, and
+    // the container and encoding when OUTPUT's name has no extension.
+    AudioOutput(const std::string& path, const AudioFormat& basis, int64_t frames, const OutputOptions& options);
 
     const std::string& Path() const { return mPath; }
     const AudioFormat& Format() const { return mWriter.Format(); }
@@ -105,6 +150,11 @@ public:
     void WriteFields(JsonWriter& json) const;
 
 private:
+    struct Shape;  // format, descriptive data and expected length
+    static Shape ShapeOf(const BlockReader& source, const std::vector<Stage*>& stages);
+    AudioOutput(const std::string& path, const Shape& shape, const std::vector<SafeOutput::Input>& inputs,
+                const OutputOptions& options);
+
     std::string mPath;
     SafeOutput mOutput;
     BlockWriter mWriter;
@@ -122,11 +172,22 @@ struct StreamWatchers {
 };
 
 // Streams the rest of `reader` through every stage in turn into `output`, advancing `progress` by
-// the frames read. Each stage's first Latency() output frames are dropped and as many zeros fed
-// into it after its input, so every stage hears its input aligned and the output has the input's
-// length, aligned with it sample for sample. Returns the frames written.
+// the frames read. Each stage's first Latency() output frames are dropped and silence fed into it
+// after its input, so every stage hears its input aligned and the output has the input's length
+// (or the length a ResizingStage makes of it), aligned with it sample for sample. Returns the
+// frames written.
 int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
                      const StreamWatchers& watchers = {});
+
+// The same stream for a command without an audio output: `sink` sees every block as the stages
+// leave it (with none, as read). Returns the frames `sink` saw.
+int64_t StreamToSink(BlockReader& reader, const std::vector<Stage*>& stages, Progress& progress,
+                     const WatchBlock& sink);
+
+// The same stream for a command without an input: `frames` frames of `generator` through the stages
+// into `output`. Returns the frames written.
+int64_t StreamGenerated(Generator& generator, int64_t frames, AudioOutput& output, const std::vector<Stage*>& stages,
+                        Progress& progress);
 
 // The warnings every audio output may need after its stream: a length other than the header's,
 // descriptive data the output cannot keep, and samples clipped (with `advice` on how to avoid it, in parentheses).
