@@ -15,6 +15,7 @@
 #include "io/block_writer.h"
 #include "io/file_identity.h"
 #include "io/safe_output.h"
+#include "pipeline/analysis.h"
 #include "pipeline/command_line.h"
 #include "pipeline/command_support.h"
 #include "pipeline/job.h"
@@ -39,77 +40,6 @@ std::string FormatSeconds(double seconds) {
 std::string FormatSecondsUp(int64_t frames, int rate) {
     return FormatSeconds(std::ceil(double(frames) * 1000.0 / rate) / 1000.0);
 }
-
-// Reads a stretch of a file as the overlapping blocks an analyzer asks for: Load(position, n)
-// gives frames position ... position + n - 1, with positions that never go back. The reader only
-// moves forward (skipped frames are read and dropped), and the window holds at most one block.
-class SlidingWindow {
-public:
-    SlidingWindow(BlockReader& reader, std::size_t capacity, int channels)
-        : mReader(reader),
-          mCapacity(capacity),
-          mChunk(reader.MakeBlock()),
-          mData(std::size_t(channels), std::vector<float>(capacity)),
-          mPointers(std::size_t(channels)) {
-        mBase = reader.FramesRead();
-    }
-
-    // The frames available from `position` on, at most `frames` (fewer only at the end of the file).
-    std::size_t Load(int64_t position, std::size_t frames) {
-        frames = std::min(frames, mCapacity);
-        const int64_t drop = position - mBase;
-        if (drop >= int64_t(mHeld)) {
-            Skip(drop - int64_t(mHeld));
-            mHeld = 0;
-        } else if (drop > 0) {
-            for (std::vector<float>& channel : mData)
-                std::memmove(channel.data(), channel.data() + drop, (mHeld - std::size_t(drop)) * sizeof(float));
-            mHeld -= std::size_t(drop);
-        }
-        mBase = position;
-        while (mHeld < frames) {
-            if (mChunkUsed == mChunk.Frames()) {
-                if (!mReader.Read(mChunk)) break;
-                mChunkUsed = 0;
-            }
-            const std::size_t take = std::min(frames - mHeld, mChunk.Frames() - mChunkUsed);
-            for (std::size_t c = 0; c < mData.size(); ++c)
-                std::memcpy(mData[c].data() + mHeld,
-                            mChunk.Channel(std::min(int(c), mChunk.Channels() - 1)) + mChunkUsed, take * sizeof(float));
-            mHeld += take;
-            mChunkUsed += take;
-        }
-        return std::min(frames, mHeld);
-    }
-
-    float** Channels() {
-        for (std::size_t c = 0; c < mData.size(); ++c)
-            mPointers[c] = mData[c].data();
-        return mPointers.data();
-    }
-
-private:
-    void Skip(int64_t frames) {
-        while (frames > 0) {
-            if (mChunkUsed == mChunk.Frames()) {
-                if (!mReader.Read(mChunk)) return;
-                mChunkUsed = 0;
-            }
-            const std::size_t take = std::size_t(std::min<int64_t>(frames, int64_t(mChunk.Frames() - mChunkUsed)));
-            mChunkUsed += take;
-            frames -= int64_t(take);
-        }
-    }
-
-    BlockReader& mReader;
-    std::size_t mCapacity;
-    AudioBlock mChunk;
-    std::size_t mChunkUsed = 0;
-    std::vector<std::vector<float>> mData;
-    std::vector<float*> mPointers;
-    int64_t mBase = 0;  // file position of mData's first frame
-    std::size_t mHeld = 0;
-};
 
 // The energy of the frames of a stream that fall inside [start, end), per channel.
 class RangeMeter {
@@ -197,34 +127,13 @@ void ResolveStretch(const SpectralOptions& options, const std::optional<TimeRang
 // Streams the selection through the capture (of `channels` channels), reading only forward.
 int RunCapture(dsp::DSPAnalyzer& capture, BlockReader& reader, const NoiseSource& source, Progress& progress,
                int channels) {
-    const int64_t end = source.start + source.frames;
-    const std::size_t desired = std::size_t(capture.GetDesiredBlockSize());
-    SlidingWindow window(reader, desired, channels);
-    capture.Start(nullptr);
-    int64_t position = source.start;
-    int64_t reported = reader.FramesRead();
-    int snapshots = 0;
-    while (!capture.IsCompleted()) {
-        // Only frames inside the selection: a block past its end would measure what follows the noise.
-        if (position >= end) throw std::logic_error("the capture asked for frames past the end of its selection");
-        const std::size_t wanted = std::size_t(std::min<int64_t>(int64_t(desired), end - position));
-        const std::size_t got = window.Load(position, wanted);
-        if (got < wanted)  // a file shorter than its header said, or a stream without a length
-            throw InputError("cannot take the noise print from " + Quoted(reader.Path()),
-                             "it ends at " +
-                                 FormatSeconds(double(position + int64_t(got)) / reader.Format().sampleRate) +
-                                 " s, before the end of the noise stretch",
-                             "give a --noise range inside the file");
-        const long long advance = capture.Analyze(window.Channels(), channels, int(got));
-        ++snapshots;
-        progress.Advance(reader.FramesRead() - reported);
-        reported = reader.FramesRead();
-        if (capture.IsCompleted()) break;
-        if (advance <= 0) throw std::logic_error("the capture did not advance");
-        position += advance;
-    }
-    capture.Done();
-    return snapshots;
+    return RunAnalysis(capture, reader, {source.start, source.frames}, channels, progress, [&](int64_t end) {
+        // A file shorter than its header said, or a stream without a length.
+        throw InputError("cannot take the noise print from " + Quoted(reader.Path()),
+                         "it ends at " + FormatSeconds(double(end) / reader.Format().sampleRate) +
+                             " s, before the end of the noise stretch",
+                         "give a --noise range inside the file");
+    });
 }
 
 // What the processing pass measured.
@@ -354,11 +263,8 @@ NoisePlan PlanNoise(const SpectralOptions& options, SpectralTool& tool, BlockRea
 }
 
 // Streams the capture of the plan and gives its print to the tool.
-void CaptureNoise(NoisePlan& plan, SpectralTool& tool, int sampleRate, const Console& console) {
-    {
-        Progress progress("capture", plan.source.start + plan.source.frames, sampleRate, console.ShowsProgress());
-        plan.source.snapshots = RunCapture(*plan.capture, *plan.captureReader, plan.source, progress, plan.channels);
-    }
+void CaptureNoise(NoisePlan& plan, SpectralTool& tool, Progress& progress) {
+    plan.source.snapshots = RunCapture(*plan.capture, *plan.captureReader, plan.source, progress, plan.channels);
     tool.TakeCapture(*plan.capture);
     plan.capture.reset();
 }
@@ -433,7 +339,11 @@ std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::sh
     BlockReader reader(in.path);
     CheckChannels(reader.Format(), tool->Command(), in.path);
     NoisePlan plan = PlanNoise(options, *tool, reader, range, true);
-    if (plan.capture) CaptureNoise(plan, *tool, reader.Format().sampleRate, in.console);
+    if (plan.capture) {
+        Progress progress("capture", plan.source.start + plan.source.frames, reader.Format().sampleRate,
+                          in.console.ShowsProgress());
+        CaptureNoise(plan, *tool, progress);
+    }
     struct Held {  // the processor reads the tool's record: destroyed first
         std::shared_ptr<SpectralTool> tool;
         std::unique_ptr<dsp::OverlapSave> process;
@@ -478,11 +388,16 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
 
     Console console(options.report);
 
+    // One bar for the capture and the processing.
+    std::optional<int64_t> work = capture ? source.start + source.frames : 0;
+    if (output) work = reader.HeaderFrames() ? std::optional(*work + *reader.HeaderFrames()) : std::nullopt;
+    Progress progress(capture ? "capture" : command, work, format.sampleRate, console.ShowsProgress());
+
     // 4. The capture.
     double captureSeconds = 0.0;
     if (capture) {
         const Stopwatch captureClock;
-        CaptureNoise(plan, tool, format.sampleRate, console);
+        CaptureNoise(plan, tool, progress);
         captureSeconds = captureClock.Seconds();
         if (printOutput)
             WriteAll(printOutput->Descriptor(), tool.EncodePrint(format.sampleRate, {source.start, source.frames}),
@@ -504,12 +419,12 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
         }
         const Stopwatch processClock;
         std::unique_ptr<dsp::OverlapSave> process = tool.MakeProcess();
-        {
-            Progress progress(command, reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-            StreamThrough(*process, reader, *output, progress, measures);
-        }
+        progress.Next(command);
+        StreamThrough(*process, reader, *output, progress, measures);
         processSeconds = processClock.Seconds();
     }
+
+    progress.Finish();
 
     // 6. Into place.
     if (printOutput) printOutput->Commit();

@@ -50,6 +50,11 @@ void Progress::Advance(int64_t frames) {
     Draw();
 }
 
+void Progress::Next(std::string label) {
+    mLabel = std::move(label);
+    if (mEnabled && mDrawn) Draw();
+}
+
 void Progress::Finish() {
     if (!mDrawn) return;
     std::fputs("\r\033[K", stderr);

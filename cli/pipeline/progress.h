@@ -21,6 +21,8 @@ public:
     Progress& operator=(const Progress&) = delete;
 
     void Advance(int64_t frames);
+    // Moves on to the next pass of a job whose passes the bar counts together: shows `label` from now on.
+    void Next(std::string label);
     // Erases the bar.
     void Finish();
 

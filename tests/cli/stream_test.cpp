@@ -7,7 +7,9 @@
 #include <deque>
 
 #include "cli_test.h"
+#include "dsp/dsp_analyzer.h"
 #include "io/block_reader.h"
+#include "pipeline/analysis.h"
 #include "pipeline/job.h"
 #include "pipeline/progress.h"
 
@@ -221,6 +223,122 @@ TEST_F(StreamTest, ASinkSeesEveryFrameAsTheStagesLeaveIt) {
         EXPECT_EQ(frames, 10001);
         EXPECT_EQ(seen, 10001);
         EXPECT_EQ(largest, 0.0);
+    }
+}
+
+// Records what each Analyze call was given: the position the analyzer expected, the frames and
+// whether every sample matched the file there (silence past its end).
+class Recorder {
+public:
+    struct Call {
+        int64_t position;
+        int frames;
+        bool matches;
+    };
+    explicit Recorder(const Audio& file) : mFile(file) {}
+    void Check(int64_t position, float** data, int channels, int frames) {
+        bool matches = true;
+        for (int c = 0; c < channels; ++c)
+            for (int i = 0; i < frames; ++i) {
+                const int64_t at = position + i;
+                const double expected =
+                    at < mFile.Frames() ? float(mFile.channels[std::size_t(c)][std::size_t(at)]) : 0.0;
+                matches = matches && data[c][i] == expected;
+            }
+        calls.push_back({position, frames, matches});
+    }
+    std::vector<Call> calls;
+
+private:
+    const Audio& mFile;
+};
+
+// Asks for blocks of 1000 frames stepping 600, so each overlaps the last; done after `blocks`.
+class Overlapping : public dsp::DSPAnalyzer {
+public:
+    Overlapping(Recorder& recorder, int blocks) : mRecorder(recorder), mBlocks(blocks) {}
+    bool SetSelection(long long start, long long) override {
+        mPosition = start;
+        return true;
+    }
+    int32_t GetDesiredBlockSize() const override { return 1000; }
+    bool IsCompleted() const override { return int(mRecorder.calls.size()) >= mBlocks; }
+    float GetProgress() const override { return 0.0f; }
+    long long Analyze(float** data, int channels, int frames) override {
+        mRecorder.Check(mPosition, data, channels, frames);
+        mPosition += 600;
+        return 600;
+    }
+
+private:
+    Recorder& mRecorder;
+    int mBlocks;
+    long long mPosition = 0;
+};
+
+// Three passes over its selection, 700 frames a call, the pass's latency 50 frames times the pass.
+class ThreePasses : public dsp::DSPMultiPassAnalyzer {
+public:
+    explicit ThreePasses(Recorder& recorder) : DSPMultiPassAnalyzer(3), mRecorder(recorder) {}
+    int32_t GetDesiredBlockSize() const override { return 700; }
+
+protected:
+    int GetLatency(int32_t pass) const override { return 50 * pass; }
+    long long Analyze(int32_t, float** data, int channels, int frames) override {
+        mRecorder.Check(GetCurrentPosition(), data, channels, frames);
+        return frames;
+    }
+
+private:
+    Recorder& mRecorder;
+};
+
+TEST_F(StreamTest, AnalysisPassesReadTheRegionAsTheAnalyzerAsks) {
+    const Audio file = Ramp(10001, {});
+    const auto all = [](const Recorder& r) {
+        return std::all_of(r.calls.begin(), r.calls.end(), [](const Recorder::Call& c) { return c.matches; });
+    };
+    {  // Single pass, overlapping blocks from frame 3000: the reader goes forward only.
+        Recorder recorder(file);
+        Overlapping analyzer(recorder, 8);
+        analyzer.SetSelection(3000, 5000);
+        BlockReader reader(P("in.wav"));
+        Progress progress("test", std::nullopt, 48000, false);
+        EXPECT_EQ(kesta::RunAnalysis(analyzer, reader, {3000, 5000}, 2, progress), 8);
+        ASSERT_EQ(recorder.calls.size(), 8u);
+        EXPECT_TRUE(all(recorder));
+        EXPECT_EQ(recorder.calls[7].position, 3000 + 7 * 600);
+        EXPECT_EQ(recorder.calls[7].frames, 800);  // the region ends at 8000
+    }
+    {  // Three passes: each from the region's start again, its latency past the end, silence after the file.
+        Recorder recorder(file);
+        ThreePasses analyzer(recorder);
+        analyzer.SetSelection(6000, 3990);
+        BlockReader reader(P("in.wav"));
+        Progress progress("test", std::nullopt, 48000, false);
+        kesta::RunAnalysis(analyzer, reader, {6000, 3990}, 2, progress);
+        EXPECT_TRUE(all(recorder));
+        std::vector<int64_t> passFrames;
+        for (const Recorder::Call& call : recorder.calls) {
+            if (call.position == 6000) passFrames.push_back(0);
+            passFrames.back() += call.frames;
+        }
+        EXPECT_EQ(passFrames, (std::vector<int64_t>{3990, 4040, 4090}));
+    }
+    {  // A file that ends inside the region is reported where it ends.
+        Recorder recorder(file);
+        Overlapping analyzer(recorder, 100);
+        analyzer.SetSelection(9000, 5000);
+        BlockReader reader(P("in.wav"));
+        Progress progress("test", std::nullopt, 48000, false);
+        int64_t end = -1;
+        EXPECT_THROW(kesta::RunAnalysis(analyzer, reader, {9000, 5000}, 2, progress,
+                                        [&](int64_t at) {
+                                            end = at;
+                                            throw std::runtime_error("short");
+                                        }),
+                     std::runtime_error);
+        EXPECT_EQ(end, 10001);
     }
 }
 
