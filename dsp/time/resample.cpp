@@ -311,9 +311,24 @@ int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
     const int64_t stepSamples = stepWhole / mPhases;
     const auto stepPhases = static_cast<int32_t>(stepWhole % mPhases);
     int produced = 0;
+    double pair[2];
     while (mWindowEnd < available) {
         const double* x = mHistory + (mWindowEnd - span - mHistoryStart);
         const double* row = mTable + static_cast<std::size_t>(mPhase) * mStride;
+        // Upsampling: the next output often reads the same window at a later phase; one pass over
+        // the window makes both (each with the bits it would have alone).
+        if (stepSamples == 0 && !blend && mPhase + stepPhases < mPhases) {
+            const int32_t next = mPhase + stepPhases;
+            kernels.dot2(row, mTable + static_cast<std::size_t>(next) * mStride, x, mStride, &pair[0], &pair[1]);
+            out[produced++] = static_cast<float>(pair[0]);
+            out[produced++] = static_cast<float>(pair[1]);
+            mPhase = next + stepPhases;
+            if (mPhase >= mPhases) {
+                mPhase -= mPhases;
+                ++mWindowEnd;
+            }
+            continue;
+        }
         double y = kernels.dot(row, x, mStride);
         if (blend) {
             const double next = kernels.dot(row + mStride, x, mStride);

@@ -13,6 +13,8 @@ namespace dsp::detail {
 struct ResampleKernels {
     // sum of taps[j] * x[j] for j < count; count is a multiple of 8.
     double (*dot)(const double* taps, const double* x, int count);
+    // dot(a, x) and dot(b, x) with the same bits, reading x once (two phases of one window).
+    void (*dot2)(const double* a, const double* b, const double* x, int count, double* ya, double* yb);
 };
 
 namespace portable {

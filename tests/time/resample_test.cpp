@@ -300,9 +300,17 @@ TEST(Resample, KernelBuildsGiveTheSameBits) {
         x[i] = random.Gaussian() * 1e3;
     }
     for (int count : {8, 16, 24, 256, 1024})
-        for (int offset : {0, 1, 3})
-            EXPECT_EQ(portable.dot(aligned, x.data() + offset, count), avx2.dot(aligned, x.data() + offset, count))
-                << count;
+        for (int offset : {0, 1, 3}) {
+            const double* window = x.data() + offset;
+            const double one = portable.dot(aligned, window, count), other = portable.dot(aligned + 8, window, count);
+            EXPECT_EQ(avx2.dot(aligned, window, count), one) << count;
+            for (const auto* k : {&portable, &avx2}) {  // the pair gives each phase its own bits
+                double a = 0.0, b = 0.0;
+                k->dot2(aligned, aligned + 8, window, count, &a, &b);
+                EXPECT_EQ(a, one) << count;
+                EXPECT_EQ(b, other) << count;
+            }
+        }
 }
 
 TEST(LinearResample, StraightLinesAreReproducedAtEveryRatio) {
