@@ -1,6 +1,7 @@
 #pragma once
 // Everything the library exports.
 
+#include "dsp/adaptive_noise.h"
 #include "dsp/audio_buffer.h"
 #include "dsp/check_registry.h"
 #include "dsp/desk_filter.h"

@@ -1,0 +1,215 @@
+#include "dsp/adaptive_noise.h"
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <cmath>
+#include <cstddef>
+
+#include "dsp/core/kernel_dispatch.h"
+#include "dsp/restoration/adaptive/adaptive_kernels.h"
+
+namespace dsp {
+
+namespace adaptive {
+
+const AdaptiveKernels& AdaptiveKernelsFor(dsp::detail::Isa isa) {
+    static const AdaptiveKernels& best =
+        dsp::detail::PickKernels(portable::AdaptiveKernelTable(), KESTADSP_AVX2_TABLE(avx2::AdaptiveKernelTable()));
+    if (isa == dsp::detail::Isa::Best) return best;
+    return dsp::detail::PickKernels(portable::AdaptiveKernelTable(), KESTADSP_AVX2_TABLE(avx2::AdaptiveKernelTable()),
+                                    isa);
+}
+
+}  // namespace adaptive
+
+namespace {
+
+// Time constants are stated for a reference hop of 16 ms and converted to the actual hop, so a
+// per-frame weight a at 16 ms becomes a^(hop / 16 ms).
+constexpr double kReferenceHop = 0.016;
+constexpr double kNoiseAlpha = 0.8;      // noise update
+constexpr double kPresenceAlpha = 0.9;   // tracker's presence probability
+constexpr double kDdAlpha = 0.98;        // decision-directed a-priori SNR
+constexpr double kPrioriAlpha = 0.7;     // a-priori SNR smoothed for the absence probability
+constexpr double kPowerAlpha = 0.85;     // power for the minimum search
+constexpr double kLogSeconds = 0.4;      // time constant of the log-power moments
+constexpr double kSeedSeconds = 0.25;    // first estimate: the mean power of this long
+constexpr double kSearchSeconds = 2.0;   // span of the minimum search
+constexpr double kCreepDbPerSecond = 6;  // rise of an estimate stuck under persistent presence
+
+constexpr int kLocalHalf = 1;    // 3 bins
+constexpr int kGlobalHalf = 15;  // 31 bins
+
+float PerFrame(double alpha, double hopSeconds) {
+    return static_cast<float>(std::pow(alpha, hopSeconds / kReferenceHop));
+}
+
+// E1(v)/2, the exponent of the log-spectral-amplitude gain, tabulated on u = ln v from kLowU to
+// kHighU and interpolated linearly; below, E1(v) ≈ −γ − ln v (γ Euler's constant), above, 0.
+class HalfExpintTable {
+public:
+    static constexpr float kLowU = -16.0f, kHighU = 5.0f, kPerUnit = 16.0f;
+    static constexpr int kSize = static_cast<int>((kHighU - kLowU) * kPerUnit) + 2;
+
+    HalfExpintTable() {
+        for (int i = 0; i < kSize; ++i) {
+            const double v = std::exp(double(kLowU) + i / double(kPerUnit));
+            mValues[std::size_t(i)] = static_cast<float>(-0.5 * std::expint(-v));  // E1(v) = −Ei(−v)
+        }
+    }
+
+    float operator()(float u) const {
+        if (u <= kLowU) return -0.28860783f - 0.5f * u;
+        if (u >= kHighU) return 0.0f;
+        const float t = (u - kLowU) * kPerUnit;
+        const int i = static_cast<int>(t);
+        const float f = t - static_cast<float>(i);
+        return mValues[std::size_t(i)] + f * (mValues[std::size_t(i) + 1] - mValues[std::size_t(i)]);
+    }
+
+private:
+    std::array<float, kSize> mValues{};
+};
+
+const HalfExpintTable& HalfExpint() {
+    static const HalfExpintTable table;
+    return table;
+}
+
+// Means of x over [k − half, k + half] ∩ [0, n) for every k, into out.
+void WindowMeans(const float* x, float* out, int n, int half) {
+    double sum = 0.0;
+    int lo = 0, hi = 0;  // the sum holds x[lo ... hi − 1]
+    const double inner = 1.0 / double(2 * half + 1);
+    for (int k = 0; k < n; ++k) {
+        const int want = std::min(n, k + half + 1);
+        for (; hi < want; ++hi)
+            sum += double(x[hi]);
+        for (; lo < k - half; ++lo)
+            sum -= double(x[lo]);
+        const int count = hi - lo;
+        out[k] = static_cast<float>(count == 2 * half + 1 ? sum * inner : sum / double(count));
+    }
+}
+
+}  // namespace
+
+int AdaptiveNoise::FrameLengthFor(int sampleRate) {
+    int n = 256;
+    while (n < 8192 && std::abs(2.0 * n / sampleRate - 0.023) < std::abs(double(n) / sampleRate - 0.023))
+        n *= 2;
+    return n;
+}
+
+AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb)
+    : mSampleRate(sampleRate), mReductionDb(reductionDb) {
+    assert(sampleRate > 0);
+    const int n = FrameLengthFor(sampleRate);
+    Init(n, numChannels, n / 2, n / 4, Hann);
+    mBins = n / 2 + 1;
+    const double hop = double(n / 2) / sampleRate;
+    mNoiseAlpha = PerFrame(kNoiseAlpha, hop);
+    mPresenceAlpha = PerFrame(kPresenceAlpha, hop);
+    mDdAlpha = PerFrame(kDdAlpha, hop);
+    mPrioriAlpha = PerFrame(kPrioriAlpha, hop);
+    mPowerAlpha = PerFrame(kPowerAlpha, hop);
+    mLogAlpha = static_cast<float>(std::exp(-hop / kLogSeconds));
+    mCreep = static_cast<float>(std::pow(10.0, kCreepDbPerSecond * hop / 10.0));
+    mSeedFrames = std::max(1, static_cast<int>(std::lround(kSeedSeconds / hop)));
+    mSubWindowFrames = std::max(1, static_cast<int>(std::ceil(kSearchSeconds / (kSubWindows * hop))));
+    mState.assign(std::size_t(numChannels) * kRows * std::size_t(mBins), 0.0f);
+    mMinHistory.assign(std::size_t(numChannels) * kSubWindows * std::size_t(mBins), adaptive::kNoMinimum);
+    mScratch.assign(7 * std::size_t(mBins), 0.0f);
+    mKernels = &adaptive::AdaptiveKernelsFor();
+    HalfExpint();  // built here rather than in the first frame
+    ParameterChanged();
+}
+
+void AdaptiveNoise::ParameterChanged() {
+    const double db = std::clamp(mReductionDb, 0.0, 120.0);
+    mFloorLog = static_cast<float>(-db / 20.0 * std::log(10.0));
+}
+
+void AdaptiveNoise::Resume() {
+    OverlapSave::Resume();  // builds the windows on its first call
+    mWindowEnergy = 0.0;
+    for (int i = 0; i < mFrameLength; ++i)
+        mWindowEnergy += double(mAnalysisWindow[i]) * double(mAnalysisWindow[i]);
+    std::fill(mState.begin(), mState.end(), 0.0f);
+    std::fill(mMinHistory.begin(), mMinHistory.end(), adaptive::kNoMinimum);
+    mFrame = 0;
+}
+
+double AdaptiveNoise::GetNoisePower(int channel, int bin) const {
+    if (channel < 0 || channel >= mNumChannels || bin < 0 || bin >= mBins || mWindowEnergy == 0.0) return 0.0;
+    return double(RowOf(channel, kNoise)[bin]) / mWindowEnergy;
+}
+
+void AdaptiveNoise::OnSpectrum(float** re, float** im, int numChannels, int numBins) {
+    assert(numBins == mBins);
+    (void)numBins;
+    if (mReductionDb == 0.0) return;
+    for (int c = 0; c < std::min(numChannels, mNumChannels); ++c)
+        ReduceChannel(c, re[c], im[c]);
+    ++mFrame;
+}
+
+void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
+    const int B = mBins;
+    const adaptive::ChannelRows rows{
+        RowOf(channel, kNoise),  RowOf(channel, kPresence),  RowOf(channel, kPrevClean), RowOf(channel, kSmoothPower),
+        RowOf(channel, kSubMin), RowOf(channel, kWindowMin), RowOf(channel, kLogMean),   RowOf(channel, kLogSquare)};
+    float* scratch = mScratch.data();
+    const adaptive::FrameRows frame{scratch,         scratch + B,     scratch + 2 * B, scratch + 3 * B,
+                                    scratch + 4 * B, scratch + 5 * B, scratch + 6 * B};
+    const adaptive::FrameConstants constants{mDdAlpha,    mFloorLog, mNoiseAlpha, mPresenceAlpha,
+                                             mPowerAlpha, mLogAlpha, mCreep};
+    float* subMin = rows.subMin;
+    float* windowMin = RowOf(channel, kWindowMin);
+    float* priori = RowOf(channel, kPrioriSmooth);
+
+    if (mFrame == 0) {
+        // The first frame is the first estimate; its log power starts the moments as noise would.
+        for (int k = 0; k < B; ++k) {
+            const float y2 = std::max(re[k] * re[k] + im[k] * im[k], adaptive::kPowerFloor);
+            rows.noise[k] = y2;
+            rows.smoothPower[k] = y2;
+            subMin[k] = adaptive::kNoMinimum;
+            windowMin[k] = adaptive::kNoMinimum;
+            const float l = std::log(y2);
+            rows.logMean[k] = l;
+            rows.logSquare[k] = l * l + 1.6449341f;  // π²/6
+        }
+    }
+
+    mKernels->prepare(re, im, rows, frame, B, constants);
+    const HalfExpintTable& halfExpint = HalfExpint();
+    for (int k = 0; k < B; ++k)
+        frame.lnLsa[k] = std::min(frame.lnLsa[k] + halfExpint(frame.lnV[k]), 0.0f);
+    // The a-priori absence probability comes from the a-priori SNR of the frames before, averaged
+    // over neighbouring bins.
+    WindowMeans(priori, frame.local, B, kLocalHalf);
+    WindowMeans(priori, frame.global, B, kGlobalHalf);
+    mKernels->apply(re, im, rows, frame, B, constants);
+    const float pa = mPrioriAlpha;
+    for (int k = 0; k < B; ++k)
+        priori[k] = pa * priori[k] + (1.0f - pa) * frame.xi[k];
+    mKernels->track(rows, frame, B, constants, mFrame < mSeedFrames ? int(mFrame) + 1 : 0);
+
+    // The minimum search advances by sub-windows: the finished one joins the history.
+    if ((mFrame + 1) % mSubWindowFrames == 0) {
+        const long long slot = ((mFrame + 1) / mSubWindowFrames) % kSubWindows;
+        float* history = mMinHistory.data() + (std::size_t(channel) * kSubWindows + std::size_t(slot)) * B;
+        std::copy_n(subMin, B, history);
+        std::fill_n(windowMin, B, adaptive::kNoMinimum);
+        for (int s = 0; s < kSubWindows; ++s) {
+            const float* h = mMinHistory.data() + (std::size_t(channel) * kSubWindows + std::size_t(s)) * B;
+            for (int k = 0; k < B; ++k)
+                windowMin[k] = std::min(windowMin[k], h[k]);
+        }
+        std::copy_n(rows.smoothPower, B, subMin);
+    }
+}
+
+}  // namespace dsp

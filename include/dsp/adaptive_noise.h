@@ -1,0 +1,120 @@
+#pragma once
+// AdaptiveNoise: streaming noise reduction that needs no noise print.
+//
+// The noise spectrum is tracked continuously, per channel and bin, while the audio plays:
+//   - a speech-presence probability for each bin, from its power against the current noise
+//     estimate (a fixed a-priori SNR of 15 dB under presence), weights the frame's power into a
+//     running estimate of the noise (the minimum-mean-square-error update: a bin that is surely
+//     noise replaces the estimate, a bin that surely holds signal leaves it alone);
+//   - the estimate may rise only towards a bound from the minimum of the smoothed power over the
+//     last two seconds or so, and only as far as the bin fluctuates like noise: a steady tone or a
+//     held vowel is neither below its own minimum nor noise-like, so it is not learned as noise,
+//     while a noise floor that rises is followed within about two seconds;
+//   - the first quarter second seeds the estimate with its mean power, and a bin whose estimate
+//     stays too high falls back within a few frames, so the audio may start with signal.
+// The gain of every bin is the log-spectral-amplitude estimator with a decision-directed
+// a-priori SNR, raised to the bin's conditional presence probability and multiplied by the floor
+// gain to the rest, G = G_lsa^p · Gmin^(1−p). The a-priori absence probability behind p comes
+// from the a-priori SNR smoothed over frames and over three and over thirty-one neighbouring
+// bins, so an isolated noise peak (the source of "musical noise") is held at the floor while
+// broad, sustained signal opens the gain. Gmin = 10^(−reductionDb/20): noise-only bins, hum lines
+// included, fall by close to reductionDb.
+//
+// Geometry: OverlapSave with a Hann window, N = FrameLengthFor(sampleRate) (1024 at 44.1 and 48
+// kHz, about 23 ms), a hop of N/2 (crossfade L = N/4 at offset P = N/2). Latency: N frames.
+// Any channel count up to 32; each channel is tracked on its own. The time constants are given
+// in seconds and converted with the hop, so they mean the same at every sample rate.
+//
+// Protocol: construct, Resume before every stream, Process blocks of any size (the output does
+// not depend on the partition, bit for bit, and is the same run after run); ParameterChanged
+// after SetReductionDb. All state is allocated by the constructor; Process allocates nothing.
+// reductionDb 0 passes the audio through the transform pair unchanged (up to float rounding).
+
+#include <vector>
+
+#include "dsp/kestadsp_export.h"
+#include "dsp/overlap_save.h"
+
+namespace dsp {
+
+namespace adaptive {
+struct AdaptiveKernels;
+}
+
+class KESTADSP_API AdaptiveNoise : public OverlapSave {
+public:
+    static constexpr double kDefaultReductionDb = 30.0;
+
+    // The FFT length for a sample rate: the power of two nearest 23 ms, from 256 to 8192.
+    static int FrameLengthFor(int sampleRate);
+
+    // Two channels at 44.1 kHz.
+    AdaptiveNoise() : AdaptiveNoise(2, 44100) {}
+    AdaptiveNoise(int numChannels, int sampleRate, double reductionDb = kDefaultReductionDb);
+
+    // The largest reduction in dB (0 ... 120; 0 switches the processing off). Takes effect at
+    // ParameterChanged.
+    void SetReductionDb(double reductionDb) { mReductionDb = reductionDb; }
+    double GetReductionDb() const { return mReductionDb; }
+    void ParameterChanged() override;
+    // With `residual`, the output is what the reduction removes (input minus cleaned).
+    void SetResidualOutput(bool residual) { mResidual = residual; }
+
+    // Clears the tracked noise and starts a new stream.
+    void Resume() override;
+
+    // The tracked noise of a channel's bin as a per-sample power: white noise of variance σ²
+    // reads σ² in every bin once tracked. 0 before the first frame.
+    double GetNoisePower(int channel, int bin) const;
+
+private:
+    void OnSpectrum(float** re, float** im, int numChannels, int numBins) override;
+    bool ResidualOutput() const override { return mResidual && mReductionDb != 0.0; }
+    void ReduceChannel(int channel, float* re, float* im);
+
+    // Per bin of every channel, one row each (mBins floats).
+    enum Row {
+        kNoise,         // λ: tracked noise power (|X|² units)
+        kPresence,      // smoothed speech-presence probability of the tracker
+        kPrevClean,     // G_lsa² · |X|² of the last frame, for the decision-directed SNR
+        kPrioriSmooth,  // a-priori SNR smoothed over frames
+        kSmoothPower,   // power smoothed over frames, for the minimum search
+        kSubMin,        // minimum of kSmoothPower in the current sub-window
+        kWindowMin,     // minimum over the completed sub-windows
+        kLogMean,       // running mean of ln|X|²
+        kLogSquare,     // running mean of (ln|X|²)²
+        kRows
+    };
+    static constexpr int kSubWindows = 8;
+
+    float* RowOf(int channel, Row row) { return mState.data() + (std::size_t(channel) * kRows + row) * mBins; }
+    const float* RowOf(int channel, Row row) const {
+        return mState.data() + (std::size_t(channel) * kRows + row) * mBins;
+    }
+
+    int mSampleRate = 0;
+    int mBins = 0;
+    double mReductionDb = kDefaultReductionDb;
+    bool mResidual = false;
+
+    // Per-frame constants from the hop and the reduction.
+    float mFloorLog = 0.0f;       // ln Gmin
+    float mNoiseAlpha = 0.0f;     // smoothing of the noise update
+    float mPresenceAlpha = 0.0f;  // smoothing of the tracker's presence probability
+    float mDdAlpha = 0.0f;        // decision-directed weight of the last frame
+    float mPrioriAlpha = 0.0f;    // smoothing of the a-priori SNR behind the absence probability
+    float mPowerAlpha = 0.0f;     // smoothing of the power for the minimum search
+    float mLogAlpha = 0.0f;       // smoothing of the log-power moments
+    float mCreep = 1.0f;          // largest rise per frame of a stuck estimate (power ratio)
+    int mSeedFrames = 0;          // frames averaged into the first estimate
+    int mSubWindowFrames = 0;     // frames per sub-window of the minimum search
+    double mWindowEnergy = 0.0;   // Σ w² of the analysis window
+
+    long long mFrame = 0;                                 // frames since Resume
+    std::vector<float> mState;                            // channels × kRows × bins
+    std::vector<float> mMinHistory;                       // channels × kSubWindows × bins
+    std::vector<float> mScratch;                          // 7 × bins
+    const adaptive::AdaptiveKernels* mKernels = nullptr;  // the per-bin loops built for this CPU
+};
+
+}  // namespace dsp

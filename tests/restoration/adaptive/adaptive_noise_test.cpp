@@ -1,0 +1,202 @@
+// AdaptiveNoise: the tracked noise against known stationary and changing levels, what the
+// reduction leaves of noise, hum lines and a sustained tone, and the streaming guarantees (block
+// partition, copies, allocation, extreme inputs).
+
+#include "dsp/adaptive_noise.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "dsp/restoration/adaptive/adaptive_kernels.h"
+#include "restoration/restoration_setup.h"
+#include "support/metrics.h"
+
+namespace {
+
+using dsp::AdaptiveNoise;
+using kesta::test::Channels;
+using kesta::test::GaussianNoise;
+using kesta::test::kRate;
+using kesta::test::Mix;
+using kesta::test::Part;
+using kesta::test::Signal;
+using kesta::test::Sine;
+using kesta::test::Stream;
+
+constexpr int kRateHz = 44100;
+
+// Mean over bins 8 ... bins − 8 of the tracked noise, in dB (power).
+double TrackedDb(const AdaptiveNoise& process, int channel) {
+    const int bins = process.GetFrameLength() / 2 + 1;
+    double sum = 0.0;
+    for (int k = 8; k < bins - 8; ++k)
+        sum += process.GetNoisePower(channel, k);
+    return 10.0 * std::log10(sum / (bins - 16));
+}
+
+// Gaussian noise of RMS `rms` whose level steps by `stepDb` after `before` frames.
+Signal SteppedNoise(std::size_t before, std::size_t after, double rms, double stepDb, uint64_t seed) {
+    Signal x = GaussianNoise(before + after, seed, rms);
+    const double g = std::pow(10.0, stepDb / 20.0);
+    for (std::size_t i = before; i < x.size(); ++i)
+        x[i] = static_cast<float>(x[i] * g);
+    return x;
+}
+
+TEST(AdaptiveNoise, GeometryFollowsTheSampleRate) {
+    EXPECT_EQ(AdaptiveNoise::FrameLengthFor(44100), 1024);
+    EXPECT_EQ(AdaptiveNoise::FrameLengthFor(48000), 1024);
+    EXPECT_EQ(AdaptiveNoise::FrameLengthFor(16000), 256);
+    EXPECT_EQ(AdaptiveNoise::FrameLengthFor(8000), 256);
+    EXPECT_EQ(AdaptiveNoise::FrameLengthFor(96000), 2048);
+    AdaptiveNoise process(3, kRateHz);
+    EXPECT_EQ(process.GetLatency(), 1024);
+    EXPECT_EQ(process.GetNumChannels(), 3);
+}
+
+TEST(AdaptiveNoise, TrackedNoiseConvergesToKnownLevels) {
+    // The tracked per-sample power of white Gaussian noise must reach σ² (within 1 dB) after a
+    // steady start, after a rise and after a fall of the level.
+    struct Case {
+        const char* name;
+        double rms;
+        double stepDb;
+        double secondsAfter;
+    };
+    const Case cases[] = {
+        {"steady -40 dBFS", 0.01, 0.0, 2.0}, {"steady -10 dBFS", 0.316, 0.0, 2.0}, {"rise by 6 dB", 0.01, 6.0, 4.0},
+        {"rise by 12 dB", 0.01, 12.0, 6.0},  {"fall by 20 dB", 0.1, -20.0, 1.5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::size_t before = 2 * kRateHz, after = std::size_t(c.secondsAfter * kRateHz);
+        AdaptiveNoise process(1, kRateHz);
+        Stream(process, {SteppedNoise(before, after, c.rms, c.stepDb, 11)});
+        const double expected = 20.0 * std::log10(c.rms) + c.stepDb;
+        EXPECT_NEAR(TrackedDb(process, 0), expected, 1.0);
+    }
+}
+
+TEST(AdaptiveNoise, NoiseFallsByTheReductionWhileToneAndHumBehaveAsTheyShould) {
+    // Channel 0: white noise throughout, a 1 kHz tone 20 dB above the noise's level in its band
+    // entering after 2 s and held for 6 s. Channel 1: the same noise with hum (50 Hz and five
+    // harmonics, each 30 dB above the noise in its bin) from the start.
+    const std::size_t frames = 8 * kRateHz, toneStart = 2 * kRateHz;
+    const double noiseRms = 0.003;
+    // Under a 1024-point Hann window noise of variance σ² gives bins of power σ²·Σw² = 384σ², a
+    // sine of amplitude A on a bin |X|² = (A·Σw/2)² = (256A)²: A = σ·√(384·10^(dB/10))/256.
+    const double toneAmp = noiseRms * std::sqrt(384.0 * 100.0) / 256.0;
+    const double humAmp = noiseRms * std::sqrt(384.0 * 1000.0) / 256.0;
+    Signal noise0 = GaussianNoise(frames, 5, noiseRms), noise1 = GaussianNoise(frames, 6, noiseRms);
+    Signal tone = Sine(frames - toneStart, 1000.0, kRate, toneAmp);
+    Signal toneFull(toneStart, 0.0f);
+    toneFull.insert(toneFull.end(), tone.begin(), tone.end());
+    Signal hum(frames, 0.0f);
+    for (int h = 1; h <= 6; ++h)
+        hum = Mix(hum, Sine(frames, 50.0 * h, kRate, humAmp));
+    const double reduction = 30.0;
+    AdaptiveNoise process(2, kRateHz, reduction);
+    const Channels in = {Mix(noise0, toneFull), Mix(noise1, hum)};
+    Channels out = Stream(process, in);
+    const std::size_t lat = 1024;
+    auto outPart = [&](int c, std::size_t from, std::size_t n) { return Part(out[c], from + lat, n); };
+
+    // The noise alone (seconds 1 to 2 of channel 0), less the tone's leakage.
+    const double noiseDrop = kesta::test::ToDb(kesta::test::Rms(outPart(0, kRateHz, kRateHz / 2)) /
+                                               kesta::test::Rms(Part(in[0], kRateHz, kRateHz / 2)));
+    EXPECT_LT(noiseDrop, -(reduction - 3.0));
+    // The tone keeps its level (within 1 dB) over its last two seconds.
+    const std::size_t late = frames - 2 * kRateHz - lat;
+    const double toneIn = kesta::test::LevelAt(Part(in[0], late, kRateHz), 1000.0, kRate);
+    const double toneOut = kesta::test::LevelAt(outPart(0, late, kRateHz), 1000.0, kRate);
+    EXPECT_NEAR(kesta::test::ToDb(toneOut / toneIn), 0.0, 1.0);
+    // Hum lines fall by the reduction less 3 dB.
+    for (int h = 1; h <= 6; ++h) {
+        SCOPED_TRACE(50 * h);
+        const double humIn = kesta::test::LevelAt(Part(in[1], 4 * kRateHz, 2 * kRateHz), 50.0 * h, kRate);
+        const double humOut = kesta::test::LevelAt(outPart(1, 4 * kRateHz, 2 * kRateHz), 50.0 * h, kRate);
+        EXPECT_LT(kesta::test::ToDb(humOut / humIn), -(reduction - 3.0));
+    }
+}
+
+TEST(AdaptiveNoise, OutputDoesNotDependOnBlocksOrCopiesAndAllocatesNothing) {
+    const std::size_t frames = 3 * kRateHz;
+    Channels in = kesta::test::NoiseChannels(3, frames, 21, 0.05);
+    for (Signal& s : in)
+        s = Mix(s, Sine(frames, 700.0, kRate, 0.3));
+    AdaptiveNoise process(3, kRateHz);
+    const Channels reference = Stream(process, in, 100000);
+    process.Resume();
+    const Channels random = kesta::test::RunInRandomBlocks(
+        in, [&](float** x, float** y, int n) { process.Process(x, y, 3, n); }, 3000, 9);
+    EXPECT_TRUE(random == reference);
+    EXPECT_TRUE(kesta::test::CopiesContinue(process, in, frames / 2 + 77, reference));
+    EXPECT_EQ(kesta::test::AllocationsInProcess(process, in), 0);
+}
+
+TEST(AdaptiveNoise, KernelBuildsGiveTheSameBits) {
+    // Every row filled with values over many decades (the polynomial exp and log see their whole
+    // range), then each build runs a frame: the portable and the vector builds must agree exactly.
+    using namespace dsp::adaptive;
+    if (!dsp::detail::IsaAvailable(dsp::detail::Isa::Avx2Fma)) GTEST_SKIP() << "one build only";
+    constexpr int n = 203;  // not a multiple of any vector width
+    struct Run {
+        std::vector<float> data = std::vector<float>(17 * n);
+        float* Row(int r) { return data.data() + r * n; }
+    };
+    kesta::test::Random random(3);
+    Run runs[2];
+    for (float& v : runs[0].data)
+        v = static_cast<float>(std::pow(10.0, 8.0 * random.Uniform() - 5.0));
+    runs[1] = runs[0];
+    const FrameConstants k{0.985f, -3.45f, 0.85f, 0.93f, 0.89f, 0.97f, 1.02f};
+    const dsp::detail::Isa isas[2] = {dsp::detail::Isa::Portable, dsp::detail::Isa::Avx2Fma};
+    for (int i = 0; i < 2; ++i) {
+        Run& r = runs[i];
+        const ChannelRows rows{r.Row(0), r.Row(1), r.Row(2), r.Row(3), r.Row(4), r.Row(5), r.Row(6), r.Row(7)};
+        const FrameRows frame{r.Row(8), r.Row(9), r.Row(10), r.Row(11), r.Row(12), r.Row(13), r.Row(14)};
+        const AdaptiveKernels& kernels = AdaptiveKernelsFor(isas[i]);
+        kernels.prepare(r.Row(15), r.Row(16), rows, frame, n, k);
+        kernels.apply(r.Row(15), r.Row(16), rows, frame, n, k);
+        kernels.track(rows, frame, n, k, 0);
+        kernels.track(rows, frame, n, k, 3);
+    }
+    EXPECT_TRUE(runs[0].data == runs[1].data);
+}
+
+TEST(AdaptiveNoise, ExtremeInputsGiveFiniteOutput) {
+    const std::size_t frames = kRateHz;
+    struct Case {
+        const char* name;
+        Signal x;
+    };
+    Signal dc(frames, 0.5f), impulses(frames, 0.0f);
+    for (std::size_t i = 1000; i < frames; i += 7919)
+        impulses[i] = (i / 7919) % 2 ? 1.0f : -1.0f;
+    const Case cases[] = {{"silence", Signal(frames, 0.0f)},
+                          {"dc", dc},
+                          {"full-scale noise", kesta::test::WhiteNoise(frames, 3, 1.0)},
+                          {"impulses", impulses},
+                          {"noise then silence", Mix(SteppedNoise(frames / 2, 0, 0.5, 0.0, 4), Signal(frames, 0.0f))}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        AdaptiveNoise process(1, kRateHz, 120.0);
+        const Signal y = Stream(process, {c.x}, 777)[0];
+        bool finite = true;
+        for (float v : y)
+            finite = finite && std::isfinite(v);
+        EXPECT_TRUE(finite);
+        EXPECT_LE(kesta::test::Peak(y), 2.0 * kesta::test::Peak(c.x) + 1e-30);
+    }
+}
+
+TEST(AdaptiveNoise, ZeroReductionPassesTheInputDelayed) {
+    const Signal x = GaussianNoise(20000, 8, 0.2);
+    AdaptiveNoise process(1, kRateHz, 0.0);
+    const Signal y = Stream(process, {x}, 1000)[0];
+    EXPECT_LT(kesta::test::MaxAbsDiff(Part(y, 1024, x.size() - 1024), Part(x, 0, x.size() - 1024)), 1e-5);
+}
+
+}  // namespace
