@@ -100,7 +100,7 @@ public:
 
     std::string EncodePrint(int, PrintSpan span) const override { return EncodeHissFloor(*mRecord, span); }
 
-    std::unique_ptr<dsp::OverlapSave> MakeProcess() override {
+    std::unique_ptr<dsp::OverlapSave> MakeProcess(int, int) override {
         Apply(*mRecord);
         auto process = std::make_unique<NoHissProcess>(mRecord.get());
         process->Resume();

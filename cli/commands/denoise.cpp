@@ -1,11 +1,13 @@
-// kesta denoise INPUT OUTPUT: noise-print noise reduction. A print of the noise (per channel and
-// frequency bin, how its magnitude is distributed) is taken from a noise-only stretch, or read from
-// a saved print, and every bin of the audio is attenuated where it does not rise above the print.
+// kesta denoise INPUT OUTPUT: noise reduction. The print method takes a print of the noise (per
+// channel and frequency bin, how its magnitude is distributed) from a noise-only stretch, or reads
+// a saved one, and attenuates every bin of the audio where it does not rise above the print; the
+// adaptive method needs no print and tracks the noise while the audio streams.
 
 #include <CLI/CLI.hpp>
 #include <memory>
 
 #include "command.h"
+#include "dsp/adaptive_noise.h"
 #include "dsp/nonoise.h"
 #include "errors.h"
 #include "pipeline/command_line.h"
@@ -21,44 +23,70 @@ using dsp::nonoise::NONOISE;
 using dsp::nonoise::NoNoiseProcess;
 
 constexpr const char* kHelpFooter =
-    R"help(Removes steady broadband noise (hum, hiss, fan, tape and room noise) by its noise print: a
-portrait of the noise, per channel and frequency, taken from a stretch where only the noise is
-heard. Choose that stretch with --noise (seconds, START:END; ':1.5' means from the start, '58:'
-to the end), in INPUT or in another recording of the same noise with --noise-file. The print is
-taken with --fft-size (a power of two from 256 to 16384, default 4096: larger separates close
-frequencies better, smaller follows changes faster) and needs at least that many frames plus 3.
+    R"help(Removes steady background noise (hum, hiss, fan, tape and room noise) by one of two methods.
 
+--method print (the default when a noise source is given) works from a noise print: a portrait
+of the noise, per channel and frequency, taken from a stretch where only the noise is heard.
+Choose that stretch with --noise (seconds, START:END; ':1.5' means from the start, '58:' to the
+end), in INPUT or in another recording of the same noise with --noise-file. The print is taken
+with --fft-size (a power of two from 256 to 16384, default 4096: larger separates close
+frequencies better, smaller follows changes faster) and needs at least that many frames plus 3.
 --save-print FILE keeps the print, --print FILE uses a kept one (its FFT size, channel count and
 sample rate must match the input). With --save-print, OUTPUT may be left out to only take the
 print. The settings are those of the command line, not those of the run that saved the print.
 
-  --reduction DB     how far the noise is pushed down (default 40; 0 passes the audio through,
-                     changed only by rounding)
-  --smoothing PCT    how slowly a bin's measured level falls from frame to frame (default 65);
-                     higher gives fewer warbling artefacts ("musical noise"), lower keeps
+--method adaptive (the default without a noise source) needs no print: it learns the noise
+while it plays, follows noise that changes slowly, and leaves sustained tones and voices alone.
+A --noise stretch is then only measured for the report. It takes no --print, --noise-file,
+--save-print, --fft-size, --smoothing or --transition.
+
+  --reduction DB     how far the noise is pushed down (default 40 with print, 30 with adaptive;
+                     0 passes the audio through, changed only by rounding)
+  --smoothing PCT    print: how slowly a bin's measured level falls from frame to frame (default
+                     65); higher gives fewer warbling artefacts ("musical noise"), lower keeps
                      quick detail
-  --transition DB    widens the soft knee between removed and kept (default 0)
+  --transition DB    print: widens the soft knee between removed and kept (default 0)
   --residual         writes what would be removed, to hear whether anything wanted goes with it
 
 The output has the input's length, format, sample rate and channels and is aligned with it
 sample for sample (the processing delay is compensated). It is written to a temporary file and
-moved into place when complete. The report gives the level change, and for a --noise stretch of
-INPUT how much quieter that stretch became.
+moved into place when complete. The report names the method and gives the level change overall,
+in a --noise stretch of INPUT, and in the pauses (stretches of 50 ms more than 20 dB below the
+programme's level), where what is left of the noise is heard most.
 
 Exit status: 0 done; 2 wrong command line (also a print that does not fit the input);
 3 input problem (also a damaged print file); 4 output problem.
 
 Examples:
+  kesta denoise take1.wav clean.wav
   kesta denoise take1.wav clean.wav --noise 0:1.5
   kesta denoise take1.wav --noise 0:1.5 --save-print room.knp
   kesta denoise take2.wav clean2.wav --print room.knp --reduction 30
   kesta denoise take1.wav removed.wav --noise-file roomtone.wav --residual)help";
 
 struct DenoiseSettings {
+    std::string method;  // empty: print with a noise source, adaptive without
     double reductionDb = 40.0;
+    bool reductionGiven = false;
     double smoothingPercent = 65.0;
+    bool smoothingGiven = false;
     double transitionDb = 0.0;
+    bool transitionGiven = false;
 };
+
+// The method the command line asks for: --method, or print when a noise source is given and
+// adaptive when none is.
+std::string ResolveMethod(const SpectralOptions& options, const DenoiseSettings& settings) {
+    if (settings.method.empty())
+        return options.printPath.empty() && options.noiseFile.empty() && options.noiseRange.empty() ? "adaptive"
+                                                                                                    : "print";
+    if (settings.method == "nmf")
+        throw UsageError("--method nmf is not available yet", "", "give --method print or --method adaptive");
+    if (settings.method != "print" && settings.method != "adaptive")
+        throw UsageError("--method " + settings.method + " is not a denoise method", "",
+                         "give --method print or --method adaptive");
+    return settings.method;
+}
 
 class DenoiseTool : public SpectralTool {
 public:
@@ -67,6 +95,7 @@ public:
 
     std::string Command() const override { return "denoise"; }
     PrintKind Kind() const override { return PrintKind::NoisePrint; }
+    std::string Method() const override { return "print"; }
 
     void CheckSettings() const override {
         CheckSetting("--reduction", mSettings.reductionDb, 0.0, 120.0, "dB");
@@ -98,7 +127,7 @@ public:
         return EncodeNoisePrint(*mRecord, sampleRate, span);
     }
 
-    std::unique_ptr<dsp::OverlapSave> MakeProcess() override {
+    std::unique_ptr<dsp::OverlapSave> MakeProcess(int, int) override {
         Apply(*mRecord);
         auto process = std::make_unique<NoNoiseProcess>(mRecord.get());
         process->Resume();
@@ -130,6 +159,65 @@ private:
     NoNoisePtr mRecord;
 };
 
+// The adaptive reducer: no print; the noise is tracked while the audio streams.
+class AdaptiveDenoiseTool : public SpectralTool {
+public:
+    AdaptiveDenoiseTool(const SpectralOptions& options, const DenoiseSettings& settings)
+        : mOptions(options), mSettings(settings) {}
+
+    std::string Command() const override { return "denoise"; }
+    PrintKind Kind() const override { return PrintKind::NoisePrint; }
+    bool LearnsNoise() const override { return true; }
+    std::string Method() const override { return "adaptive"; }
+
+    void CheckSettings() const override {
+        CheckSetting("--reduction", ReductionDb(), 0.0, 120.0, "dB");
+        for (auto [given, name] :
+             {std::pair{mSettings.smoothingGiven, "--smoothing"}, std::pair{mSettings.transitionGiven, "--transition"}})
+            if (given)
+                throw UsageError(std::string(name) + " applies to --method print only", "",
+                                 "leave it out, or give a noise source for the print method");
+        if (mOptions.residual && ReductionDb() == 0.0)
+            throw UsageError("--residual with --reduction 0 has nothing to write", "",
+                             "a reduction of 0 removes nothing; give a reduction above 0");
+    }
+
+    // Never asked: the command takes no print for this tool.
+    int64_t MinimumCaptureFrames(int) const override { return 0; }
+    std::unique_ptr<dsp::DSPAnalyzer> MakeCapture(int, int, int) override { return nullptr; }
+    void TakeCapture(const dsp::DSPAnalyzer&) override {}
+    void TakePrint(PrintFile&&) override {}
+    std::string EncodePrint(int, PrintSpan) const override { return {}; }
+
+    std::unique_ptr<dsp::OverlapSave> MakeProcess(int channels, int sampleRate) override {
+        auto process = std::make_unique<dsp::AdaptiveNoise>(channels, sampleRate, ReductionDb());
+        process->SetResidualOutput(mOptions.residual);
+        process->Resume();
+        return process;
+    }
+
+    void WriteSettings(JsonWriter& json) const override { json.Key("reduction_db").Number(ReductionDb()); }
+
+    std::string DescribeSettings() const override {
+        if (ReductionDb() == 0.0) return "reduction 0 dB (unchanged)";
+        return "reduction " + FormatValue(ReductionDb()) + " dB";
+    }
+
+private:
+    double ReductionDb() const {
+        return mSettings.reductionGiven ? mSettings.reductionDb : dsp::AdaptiveNoise::kDefaultReductionDb;
+    }
+
+    const SpectralOptions& mOptions;
+    const DenoiseSettings& mSettings;
+};
+
+// The tool of the method the command line asks for.
+std::shared_ptr<SpectralTool> MakeDenoiseTool(const SpectralOptions& options, const DenoiseSettings& settings) {
+    if (ResolveMethod(options, settings) == "adaptive") return std::make_shared<AdaptiveDenoiseTool>(options, settings);
+    return std::make_shared<DenoiseTool>(options, settings);
+}
+
 }  // namespace
 
 Command AddDenoiseCommand(CLI::App& kesta) {
@@ -138,20 +226,29 @@ Command AddDenoiseCommand(CLI::App& kesta) {
     CLI::App* app = kesta.add_subcommand("denoise", "Remove steady background noise, using a print of the noise");
     app->footer(kHelpFooter);
     AddSpectralOptions(*app, options);
-    AddNumberOption(*app, "--reduction", settings->reductionDb, "Reduction in dB, 0 to 120 (default 40; 0: unchanged)")
-        ->type_name("DB");
+    app->add_option("--method", settings->method,
+                    "print (a print of the noise from --noise, --noise-file or --print) or adaptive (learns the "
+                    "noise as it goes; the default without a noise source)")
+        ->type_name("METHOD");
+    AddNumberOption(*app, "--reduction", settings->reductionDb,
+                    "Reduction in dB, 0 to 120 (default 40 for print, 30 for adaptive; 0: unchanged)")
+        ->type_name("DB")
+        ->each([settings](const std::string&) { settings->reductionGiven = true; });
     AddNumberOption(*app, "--smoothing", settings->smoothingPercent,
-                    "Smoothing of the measured levels, percent, 0 to 99 (default 65)")
-        ->type_name("PCT");
-    AddNumberOption(*app, "--transition", settings->transitionDb, "Width of the soft knee in dB, 0 to 40 (default 0)")
-        ->type_name("DB");
+                    "Smoothing of the measured levels, percent, 0 to 99 (default 65; print only)")
+        ->type_name("PCT")
+        ->each([settings](const std::string&) { settings->smoothingGiven = true; });
+    AddNumberOption(*app, "--transition", settings->transitionDb,
+                    "Width of the soft knee in dB, 0 to 40 (default 0; print only)")
+        ->type_name("DB")
+        ->each([settings](const std::string&) { settings->transitionGiven = true; });
     return {app,
             [options, settings] {
-                DenoiseTool tool(*options, *settings);
-                return RunSpectralCommand(*options, tool);
+                const std::shared_ptr<SpectralTool> tool = MakeDenoiseTool(*options, *settings);
+                return RunSpectralCommand(*options, *tool);
             },
             [options, settings](const StageInput& in) {
-                return MakeSpectralStage(*options, std::make_shared<DenoiseTool>(*options, *settings), in);
+                return MakeSpectralStage(*options, MakeDenoiseTool(*options, *settings), in);
             }};
 }
 

@@ -68,10 +68,69 @@ private:
     int64_t mFrames = 0;
 };
 
+// What happens between the programme's phrases: per window of 50 ms the energy of the input and
+// of the output (all channels), and from them the level change over the windows more than 20 dB
+// below the programme's level (the 95th percentile of the windows' levels).
+class PauseMeter {
+public:
+    explicit PauseMeter(int rate) : mWindow(std::max(1, rate / 20)), mSeconds(double(mWindow) / rate) {}
+
+    void AddInput(const AudioBlock& block, int64_t position) { Add(mInput, block, position); }
+    void AddOutput(const AudioBlock& block, int64_t position) { Add(mOutput, block, position); }
+
+    struct Pauses {
+        bool found = false;  // false when the programme has no such windows (or no level at all)
+        double changeDb = 0.0;
+        double seconds = 0.0;
+    };
+    Pauses Measure() const {
+        // Whole windows only: the last one may be short.
+        const std::size_t windows = std::min(mInput.size(), mOutput.size()) - (mInput.empty() ? 0 : 1);
+        std::vector<double> levels;
+        for (std::size_t w = 0; w < windows; ++w)
+            if (mInput[w] > 0.0) levels.push_back(mInput[w]);
+        if (levels.empty()) return {};
+        std::sort(levels.begin(), levels.end());
+        const double threshold = levels[levels.size() * 95 / 100] * 0.01;  // 20 dB below, in energy
+        double in = 0.0, out = 0.0;
+        int count = 0;
+        for (std::size_t w = 0; w < windows; ++w)
+            if (mInput[w] > 0.0 && mInput[w] < threshold) {
+                in += mInput[w];
+                out += mOutput[w];
+                ++count;
+            }
+        if (count == 0) return {};
+        return {true, std::max(10.0 * std::log10(out / in), -200.0), count * mSeconds};
+    }
+
+private:
+    void Add(std::vector<double>& energy, const AudioBlock& block, int64_t position) {
+        const int64_t frames = int64_t(block.Frames());
+        for (int64_t i = 0; i < frames;) {
+            const std::size_t w = std::size_t((position + i) / mWindow);
+            const int64_t end = std::min(frames, int64_t(w + 1) * mWindow - position);
+            double sum = 0.0;
+            for (int c = 0; c < block.Channels(); ++c) {
+                const float* x = block.Channel(c);
+                for (int64_t j = i; j < end; ++j)
+                    sum += double(x[j]) * double(x[j]);
+            }
+            if (energy.size() <= w) energy.resize(w + 1, 0.0);
+            energy[w] += sum;
+            i = end;
+        }
+    }
+
+    int64_t mWindow;
+    double mSeconds;
+    std::vector<double> mInput, mOutput;
+};
+
 // Where the print comes from, once resolved.
 struct NoiseSource {
-    enum class Kind { Range, File, Print } kind = Kind::Range;
-    std::string path;  // the file the stretch is in, or the print file
+    enum class Kind { Range, File, Print, None } kind = Kind::Range;  // None: the processor learns it
+    std::string path;                                                 // the file the stretch is in, or the print file
     int64_t start = 0;
     int64_t frames = 0;
     int snapshots = 0;
@@ -140,7 +199,8 @@ int RunCapture(dsp::DSPAnalyzer& capture, BlockReader& reader, const NoiseSource
 struct StreamMeasures {
     LevelMeter input;
     std::optional<RangeMeter> noiseIn, noiseOut;
-    explicit StreamMeasures(int channels) : input(channels) {}
+    PauseMeter pauses;
+    StreamMeasures(int channels, int rate) : input(channels), pauses(rate) {}
 };
 
 // Runs INPUT through the processor into OUTPUT with its latency compensated, measuring the levels
@@ -150,9 +210,11 @@ void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, AudioOutput& 
     StreamWatchers watchers;
     watchers.input = [&](const AudioBlock& block, int64_t position) {
         measures.input.Add(block);
+        measures.pauses.AddInput(block, position);
         if (measures.noiseIn) measures.noiseIn->Add(block, position);
     };
     watchers.output = [&](const AudioBlock& block, int64_t position) {
+        measures.pauses.AddOutput(block, position);
         if (measures.noiseOut) measures.noiseOut->Add(block, position);
     };
     const std::unique_ptr<Stage> stage =
@@ -180,6 +242,18 @@ std::optional<TimeRange> CheckRequest(const SpectralOptions& options, const Spec
         (options.fftSize & (options.fftSize - 1)) != 0)
         throw UsageError("--fft-size " + std::to_string(options.fftSize) + " is not usable", "",
                          "give a power of two from 256 to 16384, such as 4096");
+    if (tool.LearnsNoise()) {
+        const std::string method = "--method " + tool.Method();
+        if (!options.printPath.empty() || !options.noiseFile.empty() || !options.savePrint.empty())
+            throw UsageError(method + " takes no noise print", "it learns the noise while it runs",
+                             "leave out --print, --noise-file and --save-print, or give --method print");
+        if (options.fftSizeGiven)
+            throw UsageError(method + " chooses its own FFT size", "", "leave out --fft-size, or give --method print");
+        if (options.output.empty()) throw UsageError("no output file given", "", "name the file to write");
+        std::optional<TimeRange> range;
+        if (!options.noiseRange.empty()) range = ParseTimeRange(options.noiseRange, "--noise");
+        return range;
+    }
     const bool fromPrint = !options.printPath.empty();
     if (fromPrint && (!options.noiseRange.empty() || !options.noiseFile.empty()))
         throw UsageError("--print cannot be combined with --noise or --noise-file", "",
@@ -216,6 +290,16 @@ NoisePlan PlanNoise(const SpectralOptions& options, SpectralTool& tool, BlockRea
     NoisePlan plan;
     plan.fftSize = options.fftSize;
     plan.channels = format.channels;
+    if (tool.LearnsNoise()) {
+        // No print: a --noise stretch is only measured.
+        plan.source.kind = NoiseSource::Kind::None;
+        if (range) {
+            ResolveStretch(options, range, reader, 1, 0, plan.source);
+            plan.source.kind = NoiseSource::Kind::Range;
+        }
+        plan.source.path = reader.Path();
+        return plan;
+    }
     if (fromPrint) {
         PrintFile print = ReadPrintFile(options.printPath);
         CheckPrintMatches(print, options.printPath, tool.Kind(), format.channels, format.sampleRate,
@@ -332,7 +416,7 @@ std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::sh
     if (!options.savePrint.empty())
         throw UsageError("a chain step does not save a print", "",
                          "save it with 'kesta " + tool->Command() + " --save-print FILE'");
-    if (!in.first && options.printPath.empty() && options.noiseFile.empty())
+    if (!in.first && !tool->LearnsNoise() && options.printPath.empty() && options.noiseFile.empty())
         throw UsageError("a " + tool->Command() + " step after another cannot take its print from INPUT",
                          "the steps before it change what it would hear",
                          "make it the first step, or give it noise-file= or print=");
@@ -350,7 +434,7 @@ std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::sh
     };
     auto held = std::make_shared<Held>();
     held->tool = tool;
-    held->process = tool->MakeProcess();
+    held->process = tool->MakeProcess(in.format.channels, in.format.sampleRate);
     return MakeStage(held->process->GetLatency(), [held](float** channels, int count, int frames) {
         held->process->Process(channels, channels, count, frames);
     });
@@ -406,19 +490,20 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
 
     // 5. The processing.
     double processSeconds = 0.0;
-    StreamMeasures measures(format.channels);
+    StreamMeasures measures(format.channels, format.sampleRate);
     if (output) {
         if (captureReader == &reader) reader.Rewind();
+        const Stopwatch processClock;
+        std::unique_ptr<dsp::OverlapSave> process = tool.MakeProcess(format.channels, format.sampleRate);
         if (source.kind == NoiseSource::Kind::Range) {
             // The stretch less one frame at either end, where the processing also hears what lies
             // beyond the stretch (when that leaves a frame or more).
+            const int64_t frame = process->GetFrameLength();
             int64_t from = source.start, to = source.start + source.frames;
-            if (to - from >= 3 * int64_t(fftSize)) from += fftSize, to -= fftSize;
+            if (to - from >= 3 * frame) from += frame, to -= frame;
             measures.noiseIn.emplace(format.channels, from, to);
             measures.noiseOut.emplace(format.channels, from, to);
         }
-        const Stopwatch processClock;
-        std::unique_ptr<dsp::OverlapSave> process = tool.MakeProcess();
         progress.Next(command);
         StreamThrough(*process, reader, *output, progress, measures);
         processSeconds = processClock.Seconds();
@@ -444,7 +529,9 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
 
     const char* sourceName = source.kind == NoiseSource::Kind::Range  ? "range"
                              : source.kind == NoiseSource::Kind::File ? "file"
+                             : source.kind == NoiseSource::Kind::None ? "none"
                                                                       : "print";
+    const PauseMeter::Pauses pauses = output ? measures.pauses.Measure() : PauseMeter::Pauses{};
     if (console.Json()) {
         JsonWriter json(std::cout);
         json.BeginObject();
@@ -453,19 +540,28 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
         json.Key("file").String(options.input);
         WriteAudioFields(json, format, output ? frames : reader.HeaderFrames().value_or(0));
         json.EndObject();
+        if (!tool.Method().empty()) json.Key("method").String(tool.Method());
         json.Key("noise").BeginObject();
         json.Key("source").String(sourceName);
-        json.Key("file").String(source.path);
-        json.Key("kind").String(PrintKindName(tool.Kind()));
-        json.Key("fft_size").Int(fftSize);
-        json.Key("start_seconds").Number(double(source.start) / rate);
-        json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
-        json.Key("start_frame").Int(source.start);
-        json.Key("frames").Int(source.frames);
-        if (source.kind == NoiseSource::Kind::Print)
-            json.Key("snapshots").Null();
-        else
-            json.Key("snapshots").Int(source.snapshots);
+        if (tool.LearnsNoise()) {
+            // Nothing captured: only the stretch the report measures, if one was given.
+            if (source.kind == NoiseSource::Kind::Range) {
+                json.Key("start_seconds").Number(double(source.start) / rate);
+                json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
+            }
+        } else {
+            json.Key("file").String(source.path);
+            json.Key("kind").String(PrintKindName(tool.Kind()));
+            json.Key("fft_size").Int(fftSize);
+            json.Key("start_seconds").Number(double(source.start) / rate);
+            json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
+            json.Key("start_frame").Int(source.start);
+            json.Key("frames").Int(source.frames);
+            if (source.kind == NoiseSource::Kind::Print)
+                json.Key("snapshots").Null();
+            else
+                json.Key("snapshots").Int(source.snapshots);
+        }
         json.EndObject();
         json.Key("settings").BeginObject();
         tool.WriteSettings(json);
@@ -485,6 +581,12 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
                 WriteNumbers(json, noiseChange);
             else
                 json.Null();
+            json.Key("pause_level_change_db");
+            if (pauses.found)
+                json.Number(pauses.changeDb);
+            else
+                json.Null();
+            json.Key("pause_seconds").Number(pauses.seconds);
             json.EndObject();
         } else {
             json.Key("output").Null();
@@ -496,7 +598,9 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
     } else if (console.ShowsText()) {
         const std::string stretch = FormatSeconds(double(source.start) / rate) + "-" +
                                     FormatSeconds(double(source.start + source.frames) / rate) + " s";
-        if (source.kind == NoiseSource::Kind::Print)
+        if (tool.LearnsNoise())
+            std::cout << "Method " << tool.Method() << ": the noise is learnt while processing, no print taken\n";
+        else if (source.kind == NoiseSource::Kind::Print)
             std::cout << "Using the " << PrintKindName(tool.Kind()) << " in " << options.printPath << " (taken from "
                       << stretch << ", FFT size " << fftSize << ")\n";
         else
@@ -508,6 +612,9 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
                       << (options.residual ? ", what was removed" : "") << "\n";
             std::cout << "Level change: " << DescribeChange(levelChange) << " overall";
             if (measures.noiseIn) std::cout << ", " << DescribeChange(noiseChange) << " in the noise stretch";
+            if (pauses.found)
+                std::cout << ", " << FormatValue(std::round(pauses.changeDb * 10.0) / 10.0) << " dB in the pauses ("
+                          << FormatSeconds(pauses.seconds) << " s)";
             std::cout << " " << RealTimeText(frames, rate, processSeconds) << "\n";
         }
     }

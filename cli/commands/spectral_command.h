@@ -70,6 +70,11 @@ public:
 
     virtual std::string Command() const = 0;  // "denoise"
     virtual PrintKind Kind() const = 0;
+    // Whether the processor learns the noise while it streams: no print is taken or read (the
+    // print options are refused), and a --noise stretch only marks what the report measures.
+    virtual bool LearnsNoise() const { return false; }
+    // The method's name for the report, where the command has several ("print", "adaptive").
+    virtual std::string Method() const { return ""; }
     // Usage errors for settings out of range.
     virtual void CheckSettings() const = 0;
     // The shortest stretch, in frames, the capture can take a print from.
@@ -84,9 +89,9 @@ public:
     // The print in use, as the bytes of a print file.
     virtual std::string EncodePrint(int sampleRate, PrintSpan span) const = 0;
 
-    // The processor for the print in use, with the settings (and --residual) applied, resumed
-    // and ready for a stream.
-    virtual std::unique_ptr<dsp::OverlapSave> MakeProcess() = 0;
+    // The processor for the print in use (or for audio of this shape, when it learns the noise),
+    // with the settings (and --residual) applied, resumed and ready for a stream.
+    virtual std::unique_ptr<dsp::OverlapSave> MakeProcess(int channels, int sampleRate) = 0;
 
     // The settings as fields of the JSON object being written, and as words for the summary.
     virtual void WriteSettings(JsonWriter& json) const = 0;

@@ -100,6 +100,26 @@ TEST_F(DenoiseTest, RemovesTheNoiseAndKeepsTheTonesInPlace) {
     EXPECT_EQ(out.Frames(), mono.Frames());
 }
 
+TEST_F(DenoiseTest, WithoutANoiseSourceTheAdaptiveMethodLearnsTheNoiseAndKeepsTheTones) {
+    // The --noise stretch is only measured: the run is the same as one without it.
+    const JsonValue report = Report({"denoise", P("in.wav"), P("out.wav"), "--method", "adaptive", "--noise", "0:1.5"});
+    ExpectCleaned("out.wav", 20.0);
+    EXPECT_EQ(report["method"].string, "adaptive");
+    EXPECT_EQ(report["noise"]["source"].string, "range");
+    for (int c = 0; c < 2; ++c)
+        EXPECT_LE(report["output"]["noise_level_change_db"][c].number, -20.0);
+    // The lead-in is the programme's pause.
+    EXPECT_LE(report["output"]["pause_level_change_db"].number, -20.0);
+    EXPECT_GE(report["output"]["pause_seconds"].number, 1.0);
+    const RunResult plain = Ok({"denoise", P("in.wav"), P("plain.wav")});
+    EXPECT_NE(plain.out.find("Method adaptive"), std::string::npos) << plain.out;
+    EXPECT_TRUE(Same("out.wav", "plain.wav"));
+    // As a chain step, anywhere in the chain.
+    Ok({"chain", P("in.wav"), P("chained.wav"), "gain:db=0", "denoise:method=adaptive", "-q"});
+    EXPECT_TRUE(Same("out.wav", "chained.wav"));
+    ExpectResidualAddsUp("denoise", {"--reduction", "20"});
+}
+
 TEST_F(DenoiseTest, ASavedPrintOrAnotherFileReproducesTheRunBitForBit) {
     Ok({"denoise", P("in.wav"), P("a.wav"), "--noise", "0:1.5", "--save-print", P("room.knp"), "-q"});
     Ok({"denoise", P("in.wav"), P("b.wav"), "--print", P("room.knp"), "-q"});
@@ -150,7 +170,11 @@ TEST_F(DenoiseTest, BadCommandLinesOfDenoiseAndDehissSayOneLineAndTouchNothing) 
                                   {{"--noise", "1:x"}, 2, {"'x' is not a number of seconds"}},
                                   {{"--noise", "0:90"}, 2, {"past the end", "4.000 s long"}},
                                   {{"--noise", "0:0.05"}, 2, {"too short", "0.050 s", "at least 0.093 s"}},
-                                  {{}, 2, {"no noise source", "--noise", "--noise-file", "--print"}},
+                                  {{"--method", "nmf"}, 2, {"--method nmf", "not available yet"}},
+                                  {{"--method", "wiener"}, 2, {"--method wiener", "not a denoise method"}},
+                                  {{"--method", "adaptive", "--print", P("small.knp")}, 2, {"takes no noise print"}},
+                                  {{"--fft-size", "2048"}, 2, {"--method adaptive", "chooses its own FFT size"}},
+                                  {{"--smoothing", "50"}, 2, {"--smoothing applies to --method print only"}},
                                   {{"--print", P("small.knp"), "--fft-size", "4096"}, 2, {"FFT size 2048", "4096"}},
                                   {{"--print", P("mono.knp")}, 2, {"1 channel(s)", "has 2"}},
                                   {{"--print", P("hiss.khf")}, 2, {"hiss floor, not a noise print"}},
