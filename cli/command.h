@@ -57,6 +57,8 @@ Command AddDeclickCommand(CLI::App& kesta);
 Command AddDeclipCommand(CLI::App& kesta);
 Command AddLimitCommand(CLI::App& kesta);
 Command AddWidenCommand(CLI::App& kesta);
+Command AddResampleCommand(CLI::App& kesta);
+Command AddGenerateCommand(CLI::App& kesta);
 Command AddChainCommand(CLI::App& kesta);
 
 }  // namespace kesta

@@ -108,7 +108,8 @@ int Run(int argc, char** argv) {
     const std::vector<Command> commands = {
         AddSelfcheckCommand(kesta), AddInfoCommand(kesta),  AddGainCommand(kesta),  AddDenoiseCommand(kesta),
         AddDehissCommand(kesta),    AddEqCommand(kesta),    AddGeqCommand(kesta),   AddDeclickCommand(kesta),
-        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddWidenCommand(kesta), AddChainCommand(kesta)};
+        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddWidenCommand(kesta), AddResampleCommand(kesta),
+        AddGenerateCommand(kesta),  AddChainCommand(kesta)};
     for (const Command& command : commands)
         command.app->group("Commands");
 

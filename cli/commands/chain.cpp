@@ -34,9 +34,11 @@ the names of the command's own options without the dashes; a flag is its name al
   dehiss:noise-file=hiss.wav            denoise:print=room.knp,residual
 
 A value may hold colons and commas (geq:gains=0,0,3,3,0,0,0,0,-2,-4); a comma starts a new
-option only where a name and '=' follow. Steps: gain, eq, geq, denoise, dehiss, widen. Each step
-checks its settings as its command does. The processing delays of all steps are compensated
-together: OUTPUT has INPUT's length and is aligned with it sample for sample.
+option only where a name and '=' follow. Steps: gain, eq, geq, denoise, dehiss, widen,
+resample. Each step checks its settings as its command does. The processing delays of all steps
+are compensated together: OUTPUT has INPUT's length and is aligned with it sample for sample
+(after a resample step, the steps that follow work at its rate, and OUTPUT has that rate and
+INPUT's duration).
 
 A denoise or dehiss step takes its print from a stretch of INPUT (noise=) only as the first
 step, since later steps hear the audio as the steps before them left it; elsewhere give it
@@ -54,9 +56,10 @@ struct StepKind {
     const char* name;
     AddCommand add;
 };
-constexpr StepKind kSteps[] = {{"gain", AddGainCommand},     {"eq", AddEqCommand},
-                               {"geq", AddGeqCommand},       {"denoise", AddDenoiseCommand},
-                               {"dehiss", AddDehissCommand}, {"widen", AddWidenCommand}};
+constexpr StepKind kSteps[] = {{"gain", AddGainCommand},        {"eq", AddEqCommand},
+                               {"geq", AddGeqCommand},          {"denoise", AddDenoiseCommand},
+                               {"dehiss", AddDehissCommand},    {"widen", AddWidenCommand},
+                               {"resample", AddResampleCommand}};
 
 struct ChainOptions {
     std::string input;
@@ -115,7 +118,7 @@ ParsedStep ParseStep(const std::string& text, const ChainOptions& options) {
         if (name == kind.name) step.command = kind.add(*step.parent);
     if (!step.command.app)
         throw UsageError("unknown chain step " + Quoted(text), "",
-                         "a step starts with gain:, eq:, geq:, denoise: or dehiss:");
+                         "a step starts with gain:, eq:, geq:, denoise:, dehiss:, widen: or resample:");
     std::vector<std::string> args = {options.input, options.output};
     if (colon != std::string::npos) {
         const std::vector<std::string> words = StepArguments(text, text.substr(colon + 1));
@@ -143,15 +146,19 @@ int RunChain(const ChainOptions& options) {
 
     BlockReader reader(options.input);
     const AudioFormat format = reader.Format();
-    AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out);
 
+    // Each step is made for the audio the steps before it leave (a resample step changes the rate).
     std::vector<std::unique_ptr<Stage>> stages;
     std::vector<Stage*> order;
+    AudioFormat heard = format;
     for (std::size_t i = 0; i < steps.size(); ++i) {
-        const StageInput in{options.input, format, i == 0, console};
+        const StageInput in{options.input, heard, i == 0, console};
         stages.push_back(steps[i].command.stage(in));
         order.push_back(stages.back().get());
+        if (const auto* resizing = dynamic_cast<const ResizingStage*>(order.back()))
+            heard.sampleRate = resizing->OutputRate(heard.sampleRate);
     }
+    AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out, order);
 
     LevelMeter inputLevels(format.channels);
     StreamWatchers watchers;
