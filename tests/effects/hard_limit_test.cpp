@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <vector>
 
-#include "support/allocation_counter.h"
 #include "support/signals.h"
 
 namespace {
@@ -225,21 +224,6 @@ TEST(HardLimit, LoudStreamsFollowTheDefinitionAtAnyBlockSize) {
                 ASSERT_LE(std::fabs(v), ceiling);
         }
     }
-}
-
-TEST(HardLimit, ProcessingAllocatesNothingAfterResume) {
-    HardLimit limiter;
-    limiter.SetChannels(2);
-    limiter.SetParameter(HardLimit::kInputGain, 20.0f);
-    limiter.Resume();
-    Channels x = NoiseChannels(2, 20000, 9);
-    float* ptrs[2] = {x[0].data(), x[1].data()};
-    AllocationCounter allocations;
-    for (int pos = 0; pos < 20000; pos += 1000) {
-        float* at[2] = {ptrs[0] + pos, ptrs[1] + pos};
-        limiter.Process(at, at, 1000);
-    }
-    EXPECT_EQ(allocations.Count(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #pragma once
 // Set-up shared by the noise-print and hiss tests: records that free themselves, streaming from
-// Resume, an allocation probe, a host-style capture driver, a naive DFT, the noise-print window
+// Resume, a host-style capture driver, a naive DFT, the noise-print window
 // and a synthetic programme of tones in noise.
 
 #include <algorithm>
@@ -13,7 +13,6 @@
 
 #include "dsp/dsp_analyzer.h"
 #include "dsp/overlap_save.h"
-#include "support/allocation_counter.h"
 #include "support/signals.h"
 
 namespace kesta::test {
@@ -46,41 +45,6 @@ inline Channels Stream(dsp::OverlapSave& process, const Channels& x, int block =
     const int channels = static_cast<int>(x.size());
     return RunInBlocks(
         x, [&](float** in, float** out, int n) { process.Process(in, out, channels, n); }, block);
-}
-
-// Streams the first `split` frames of x from Resume, then copy-constructs and copy-assigns the
-// process: the rest of x through each of the three must give the rest of `reference`.
-template <class Process>
-bool CopiesContinue(Process& process, const Channels& x, std::size_t split, const Channels& reference) {
-    Stream(process, Slice(x, 0, split));
-    Process copy(process);
-    Process assigned;
-    assigned = process;
-    const Channels rest = Slice(x, split, x[0].size()), expected = Slice(reference, split, x[0].size());
-    bool same = true;
-    for (Process* p : {&process, &copy, &assigned}) {
-        auto block = [p, &rest](float** in, float** out, int n) {
-            p->Process(in, out, static_cast<int>(rest.size()), n);
-        };
-        same = same && RunInBlocks(rest, block, 1000) == expected;
-    }
-    return same;
-}
-
-// Allocations made by Process while x streams through in blocks of 1000 frames after Resume.
-inline long long AllocationsInProcess(dsp::OverlapSave& process, Channels x) {
-    std::vector<float*> in(x.size()), out(x.size());
-    Channels y = x;
-    process.Resume();
-    AllocationCounter allocations;
-    for (std::size_t pos = 0; pos < x[0].size(); pos += 1000) {
-        for (std::size_t c = 0; c < x.size(); ++c) {
-            in[c] = x[c].data() + pos;
-            out[c] = y[c].data() + pos;
-        }
-        process.Process(in.data(), out.data(), static_cast<int>(x.size()), std::min<int>(1000, x[0].size() - pos));
-    }
-    return allocations.Count();
 }
 
 // Runs a capture over frames [start, start + length) of x as a host does: GetDesiredBlockSize()

@@ -121,21 +121,6 @@ TEST(AdaptiveNoise, NoiseFallsByTheReductionWhileToneAndHumBehaveAsTheyShould) {
     }
 }
 
-TEST(AdaptiveNoise, OutputDoesNotDependOnBlocksOrCopiesAndAllocatesNothing) {
-    const std::size_t frames = 3 * kRateHz;
-    Channels in = kesta::test::NoiseChannels(3, frames, 21, 0.05);
-    for (Signal& s : in)
-        s = Mix(s, Sine(frames, 700.0, kRate, 0.3));
-    AdaptiveNoise process(3, kRateHz);
-    const Channels reference = Stream(process, in, 100000);
-    process.Resume();
-    const Channels random = kesta::test::RunInRandomBlocks(
-        in, [&](float** x, float** y, int n) { process.Process(x, y, 3, n); }, 3000, 9);
-    EXPECT_TRUE(random == reference);
-    EXPECT_TRUE(kesta::test::CopiesContinue(process, in, frames / 2 + 77, reference));
-    EXPECT_EQ(kesta::test::AllocationsInProcess(process, in), 0);
-}
-
 TEST(AdaptiveNoise, KernelBuildsGiveTheSameBits) {
     // Every row filled with values over many decades (the polynomial exp and log see their whole
     // range), then each build runs a frame: the portable and the vector builds must agree exactly.

