@@ -14,10 +14,13 @@
 // Commands with analysis passes before the stream follow commands/spectral_command.cpp; those
 // with a response table or a saved preset commands/equaliser_command.cpp.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "io/audio_block.h"
 #include "io/audio_format.h"
 
 namespace CLI {
@@ -29,13 +32,20 @@ namespace kesta {
 class Console;
 class Stage;
 
-// What a step of a chain is made for: the input's path and format, whether it is the first step
-// (the only one that hears the input as it is), and the console for its analysis passes.
+// Streams, from its start, the audio a step will hear (INPUT as the steps before it leave it,
+// aligned with INPUT and of its length) into `sink`, block by block; each call streams it again.
+using ReplayAudio = std::function<void(const std::function<void(const AudioBlock&)>& sink)>;
+
+// What a step of a chain is made for: the input's path, format and length (nullopt for a stream),
+// whether it is the first step (the only one that hears the input as it is), the console for its
+// analysis passes, and the audio it will hear for a step that must analyse all of it first.
 struct StageInput {
     const std::string& path;
     const AudioFormat& format;
     bool first;
     Console& console;
+    std::optional<int64_t> frames = std::nullopt;
+    ReplayAudio replay = nullptr;
 };
 
 struct Command {

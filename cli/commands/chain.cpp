@@ -4,8 +4,10 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
+#include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "command.h"
 #include "errors.h"
@@ -35,20 +37,23 @@ the names of the command's own options without the dashes; a flag is its name al
 
 A value may hold colons and commas (geq:gains=0,0,3,3,0,0,0,0,-2,-4); a comma starts a new
 option only where a name and '=' follow. Steps: gain, eq, geq, denoise, dehiss, widen,
-resample. Each step checks its settings as its command does. The processing delays of all steps
-are compensated together: OUTPUT has INPUT's length and is aligned with it sample for sample
-(after a resample step, the steps that follow work at its rate, and OUTPUT has that rate and
-INPUT's duration).
+resample, declick, declip and limit. Each step checks its settings as its command does. The
+processing delays of all steps are compensated together: OUTPUT has INPUT's length and is aligned
+with it sample for sample (after a resample step, the steps that follow work at its rate, and
+OUTPUT has that rate and INPUT's duration).
 
 A denoise or dehiss step takes its print from a stretch of INPUT (noise=) only as the first
 step, since later steps hear the audio as the steps before them left it; elsewhere give it
-noise-file= or print=. Steps do not save prints or presets.
+noise-file= or print=. A declick step finds and repairs clicks in the one pass. A declip step
+needs the levels of all it will hear first: INPUT is read twice more, through the steps before
+it, before the pass. Steps do not save prints or presets or write reports.
 
 Exit status: 0 done; 2 wrong command line; 3 input problem; 4 output problem.
 
 Examples:
   kesta chain take1.wav clean.wav denoise:noise=0:1.5,reduction=30 eq:highpass=80 gain:db=-1
-  kesta chain mix.flac out.flac geq:gains=0,0,3,3,0,0,0,0,-2,-4 gain:db=-3 --float)help";
+  kesta chain mix.flac out.flac geq:gains=0,0,3,3,0,0,0,0,-2,-4 gain:db=-3 --float
+  kesta chain live.wav fixed.wav declick declip:gain=-6 limit:gain=4)help";
 
 using AddCommand = Command (*)(CLI::App&);
 
@@ -56,10 +61,11 @@ struct StepKind {
     const char* name;
     AddCommand add;
 };
-constexpr StepKind kSteps[] = {{"gain", AddGainCommand},        {"eq", AddEqCommand},
-                               {"geq", AddGeqCommand},          {"denoise", AddDenoiseCommand},
-                               {"dehiss", AddDehissCommand},    {"widen", AddWidenCommand},
-                               {"resample", AddResampleCommand}};
+constexpr StepKind kSteps[] = {{"gain", AddGainCommand},         {"eq", AddEqCommand},
+                               {"geq", AddGeqCommand},           {"denoise", AddDenoiseCommand},
+                               {"dehiss", AddDehissCommand},     {"widen", AddWidenCommand},
+                               {"resample", AddResampleCommand}, {"declick", AddDeclickCommand},
+                               {"declip", AddDeclipCommand},     {"limit", AddLimitCommand}};
 
 struct ChainOptions {
     std::string input;
@@ -118,7 +124,8 @@ ParsedStep ParseStep(const std::string& text, const ChainOptions& options) {
         if (name == kind.name) step.command = kind.add(*step.parent);
     if (!step.command.app)
         throw UsageError("unknown chain step " + Quoted(text), "",
-                         "a step starts with gain:, eq:, geq:, denoise:, dehiss:, widen: or resample:");
+                         "a step starts with gain:, eq:, geq:, denoise:, dehiss:, widen:, resample:, declick:, "
+                         "declip: or limit:");
     std::vector<std::string> args = {options.input, options.output};
     if (colon != std::string::npos) {
         const std::vector<std::string> words = StepArguments(text, text.substr(colon + 1));
@@ -147,17 +154,40 @@ int RunChain(const ChainOptions& options) {
     BlockReader reader(options.input);
     const AudioFormat format = reader.Format();
 
-    // Each step is made for the audio the steps before it leave (a resample step changes the rate).
-    std::vector<std::unique_ptr<Stage>> stages;
+    // The first `count` steps, each made for the audio the steps before it leave (a resample step
+    // changes the rate and the length). A step that analyses all it will hear first replays INPUT
+    // through steps made afresh before it (the same settings make the same samples).
+    std::function<ReplayAudio(std::size_t)> replayFor;
+    auto makeStages = [&](std::size_t count) {
+        std::vector<std::unique_ptr<Stage>> made;
+        AudioFormat heard = format;
+        std::optional<int64_t> frames = reader.HeaderFrames();
+        for (std::size_t i = 0; i < count; ++i) {
+            const StageInput in{options.input, heard,  i == 0,
+                                console,       frames, reader.Seekable() ? replayFor(i) : nullptr};
+            made.push_back(steps[i].command.stage(in));
+            if (const auto* resizing = dynamic_cast<const ResizingStage*>(made.back().get())) {
+                heard.sampleRate = resizing->OutputRate(heard.sampleRate);
+                if (frames) frames = resizing->OutputFrames(*frames);
+            }
+        }
+        return made;
+    };
+    replayFor = [&](std::size_t step) -> ReplayAudio {
+        return [&, step](const std::function<void(const AudioBlock&)>& sink) {
+            BlockReader again(options.input);
+            const std::vector<std::unique_ptr<Stage>> before = makeStages(step);
+            std::vector<Stage*> order;
+            for (const auto& stage : before)
+                order.push_back(stage.get());
+            Progress unseen("", again.HeaderFrames(), format.sampleRate, false);
+            StreamToSink(again, order, unseen, [&sink](const AudioBlock& block, int64_t) { sink(block); });
+        };
+    };
+    const std::vector<std::unique_ptr<Stage>> stages = makeStages(steps.size());
     std::vector<Stage*> order;
-    AudioFormat heard = format;
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        const StageInput in{options.input, heard, i == 0, console};
-        stages.push_back(steps[i].command.stage(in));
-        order.push_back(stages.back().get());
-        if (const auto* resizing = dynamic_cast<const ResizingStage*>(order.back()))
-            heard.sampleRate = resizing->OutputRate(heard.sampleRate);
-    }
+    for (const auto& stage : stages)
+        order.push_back(stage.get());
     AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out, order);
 
     LevelMeter inputLevels(format.channels);

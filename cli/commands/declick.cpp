@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <sstream>
 
@@ -132,22 +133,129 @@ std::vector<std::vector<Range>> FindAll(BlockReader& reader, const NOCLICK& reco
     return find.GetParam()->foundClicks;
 }
 
-// Clicks reported twice (blocks of the detector overlap) or touching are joined, and each gets its
-// tail; the result stays inside the file.
+// Appends a found click to a channel's repair list: with its tail, inside the file, and joined
+// with the last range when it overlaps or touches it (blocks of the detector overlap, so a click
+// may be reported twice). Clicks must come in order of start.
+void AddToRepairList(std::vector<Range>& list, Range r, int tail, int64_t frames) {
+    r.length = int32_t(std::min<int64_t>(r.length + tail, frames - r.start));
+    if (!list.empty() && r.start <= list.back().start + list.back().length)
+        list.back().length =
+            int32_t(std::max(list.back().start + list.back().length, r.start + r.length) - list.back().start);
+    else
+        list.push_back(r);
+}
+
 std::vector<std::vector<Range>> RepairList(const std::vector<std::vector<Range>>& found, int tail, int64_t frames) {
     std::vector<std::vector<Range>> lists(found.size());
     for (std::size_t c = 0; c < found.size(); ++c)
-        for (Range r : found[c]) {
-            r.length = int32_t(std::min<int64_t>(r.length + tail, frames - r.start));
-            std::vector<Range>& out = lists[c];
-            if (!out.empty() && r.start <= out.back().start + out.back().length)
-                out.back().length =
-                    int32_t(std::max(out.back().start + out.back().length, r.start + r.length) - out.back().start);
-            else
-                out.push_back(r);
-        }
+        for (const Range& r : found[c])
+            AddToRepairList(lists[c], r, tail, frames);
     return lists;
 }
+
+// Detection and repair in one stream, for a chain: the same samples as the two passes of the
+// command. The detector reports every click that starts before the end of its latest analysed
+// block's first hop (later blocks start there), and a repair list entry is final once every click
+// that could join it is known. The repair runs kDelay frames behind the detector, which keeps the
+// detector's frontier more than a block beyond every range the repair takes, so each range it
+// takes is the one the command's list holds (or one too long to repair either way).
+class DeclickStage : public Stage {
+public:
+    DeclickStage(const NOCLICK& record, int64_t frames, int tail)
+        : mFind(&record), mFix(&record), mFrames(frames), mTail(tail), mChannels(record.channels) {
+        using dsp::noclick::FindClicks;
+        mFind.SetSelection(0, frames);
+        mFind.Start(nullptr);
+        mFix.GetParam()->repairClicks.assign(std::size_t(mChannels), {});
+        // The repair hears kDelay frames of silence first, and its blocks keep their places.
+        mFix.SetSelection(-kDelay, frames + kDelay);
+        mFix.Start();
+        mChunk.assign(std::size_t(mChannels) * FindClicks::kHop, 0.0f);
+        mChunkPointers.resize(std::size_t(mChannels));
+        for (int c = 0; c < mChannels; ++c)
+            mChunkPointers[std::size_t(c)] = mChunk.data() + std::size_t(c) * FindClicks::kHop;
+        mDelay.assign(std::size_t(mChannels) * kDelay, 0.0f);
+        mSeen.assign(std::size_t(mChannels), 0);
+        mWaiting.resize(std::size_t(mChannels));
+    }
+    int64_t Latency() const override { return kDelay + mFix.GetLatency(); }
+    void Process(float** channels, int, int frames) override {
+        using dsp::noclick::FindClicks;
+        for (int done = 0; done < frames;) {
+            const int n = std::min(frames - done, FindClicks::kHop - mChunkFill);
+            for (int c = 0; c < mChannels; ++c)
+                std::copy_n(channels[c] + done, n, mChunkPointers[std::size_t(c)] + mChunkFill);
+            mChunkFill += n;
+            done += n;
+            if (mChunkFill == FindClicks::kHop) Detect();
+        }
+        for (int c = 0; c < mChannels; ++c) {
+            float* delay = mDelay.data() + std::size_t(c) * kDelay;
+            for (int i = 0, at = mDelayAt; i < frames; ++i) {
+                std::swap(channels[c][i], delay[at]);
+                at = at + 1 == kDelay ? 0 : at + 1;
+            }
+        }
+        mDelayAt = int((mDelayAt + int64_t(frames)) % kDelay);
+        mFix.Process(channels, channels, mChannels, frames);
+    }
+
+private:
+    static constexpr int kDelay = 2 * dsp::noclick::FindClicks::kHop;
+
+    void Detect() {
+        using dsp::noclick::FindClicks;
+        mChunkFill = 0;
+        if (mFinished) return;
+        mFind.Analyze(mChunkPointers.data(), mChannels, FindClicks::kHop);
+        mFed += FindClicks::kHop;
+        // Every click that starts before the first hop of the latest block analysed is reported.
+        const int64_t blocks = (FindClicks::kLeadIn + mFed - FindClicks::kRead) / FindClicks::kHop;
+        int64_t frontier = -FindClicks::kLeadIn + blocks * FindClicks::kHop + FindClicks::kOffset + FindClicks::kHop;
+        if (mFind.IsCompleted()) {
+            mFind.Done();
+            mFinished = true;
+            frontier = std::numeric_limits<int64_t>::max();
+        }
+        for (int c = 0; c < mChannels; ++c) {
+            const std::vector<Range>& found = mFind.GetParam()->foundClicks[std::size_t(c)];
+            std::vector<Range>& waiting = mWaiting[std::size_t(c)];
+            std::size_t& seen = mSeen[std::size_t(c)];
+            if (mFinished) {  // Done sorted the list: take what is new from the whole of it
+                waiting.clear();
+                for (const Range& r : found)
+                    if (r.start >= mFinal) waiting.push_back(r);
+            } else {
+                waiting.insert(waiting.end(), found.begin() + std::ptrdiff_t(seen), found.end());
+            }
+            seen = found.size();
+            std::stable_sort(waiting.begin(), waiting.end(), dsp::utils::CompareLowerBound);
+            auto ready = waiting.begin();
+            while (ready != waiting.end() && ready->start < frontier)
+                ++ready;
+            for (auto r = waiting.begin(); r != ready; ++r)
+                AddToRepairList(mFix.GetParam()->repairClicks[std::size_t(c)], *r, mTail, mFrames);
+            waiting.erase(waiting.begin(), ready);
+        }
+        mFinal = frontier;
+    }
+
+    dsp::noclick::FindClicks mFind;
+    dsp::noclick::ReplaceClicks mFix;
+    int64_t mFrames;
+    int mTail;
+    int mChannels;
+    std::vector<float> mChunk;  // the detector's next hop, per channel
+    std::vector<float*> mChunkPointers;
+    int mChunkFill = 0;
+    int64_t mFed = 0;
+    bool mFinished = false;
+    int64_t mFinal = std::numeric_limits<int64_t>::min();  // clicks starting before it are in the repair list
+    std::vector<std::size_t> mSeen;                        // found clicks taken, per channel
+    std::vector<std::vector<Range>> mWaiting;              // found, but not yet known to be in order
+    std::vector<float> mDelay;
+    int mDelayAt = 0;
+};
 
 class ReplaceStage : public Stage {
 public:
@@ -206,6 +314,33 @@ std::string ReportText(ReportKind kind, const std::vector<std::vector<Range>>& r
     return text.str();
 }
 
+NOCLICK MakeRecord(const DeclickOptions& options, const AudioFormat& format) {
+    NOCLICK record;
+    dsp::noclick::SetDefaultParameter(&record);
+    record.channels = format.channels;
+    record.sampleRate = float(format.sampleRate);
+    record.threshold = options.threshold;
+    record.complexity = options.complexity;
+    dsp::noclick::AllocateArrays(&record);
+    return record;
+}
+
+int TailFrames(const AudioFormat& format) {
+    return int(std::lround(kTailSeconds * format.sampleRate));
+}
+
+std::unique_ptr<Stage> MakeDeclickStage(const DeclickOptions& options, const StageInput& in) {
+    CheckSetting("--threshold", options.threshold, 0.0, kMaxThreshold, "");
+    CheckSetting("--complexity", options.complexity, 0, kMaxComplexity, "");
+    if (options.detectOnly || !options.report.empty())
+        throw UsageError("a declick step does not list its clicks", "",
+                         "run 'kesta declick --detect-only --report FILE' on its own for the list");
+    if (!in.frames)
+        throw InputError("cannot declick " + Quoted(in.path), "its length is not known in advance (a stream)",
+                         "save it to a file first");
+    return std::make_unique<DeclickStage>(MakeRecord(options, in.format), *in.frames, TailFrames(in.format));
+}
+
 int RunDeclick(const DeclickOptions& options) {
     CheckOptions(options);
     const ReportKind kind = KindOf(options.report);
@@ -229,20 +364,12 @@ int RunDeclick(const DeclickOptions& options) {
         reportFile = std::make_unique<SafeOutput>(
             options.report, std::vector<SafeOutput::Input>{{options.input, reader.Identity()}}, options.out.force);
 
-    NOCLICK record;
-    dsp::noclick::SetDefaultParameter(&record);
-    record.channels = format.channels;
-    record.sampleRate = float(format.sampleRate);
-    record.threshold = options.threshold;
-    record.complexity = options.complexity;
-    dsp::noclick::AllocateArrays(&record);
-
+    const NOCLICK record = MakeRecord(options, format);
     std::vector<std::vector<Range>> ranges;
     {
         Progress progress(options.detectOnly ? "declick: detect" : "declick: 1/2 detect", header, format.sampleRate,
                           console.ShowsProgress());
-        const int tail = int(std::lround(kTailSeconds * format.sampleRate));
-        ranges = RepairList(FindAll(reader, record, frames, progress), tail, frames);
+        ranges = RepairList(FindAll(reader, record, frames, progress), TailFrames(format), frames);
     }
     if (output) {
         reader.Rewind();
@@ -326,7 +453,8 @@ Command AddDeclickCommand(CLI::App& kesta) {
     app->add_flag("--detect-only", options->detectOnly, "Find and report clicks; write no audio");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->reportOptions);
-    return {app, [options] { return RunDeclick(*options); }, nullptr};
+    return {app, [options] { return RunDeclick(*options); },
+            [options](const StageInput& in) { return MakeDeclickStage(*options, in); }};
 }
 
 }  // namespace kesta

@@ -121,34 +121,58 @@ std::string EncodeReport(const std::string& path, const std::vector<std::vector<
     return out.str();
 }
 
-// Both passes of the finder over the whole file.
-std::vector<std::vector<dsp::utils::Range>> FindClips(dsp::noclip::FindClipping& find, BlockReader& reader,
+// Both passes of the finder over `frames` frames of the audio `replay` streams (silence after its
+// end, where it is shorter: silence holds no clipping).
+std::vector<std::vector<dsp::utils::Range>> FindClips(const dsp::noclip::NOCLIPPING& record, const ReplayAudio& replay,
                                                       int64_t frames, Progress& progress) {
-    AudioBlock block = reader.MakeBlock();
-    const int channels = reader.Format().channels;
+    dsp::noclip::FindClipping find(&record);
+    const int channels = record.channels;
     std::vector<float*> pointers(static_cast<std::size_t>(channels));
+    const std::vector<float> silence(std::size_t(find.GetDesiredBlockSize()), 0.0f);
     find.SetSelection(0, frames);
     find.Start(nullptr);
     for (int pass = 0; pass < 2; ++pass) {
-        reader.Rewind();
         int64_t fed = 0;
-        while (fed < frames) {
-            if (!reader.Read(block)) {  // shorter than its header: silence holds no clipping
-                block.SetFrames(std::size_t(std::min<int64_t>(int64_t(block.Capacity()), frames - fed)));
-                for (int c = 0; c < channels; ++c)
-                    std::fill_n(block.Channel(c), block.Frames(), 0.0f);
-            }
-            for (int c = 0; c < channels; ++c)
-                pointers[std::size_t(c)] = block.Channel(c);
-            const int n = int(std::min<int64_t>(int64_t(block.Frames()), frames - fed));
+        auto analyze = [&](const std::function<const float*(int)>& channel, int64_t available) {
+            const int n = int(std::min<int64_t>(available, frames - fed));
+            if (n <= 0) return;
+            for (int c = 0; c < channels; ++c)  // the finder only reads the samples
+                pointers[std::size_t(c)] = const_cast<float*>(channel(c));
             find.Analyze(pointers.data(), channels, n);
             fed += n;
             progress.Advance(n);
-        }
+        };
+        replay([&](const AudioBlock& block) {
+            analyze([&](int c) { return block.Channel(c); }, int64_t(block.Frames()));
+        });
+        while (fed < frames)
+            analyze([&](int) { return silence.data(); }, int64_t(silence.size()));
         find.IsCompleted();  // closes the pass
     }
     find.Done();
     return find.GetParam()->foundClips;
+}
+
+dsp::noclip::NOCLIPPING MakeRecord(const DeclipOptions& options, const AudioFormat& format) {
+    dsp::noclip::NOCLIPPING record;
+    dsp::noclip::SetDefaultParameter(&record);
+    record.sampleRate = float(format.sampleRate);
+    record.channels = format.channels;
+    record.tolerancePercent = float(options.tolerance);
+    record.minRunLength = options.minRun;
+    record.gainDb = float(options.gainDb);
+    record.useLimiter = !options.noLimiter;
+    dsp::noclip::AllocateArrays(&record);
+    return record;
+}
+
+void CheckInput(const std::string& path, const AudioFormat& format, bool readsAgain) {
+    if (format.channels > kMaxChannels)
+        throw InputError("cannot repair " + Quoted(path), "it has " + std::to_string(format.channels) + " channels",
+                         "kesta declip handles up to 32 channels");
+    if (!readsAgain)
+        throw InputError("cannot repair " + Quoted(path), "it cannot be read more than once",
+                         "save it to a file first");
 }
 
 class RepairStage : public Stage {
@@ -174,13 +198,7 @@ int RunDeclip(const DeclipOptions& options) {
 
     BlockReader reader(options.input);
     const AudioFormat& format = reader.Format();
-    if (format.channels > kMaxChannels)
-        throw InputError("cannot repair " + Quoted(options.input),
-                         "it has " + std::to_string(format.channels) + " channels",
-                         "kesta declip handles up to 32 channels");
-    if (!reader.Seekable() || !reader.HeaderFrames())
-        throw InputError("cannot repair " + Quoted(options.input), "it cannot be read more than once",
-                         "save it to a file first");
+    CheckInput(options.input, format, reader.Seekable() && reader.HeaderFrames());
     const int64_t frames = *reader.HeaderFrames();
 
     std::vector<SafeOutput::Input> inputs = {{options.input, reader.Identity()}};
@@ -188,21 +206,17 @@ int RunDeclip(const DeclipOptions& options) {
     if (!options.report.empty()) reportOutput = std::make_unique<SafeOutput>(options.report, inputs, options.out.force);
     AudioOutput output(options.output, reader, inputs, options.out);
 
-    dsp::noclip::NOCLIPPING record;
-    dsp::noclip::SetDefaultParameter(&record);
-    record.sampleRate = float(format.sampleRate);
-    record.channels = format.channels;
-    record.tolerancePercent = float(options.tolerance);
-    record.minRunLength = options.minRun;
-    record.gainDb = float(options.gainDb);
-    record.useLimiter = !options.noLimiter;
-    dsp::noclip::AllocateArrays(&record);
-
+    dsp::noclip::NOCLIPPING record = MakeRecord(options, format);
     const Stopwatch findClock;
     {
-        dsp::noclip::FindClipping find(&record);
         Progress progress("finding clipping", 2 * frames, format.sampleRate, console.ShowsProgress());
-        record.repairClips = FindClips(find, reader, frames, progress);
+        const ReplayAudio file = [&reader](const std::function<void(const AudioBlock&)>& sink) {
+            reader.Rewind();
+            AudioBlock block = reader.MakeBlock();
+            while (reader.Read(block))
+                sink(block);
+        };
+        record.repairClips = FindClips(record, file, frames, progress);
     }
     const double findSeconds = findClock.Seconds();
 
@@ -309,7 +323,19 @@ Command AddDeclipCommand(CLI::App& kesta) {
         ->type_name("FILE");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->console);
-    return {app, [options] { return RunDeclip(*options); }};
+    return {app, [options] { return RunDeclip(*options); },
+            [options](const StageInput& in) -> std::unique_ptr<Stage> {
+                CheckSettings(*options);
+                if (!options->report.empty())
+                    throw UsageError("a declip step does not list its stretches", "",
+                                     "run 'kesta declip --report FILE' on its own for the list");
+                CheckInput(in.path, in.format, in.frames && in.replay);
+                dsp::noclip::NOCLIPPING record = MakeRecord(*options, in.format);
+                Progress progress("declip: finding clipping", 2 * *in.frames, in.format.sampleRate,
+                                  in.console.ShowsProgress());
+                record.repairClips = FindClips(record, in.replay, *in.frames, progress);
+                return std::make_unique<RepairStage>(record, *in.frames);
+            }};
 }
 
 }  // namespace kesta

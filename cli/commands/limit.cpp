@@ -81,20 +81,28 @@ private:
     dsp::HardLimit mLimiter;
 };
 
-int RunLimit(const LimitOptions& options) {
+void CheckSettings(const LimitOptions& options) {
     CheckRange("--ceiling", options.ceilingDb, -100.0, 0.0, "dB");
     CheckRange("--gain", options.gainDb, -100.0, 50.0, "dB");
     CheckRange("--lookahead", options.lookaheadMs, 5.0, 20.0, "ms");
     CheckRange("--release", options.releaseMs, 40.0, 200.0, "ms");
+}
+
+void CheckRate(const std::string& input, const AudioFormat& format) {
+    if (format.sampleRate < 100)
+        throw InputError("cannot limit " + Quoted(input),
+                         "its sample rate of " + std::to_string(format.sampleRate) + " Hz is too low",
+                         "the limiter needs at least 100 Hz");
+}
+
+int RunLimit(const LimitOptions& options) {
+    CheckSettings(options);
     const Stopwatch clock;
     Console console(options.report);
 
     BlockReader reader(options.input);
     const AudioFormat& format = reader.Format();
-    if (format.sampleRate < 100)
-        throw InputError("cannot limit " + Quoted(options.input),
-                         "its sample rate of " + std::to_string(format.sampleRate) + " Hz is too low",
-                         "the limiter needs at least 100 Hz");
+    CheckRate(options.input, format);
     AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out);
     LimitStage stage(options, format.channels, format.sampleRate);
     {
@@ -155,7 +163,12 @@ Command AddLimitCommand(CLI::App& kesta) {
     app->add_flag("--unlink", options->unlink, "Limit each channel on its own");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->report);
-    return {app, [options] { return RunLimit(*options); }};
+    return {app, [options] { return RunLimit(*options); },
+            [options](const StageInput& in) -> std::unique_ptr<Stage> {
+                CheckSettings(*options);
+                CheckRate(in.path, in.format);
+                return std::make_unique<LimitStage>(*options, in.format.channels, in.format.sampleRate);
+            }};
 }
 
 }  // namespace kesta

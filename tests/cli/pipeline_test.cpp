@@ -2,6 +2,7 @@
 // the files of its command run file by file, whatever the number of workers; failures reported per
 // file, the others still written with --keep-going.
 
+#include <algorithm>
 #include <filesystem>
 
 #include "cli_test.h"
@@ -29,6 +30,43 @@ TEST_F(PipelineTest, AChainEqualsItsCommandsRunOneAfterAnother) {
     EXPECT_EQ(report["output"]["frames"].number, double(expected.Frames()));
 }
 
+TEST_F(PipelineTest, RepairStepsEqualTheirCommandsRunOneAfterAnother) {
+    // Two tones over noise, clipped, with clicks throughout (the first and last near the ends):
+    // declip needs the levels of all it hears before its pass, declick finds and repairs in its one
+    // pass, and a click the streaming detection misses or takes too late shows as a difference.
+    Audio in;
+    in.format = kFloatWav;
+    in.rate = 44100;
+    uint32_t state = 99;
+    auto next = [&state] {
+        state = state * 1664525u + 1013904223u;
+        return double(state >> 8) / double(1u << 24);
+    };
+    for (int c = 0; c < 2; ++c) {
+        std::vector<double> x = Sine(3 * 44100 + 777, 44100, 150.0 + 40 * c, 0.6, 0.0, 0);
+        const std::vector<double> high = Sine(x.size(), 44100, 1234.0, 0.2, 0.0, 0);
+        for (std::size_t n = 0; n < x.size(); ++n)
+            x[n] += high[n] + 0.003 * (next() - 0.5);
+        for (int k = 0; k < 30; ++k) {
+            const std::size_t at = k == 0 ? 300 : k == 29 ? x.size() - 40 : std::size_t(next() * double(x.size() - 40));
+            for (int i = 0; i < 1 + k % 6; ++i)
+                x[at + std::size_t(i)] += (i % 2 ? -0.25 : 0.3) * (1.0 + next());
+        }
+        for (double& v : x)
+            v = double(float(std::clamp(v, -0.7, 0.7)));
+        in.channels.push_back(x);
+    }
+    WriteAudio(dir / "in.wav", in);
+    Ok({"declip", P("in.wav"), P("t1.wav"), "-q", "--float", "--gain", "-3"});
+    const JsonValue declick = Report({"declick", P("t1.wav"), P("t2.wav"), "--float"});
+    EXPECT_GT(declick["channels"][0]["clicks"].number + declick["channels"][1]["clicks"].number, 40.0);
+    Ok({"limit", P("t2.wav"), P("one-by-one.wav"), "-q", "--float", "--gain", "6"});
+    Ok({"chain", P("in.wav"), P("chained.wav"), "-q", "--float", "declip:gain=-3", "declick", "limit:gain=6"});
+    const Audio chained = ReadAudio(dir / "chained.wav"), expected = ReadAudio(dir / "one-by-one.wav");
+    ASSERT_EQ(chained.Frames(), in.Frames());
+    EXPECT_EQ(LargestDifference(chained, expected), 0.0);
+}
+
 TEST_F(PipelineTest, ChainStepsAreCheckedBeforeAnyFileIsWritten) {
     WriteAudio(dir / "in.wav", MakeNoisyTake(kFloatWav, 2.0, 1.0).noisy);
     ExpectRefusals("chain", {
@@ -37,6 +75,9 @@ TEST_F(PipelineTest, ChainStepsAreCheckedBeforeAnyFileIsWritten) {
                                 {{"gain:gian=1"}, 2, {"gain:gian=1"}},
                                 {{"eq:band=3000:1:-3", "denoise:noise=0:0.5"}, 2, {"first step"}},
                                 {{"denoise:noise=0:0.5,save-print=p.knp"}, 2, {"save"}},
+                                {{"declick:report=c.csv"}, 2, {"list"}},
+                                {{"declip:tolerance=0"}, 2, {"--tolerance"}},
+                                {{"limit:ceiling=3"}, 2, {"--ceiling"}},
                             });
 }
 
