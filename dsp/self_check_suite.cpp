@@ -19,6 +19,7 @@ std::unique_ptr<CheckSuite> CreateLibrarySuite() {
     AddResampleChecks(*suite);
     AddStereoExpanderChecks(*suite);
     AddGeneratorChecks(*suite);
+    AddLoudnessChecks(*suite);
     return suite;
 }
 

@@ -20,5 +20,6 @@ void AddNoClickChecks(CheckSuite& suite);
 void AddResampleChecks(CheckSuite& suite);
 void AddStereoExpanderChecks(CheckSuite& suite);
 void AddGeneratorChecks(CheckSuite& suite);
+void AddLoudnessChecks(CheckSuite& suite);
 
 }  // namespace dsp::checks
