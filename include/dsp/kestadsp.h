@@ -15,6 +15,7 @@
 #include "dsp/graphic.h"
 #include "dsp/hard_limit.h"
 #include "dsp/initializer.h"
+#include "dsp/levels.h"
 #include "dsp/loudness.h"
 #include "dsp/noclick.h"
 #include "dsp/noclip.h"
