@@ -70,5 +70,7 @@ Command AddWidenCommand(CLI::App& kesta);
 Command AddResampleCommand(CLI::App& kesta);
 Command AddGenerateCommand(CLI::App& kesta);
 Command AddChainCommand(CLI::App& kesta);
+Command AddAnalyzeCommand(CLI::App& kesta);
+Command AddNormalizeCommand(CLI::App& kesta);
 
 }  // namespace kesta

@@ -106,10 +106,10 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
     const std::vector<Command> commands = {
-        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),  AddGainCommand(kesta),  AddDenoiseCommand(kesta),
-        AddDehissCommand(kesta),    AddEqCommand(kesta),    AddGeqCommand(kesta),   AddDeclickCommand(kesta),
-        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddWidenCommand(kesta), AddResampleCommand(kesta),
-        AddGenerateCommand(kesta),  AddChainCommand(kesta)};
+        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),  AddGainCommand(kesta),    AddDenoiseCommand(kesta),
+        AddDehissCommand(kesta),    AddEqCommand(kesta),    AddGeqCommand(kesta),     AddDeclickCommand(kesta),
+        AddDeclipCommand(kesta),    AddLimitCommand(kesta), AddWidenCommand(kesta),   AddResampleCommand(kesta),
+        AddGenerateCommand(kesta),  AddChainCommand(kesta), AddAnalyzeCommand(kesta), AddNormalizeCommand(kesta)};
     for (const Command& command : commands)
         command.app->group("Commands");
 
