@@ -77,13 +77,9 @@ FileAnalysis Analyze(const std::string& path, Console& console) {
         throw InputError("cannot analyse " + Quoted(path), std::to_string(format.channels) + " channels",
                          "kesta analyze reads files of up to 32 channels");
     LoudnessMeters meters(format.channels, format.sampleRate, true, reader.HeaderFrames().value_or(0));
-    AudioBlock block = reader.MakeBlock();
     {
         Progress progress("analyze", reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-        while (reader.Read(block)) {
-            meters.Add(block);
-            progress.Advance(int64_t(block.Frames()));
-        }
+        StreamToSink(reader, {}, progress, [&](const AudioBlock& block, int64_t) { meters.Add(block); });
     }
     meters.Finish();
     if (auto mismatch = reader.LengthWarning()) console.Warn(*mismatch);

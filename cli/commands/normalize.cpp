@@ -97,47 +97,6 @@ private:
     dsp::HardLimit mLimiter;
 };
 
-// The stream of StreamStages without an output: every stage hears its input aligned (its latency
-// dropped from its output, silence fed after the input), and `sink` sees what leaves the last.
-int64_t StreamToMeters(BlockReader& reader, const std::vector<Stage*>& stages, Progress& progress,
-                       const WatchBlock& sink) {
-    const int channels = reader.Format().channels;
-    AudioBlock block = reader.MakeBlock();
-    std::vector<float*> pointers;
-    for (int c = 0; c < channels; ++c)
-        pointers.push_back(block.Channel(c));
-    std::vector<int64_t> toDrop;
-    for (const Stage* stage : stages)
-        toDrop.push_back(stage->Latency());
-    int64_t position = 0;
-    auto runFrom = [&](std::size_t first, std::size_t frames) {
-        for (std::size_t k = first; k < stages.size() && frames > 0; ++k) {
-            stages[k]->Process(pointers.data(), channels, int(frames));
-            const std::size_t drop = std::size_t(std::min<int64_t>(toDrop[k], int64_t(frames)));
-            toDrop[k] -= int64_t(drop);
-            for (int c = 0; c < channels && drop > 0; ++c)
-                std::copy(block.Channel(c) + drop, block.Channel(c) + frames, block.Channel(c));
-            frames -= drop;
-        }
-        block.SetFrames(frames);
-        if (frames > 0) sink(block, position);
-        position += int64_t(frames);
-    };
-    while (reader.Read(block)) {
-        progress.Advance(int64_t(block.Frames()));
-        runFrom(0, block.Frames());
-    }
-    for (std::size_t k = 0; k < stages.size(); ++k)
-        for (int64_t zeros = stages[k]->Latency(); zeros > 0;) {
-            const std::size_t frames = std::size_t(std::min<int64_t>(zeros, int64_t(block.Capacity())));
-            for (int c = 0; c < channels; ++c)
-                std::fill_n(block.Channel(c), frames, 0.0f);
-            runFrom(k, frames);
-            zeros -= int64_t(frames);
-        }
-    return position;
-}
-
 // The gain, and the limiter's sample ceiling when one is needed.
 struct Plan {
     double gainDb = 0.0;
@@ -169,7 +128,7 @@ Measured MeasureThrough(BlockReader& reader, const Plan& plan, Progress& progres
     LoudnessMeters meters(format.channels, format.sampleRate);
     Measured measured;
     measured.frames =
-        StreamToMeters(reader, stages.list, progress, [&](const AudioBlock& block, int64_t) { meters.Add(block); });
+        StreamToSink(reader, stages.list, progress, [&](const AudioBlock& block, int64_t) { meters.Add(block); });
     measured.figures = meters.Figures();
     return measured;
 }
