@@ -72,5 +72,8 @@ Command AddGenerateCommand(CLI::App& kesta);
 Command AddChainCommand(CLI::App& kesta);
 Command AddAnalyzeCommand(CLI::App& kesta);
 Command AddNormalizeCommand(CLI::App& kesta);
+// Built when cairo is found (KESTA_PICTURES).
+Command AddSpectrogramCommand(CLI::App& kesta);
+Command AddWaveformCommand(CLI::App& kesta);
 
 }  // namespace kesta
