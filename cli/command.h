@@ -72,6 +72,13 @@ Command AddGenerateCommand(CLI::App& kesta);
 Command AddChainCommand(CLI::App& kesta);
 Command AddAnalyzeCommand(CLI::App& kesta);
 Command AddNormalizeCommand(CLI::App& kesta);
+Command AddDemoCommand(CLI::App& kesta);
+
+// Whether `kesta chain` has a step of this name, and a step's processor made from its text
+// ("declick:threshold=40") as the chain makes it.
+bool IsChainStep(const std::string& name);
+std::unique_ptr<Stage> MakeChainStage(const std::string& text, const StageInput& in);
+
 // Built when cairo is found (KESTA_PICTURES).
 Command AddSpectrogramCommand(CLI::App& kesta);
 Command AddWaveformCommand(CLI::App& kesta);

@@ -241,6 +241,32 @@ int RunChain(const ChainOptions& options) {
 
 }  // namespace
 
+bool IsChainStep(const std::string& name) {
+    for (const StepKind& kind : kSteps)
+        if (name == kind.name) return true;
+    return false;
+}
+
+std::unique_ptr<Stage> MakeChainStage(const std::string& text, const StageInput& in) {
+    // The stage keeps the parsed command (whose settings it may read) alive with it.
+    class Owning : public Stage {
+    public:
+        Owning(ParsedStep step, const StageInput& in) : mStep(std::move(step)), mStage(mStep.command.stage(in)) {}
+        int64_t Latency() const override { return mStage->Latency(); }
+        void Process(float** channels, int channelCount, int frames) override {
+            mStage->Process(channels, channelCount, frames);
+        }
+
+    private:
+        ParsedStep mStep;
+        std::unique_ptr<Stage> mStage;
+    };
+    ChainOptions options;
+    options.input = in.path;
+    options.output = "-";
+    return std::make_unique<Owning>(ParseStep(text, options), in);
+}
+
 Command AddChainCommand(CLI::App& kesta) {
     auto options = std::make_shared<ChainOptions>();
     CLI::App* app = kesta.add_subcommand("chain", "Run several processors one after another in one pass");
