@@ -31,7 +31,8 @@ TEST_F(DemoTest, SameReportEveryRunAndOtherFilesKept) {
     const JsonValue first = ParseJson(ReadBytes(dir / "one" / "report.json"));
     const JsonValue second = Report({"demo", P("two"), "-q"});
     EXPECT_TRUE(Same(Comparable(first), Comparable(second)));
-    EXPECT_EQ(ReadBytes(dir / "one" / "restored.wav"), ReadBytes(dir / "two" / "restored.wav"));
+    // Samples, not bytes: a float file's peak chunk holds the time it was written.
+    EXPECT_EQ(ReadAudio(dir / "one" / "restored.wav").channels, ReadAudio(dir / "two" / "restored.wav").channels);
     for (const JsonValue& file : first["files"].array)
         EXPECT_TRUE(std::filesystem::exists(dir / "one" / file.string)) << file.string;
     // The table names every stage, and the damage the recording was given.
