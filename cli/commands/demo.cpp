@@ -23,6 +23,7 @@
 #include "pipeline/console.h"
 #include "pipeline/job.h"
 #include "pipeline/json_writer.h"
+#include "pipeline/progress.h"
 #include "pipeline/text_table.h"
 #include "pipeline/units.h"
 #ifdef KESTA_PICTURES
@@ -129,7 +130,14 @@ void RunStep(const Step& step, const std::string& in, const std::string& out, Co
     options.force = true;
     options.floatSamples = true;
     AudioOutput output(out, reader, {{in, reader.Identity()}}, options);
-    const std::unique_ptr<Stage> stage = MakeChainStage(step.text, StageInput{in, reader.Format(), true, console});
+    // A step that analyses all it will hear first (declip) reads the file again through this.
+    const ReplayAudio replay = [&in](const std::function<void(const AudioBlock&)>& sink) {
+        BlockReader again(in);
+        Progress unseen("", again.HeaderFrames(), again.Format().sampleRate, false);
+        StreamToSink(again, {}, unseen, [&sink](const AudioBlock& block, int64_t) { sink(block); });
+    };
+    const std::unique_ptr<Stage> stage =
+        MakeChainStage(step.text, StageInput{in, reader.Format(), true, console, reader.HeaderFrames(), replay});
     Progress progress(step.name, reader.HeaderFrames(), reader.Format().sampleRate, console.ShowsProgress());
     StreamStages(reader, output, {stage.get()}, progress);
     output.Commit();
