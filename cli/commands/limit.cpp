@@ -124,16 +124,7 @@ int RunLimit(const LimitOptions& options) {
         json.Key("release_ms").Number(options.releaseMs);
         json.Key("linked").Bool(!options.unlink);
         json.EndObject();
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, reader.FramesRead());
-        json.EndObject();
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        WriteRealTimeFactor(json, reader.FramesRead(), format.sampleRate, seconds);
-        json.Key("seconds").Number(seconds);
+        WriteStreamFields(json, options.input, format, reader.FramesRead(), output, console.Warnings(), seconds);
         json.EndObject();
     } else if (console.ShowsText()) {
         std::cout << output.Summary() << ", gain " << FormatDb(options.gainDb, 1, true) << " dB, ceiling "

@@ -151,16 +151,7 @@ int RunResample(const ResampleOptions& options) {
         json.Key("quality").String(options.quality);
         json.Key("filter_order").Int(stage->Order());
         json.EndObject();
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, reader.FramesRead());
-        json.EndObject();
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        WriteRealTimeFactor(json, reader.FramesRead(), format.sampleRate, seconds);
-        json.Key("seconds").Number(seconds);
+        WriteStreamFields(json, options.input, format, reader.FramesRead(), output, console.Warnings(), seconds);
         json.EndObject();
     } else if (console.ShowsText()) {
         std::cout << output.Summary() << ", from " << format.sampleRate << " Hz, " << options.quality << " quality ("

@@ -112,16 +112,7 @@ int RunWiden(const WidenOptions& options) {
         json.Key("width_percent").Number(options.width);
         json.Key("center_percent").Number(options.center);
         json.EndObject();
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, reader.FramesRead());
-        json.EndObject();
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        WriteRealTimeFactor(json, reader.FramesRead(), format.sampleRate, seconds);
-        json.Key("seconds").Number(seconds);
+        WriteStreamFields(json, options.input, format, reader.FramesRead(), output, console.Warnings(), seconds);
         json.EndObject();
     } else if (console.ShowsText()) {
         std::cout << output.Summary() << ", width " << Percent(options.width) << " %, centre "
