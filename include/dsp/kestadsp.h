@@ -27,6 +27,7 @@
 #include "dsp/resample.h"
 #include "dsp/ring_buffer.h"
 #include "dsp/second_order_iir_filter.h"
+#include "dsp/silence.h"
 #include "dsp/spectrum_packing.h"
 #include "dsp/stereo_expander.h"
 #include "dsp/version.h"

@@ -31,6 +31,7 @@
 #include "dsp/parametric.h"
 #include "dsp/resample.h"
 #include "dsp/second_order_iir_filter.h"
+#include "dsp/silence.h"
 #include "dsp/stereo_expander.h"
 #include "dsp/white_noise.h"
 #include "restoration/restoration_setup.h"
@@ -642,10 +643,83 @@ Row RepairClippingRow() {
     return row;
 }
 
+// The analyzer's output, frame for frame with its input: the length of each range it closes at the
+// frame that closes it (the first louder one), 0 elsewhere.
+Row FindSilenceRow() {
+    using dsp::nosilence::FindSilence;
+    Row row{"FindSilence",
+            true,
+            {{"threshold", -100.0f, 0.0f},
+             {"hysteresis", 0.0f, 20.0f},
+             {"minimum", 0.0f, 0.5f},
+             {"hold", 0.0f, 0.1f},
+             {"linked", 0.0f, 1.0f}},
+            nullptr};
+    row.make = [](int rate, int knob, float value) {
+        dsp::nosilence::NOSILENCE settings;
+        // Loud enough that the programme's zero crossings and the hostile signal's silence count.
+        settings.thresholdDb = -12.0;
+        settings.minimumSeconds = 0.0005;
+        settings.holdSeconds = 0.0002;
+        settings.linked = false;
+        double* fields[] = {&settings.thresholdDb, &settings.hysteresisDb, &settings.minimumSeconds,
+                            &settings.holdSeconds};
+        if (knob >= 0 && knob < 4) *fields[knob] = value;
+        if (knob == 4) settings.linked = value >= 0.5f;
+        struct Finder {
+            FindSilence find;
+            long long position = 0;
+            std::size_t reported[kChannels] = {};
+        };
+        auto s = std::make_unique<Held<Finder>>(
+            Ops<Finder>{[](Finder& f, float** in, float** out, int n) {
+                            f.find.Analyze(in, kChannels, n);
+                            for (int c = 0; c < kChannels; ++c) {
+                                std::fill_n(out[c], n, 0.0f);
+                                const auto& ranges = f.find.GetRanges(c);
+                                for (; f.reported[c] < ranges.size(); ++f.reported[c]) {
+                                    const dsp::utils::Range& r = ranges[f.reported[c]];
+                                    out[c][r.start + r.length - f.position] = static_cast<float>(r.length);
+                                }
+                            }
+                            f.position += n;
+                            return n;
+                        },
+                        [](const Finder&) { return 0; }},
+            Finder{FindSilence(settings, rate, kChannels)});
+        s->object().find.SetSelection(0, 1 << 24);
+        s->object().find.Start(nullptr);
+        return s;
+    };
+    return row;
+}
+
+Row DeleteSilenceRow() {
+    using dsp::nosilence::DeleteSilence;
+    Row row{"DeleteSilence", false, {{"fade", 0.0f, 4096.0f}}, nullptr};
+    row.make = [](int, int knob, float value) {
+        const int fade = knob == 0 ? static_cast<int>(value) : 300;
+        // From the start, apart and close together, shorter than the fade, and out past the input.
+        const std::vector<dsp::utils::Range> ranges = {{0, 700, 0},     {2000, 1500, 0}, {3600, 50, 0},
+                                                       {3700, 2000, 0}, {7000, 90, 0},   {8100, 1 << 20, 0}};
+        auto s = std::make_unique<Held<DeleteSilence>>(
+            Ops<DeleteSilence>{[](DeleteSilence& p, float** in, float** out, int n) {
+                                   p.Process(in, out, kChannels, n);
+                                   return p.GetLastOutputFrames();
+                               },
+                               [](const DeleteSilence&) { return 0; }},
+            ranges, 0, 1 << 22, fade, kChannels);
+        s->object().Start();
+        return s;
+    };
+    return row;
+}
+
 std::vector<Row> Table() {
     return {HardLimitRow(),      StereoExpanderRow(), ParametricRow(),    GraphicRow(),        DeskFilterRow(),
             SecondOrderIIRRow(), ConvolverRow(),      ResampleRow(),      LinearResampleRow(), WhiteNoiseRow(),
-            NoNoiseRow(),        NoHissRow(),         AdaptiveNoiseRow(), ReplaceClicksRow(),  RepairClippingRow()};
+            NoNoiseRow(),        NoHissRow(),         AdaptiveNoiseRow(), ReplaceClicksRow(),  RepairClippingRow(),
+            FindSilenceRow(),    DeleteSilenceRow()};
 }
 
 void PrintTo(const Row& row, std::ostream* out) {
