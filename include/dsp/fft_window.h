@@ -41,21 +41,7 @@ inline constexpr unsigned int kWindowMultiply = 0x4000;
 
 KESTADSP_API bool GetFFTWindow(void* out, int length, double fraction, unsigned int flags, double attenuation);
 
-class KESTADSP_API FrequencyAnalysisWorker {
-public:
-    enum FFTWindowType {
-        Triangular = 0,
-        Hann = 1,
-        Hamming = 2,
-        Blackman = 3,
-        Welch = 4,
-        BlackmanHarris = 5,
-        Kaiser140 = 6,
-        Kaiser180 = 7,
-    };
-    // flags := 0x2100 | type and offset := the shape's level offset; types 8 and above give
-    // 0x2100 and the triangular offset.
-    static void GetFlagsAndOffsetFromWindowType(int type, unsigned int& flags, double& offset);
-};
-
 }  // namespace dsp
+
+// The frequency-analysis worker, whose window types map onto these shapes.
+#include "dsp/frequency_analysis.h"

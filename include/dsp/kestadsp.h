@@ -12,6 +12,7 @@
 #include "dsp/fft_convolver.h"
 #include "dsp/fft_window.h"
 #include "dsp/filter_section.h"
+#include "dsp/frequency_analysis.h"
 #include "dsp/graphic.h"
 #include "dsp/hard_limit.h"
 #include "dsp/initializer.h"
