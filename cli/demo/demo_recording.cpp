@@ -77,13 +77,19 @@ void Normalise(std::vector<double>& x, double peak) {
 
 // Notes of a melody and a bass line from `start` for `seconds`, each with harmonics falling
 // 1/k^1.3, vibrato that sets in after the attack, a quick attack, a decay to a sustain level and a
-// release.
+// release. Each harmonic starts at a phase of its own: an instrument's partials are not locked in
+// sine phase, and a room scatters them further; locked, they would add up to a sawtooth's cliff
+// in every period, a drop of the note's whole swing within a few samples that no microphone
+// delivers.
 std::vector<double> Music(Random& random, double rate, int64_t frames, double start, double seconds) {
     std::vector<double> out(static_cast<std::size_t>(frames), 0.0);
     const int scale[] = {0, 3, 5, 7, 10, 12, 15};  // minor pentatonic over an octave and a bit
     const auto note = [&](double at, double length, double hz, double level, double brightness) {
         const int64_t first = int64_t(at * rate), count = int64_t((length + 0.08) * rate);
         const double vibratoHz = random.Between(4.8, 6.2), phase0 = random.Between(0.0, 2.0 * kPi);
+        double partialPhase[13];
+        for (double& p : partialPhase)
+            p = random.Between(0.0, 2.0 * kPi);
         double phase = 0.0;
         for (int64_t i = 0; i < count && first + i < frames; ++i) {
             const double t = i / rate;
@@ -93,7 +99,7 @@ std::vector<double> Music(Random& random, double rate, int64_t frames, double st
             if (t > length) envelope *= std::exp(-(t - length) / 0.02);
             double sum = 0.0;
             for (int k = 1; k <= 12 && k * hz < rate * 0.45; ++k)
-                sum += std::sin(k * phase) / std::pow(double(k), brightness);
+                sum += std::sin(k * phase + partialPhase[k]) / std::pow(double(k), brightness);
             out[std::size_t(first + i)] += level * envelope * sum;
         }
     };
@@ -109,9 +115,23 @@ std::vector<double> Music(Random& random, double rate, int64_t frames, double st
     return out;
 }
 
-// Words of two or three syllables: a voiced part (a pulse train with a falling pitch through three
+// The glottal flow at a point of the period (0 to 1): a raised-cosine opening over 40 % of the
+// period, a quarter-cosine closing over the next 16 %, shut after.
+double GlottalFlow(double phase) {
+    constexpr double open = 0.40, closing = 0.16;
+    if (phase < open) return 0.5 * (1.0 - std::cos(kPi * phase / open));
+    if (phase < open + closing) return std::cos(0.5 * kPi * (phase - open) / closing);
+    return 0.0;
+}
+
+// Words of two or three syllables: a voiced part (glottal pulses at a falling pitch through three
 // formant resonances), some with an unvoiced onset (filtered noise), band-limited to 200 Hz to
 // 3.6 kHz; pauses between the words.
+//
+// A glottal pulse is the airflow through the vocal folds over one period: it swells while they
+// open (40 % of the period), falls faster as they close (16 %) and stays at nothing while they are
+// shut. What a microphone hears is the flow's rate of change (the lips radiate its derivative),
+// sharpest at the closure; that drives the resonances.
 std::vector<double> Speech(Random& random, double rate, int64_t frames, double start, double seconds,
                            std::vector<Stretch>& pauses) {
     struct Vowel {
@@ -131,7 +151,7 @@ std::vector<double> Speech(Random& random, double rate, int64_t frames, double s
             Resonator r1(v.f1, 90, rate), r2(v.f2, 110, rate), r3(v.f3, 150, rate);
             Biquad hiss = Biquad::Pass(2500.0, rate, true);
             const int64_t unvoiced = random.Uniform() < 0.5 ? int64_t(random.Between(0.03, 0.06) * rate) : 0;
-            double phase = 0.0;
+            double phase = 0.0, flow = 0.0;
             for (int64_t i = 0; i < count + unvoiced && first + i < frames; ++i) {
                 double x = 0.0;
                 if (i < unvoiced) {
@@ -140,10 +160,11 @@ std::vector<double> Speech(Random& random, double rate, int64_t frames, double s
                     const double u = double(i - unvoiced) / double(count);
                     const double hz = pitch * (1.0 - 0.2 * (s + u) / syllables);
                     phase += hz / rate;
-                    const double pulse = phase >= 1.0 ? 1.0 : 0.0;
                     if (phase >= 1.0) phase -= 1.0;
+                    const double opened = GlottalFlow(phase), change = opened - flow;
+                    flow = opened;
                     const double envelope = std::sin(kPi * std::min(1.0, u * 1.1));
-                    x = envelope * r3(r2(r1(pulse * 40.0)));
+                    x = envelope * r3(r2(r1(change * 40.0)));
                 }
                 out[std::size_t(first + i)] += x;
             }
@@ -160,14 +181,14 @@ std::vector<double> Speech(Random& random, double rate, int64_t frames, double s
     return out;
 }
 
-// Runs of at least `shortest` samples at or beyond `level` in magnitude.
-void FindRuns(const std::vector<float>& x, float level, int channel, int shortest, std::vector<InsertedClick>& runs) {
+// Clamps x to +-level and lists the runs of samples the clamp changed (a run is one sign).
+void Clip(std::vector<float>& x, float level, int channel, std::vector<InsertedClick>& runs) {
     for (std::size_t i = 0; i < x.size();) {
         std::size_t j = i;
-        while (j < x.size() && std::fabs(x[j]) >= level)
-            ++j;
-        if (int(j - i) >= shortest) runs.push_back({channel, int64_t(i), int(j - i)});
-        i = j + 1;
+        while (j < x.size() && std::fabs(x[j]) > level && (j == i || (x[j] > 0.0f) == (x[i] > 0.0f)))
+            x[j] = std::clamp(x[j], -level, level), ++j;
+        if (j > i) runs.push_back({channel, int64_t(i), int(j - i)});
+        i = std::max(j, i + 1);
     }
 }
 
@@ -243,11 +264,8 @@ DemoRecording MakeDemoRecording(uint64_t seed) {
 
     // Clipping, as a converter driven too hot: the loudest peaks flattened.
     r.clipLevel = 0.72;
-    for (int c = 0; c < 2; ++c) {
-        for (float& x : r.damaged[std::size_t(c)])
-            x = std::clamp(x, -float(r.clipLevel), float(r.clipLevel));
-        FindRuns(r.damaged[std::size_t(c)], float(r.clipLevel), c, 3, r.clippedRuns);
-    }
+    for (int c = 0; c < 2; ++c)
+        Clip(r.damaged[std::size_t(c)], float(r.clipLevel), c, r.clippedRuns);
     std::sort(r.clippedRuns.begin(), r.clippedRuns.end(), byStart);
     return r;
 }

@@ -24,7 +24,7 @@ struct DemoRecording {
     std::vector<std::vector<float>> clean, damaged;  // per channel
     std::vector<InsertedClick> clicks;               // the loud ones
     std::vector<InsertedClick> crackle;              // the many faint ones
-    std::vector<InsertedClick> clippedRuns;          // runs of 3 or more samples at the clip level
+    std::vector<InsertedClick> clippedRuns;          // every run of samples the clipping flattened
     std::vector<Stretch> noiseOnly;                  // nothing but the damage
     std::vector<Stretch> pauses;                     // between the spoken words
     double noiseDbfs = 0.0, hissDbfs = 0.0, clipLevel = 0.0;

@@ -40,6 +40,19 @@ TEST_F(DemoTest, SameReportEveryRunAndOtherFilesKept) {
         EXPECT_NE(text.out.find(stage["stage"].string), std::string::npos) << stage["stage"].string;
     EXPECT_NE(text.out.find(std::to_string(int(first["damage"]["clicks"].number)) + " clicks"), std::string::npos);
 
+    // Each step that has damage of its own to repair brings the recording nearer the clean
+    // programme; the limiter, with nothing over its ceiling, leaves it where it was.
+    const auto& stages = first["stages"].array;
+    ASSERT_EQ(stages.size(), 5u);
+    for (std::size_t k = 1; k < stages.size(); ++k) {
+        const std::string& name = stages[k]["stage"].string;
+        const double before = stages[k - 1]["snr_db"].number, after = stages[k]["snr_db"].number;
+        if (name == "limit")
+            EXPECT_NEAR(after, before, 0.01);
+        else
+            EXPECT_GT(after, before) << name;
+    }
+
     // A demo run again over its own directory replaces its files; another seed another recording.
     EXPECT_FALSE(Same(Comparable(Report({"demo", P("one"), "--seed", "2"})), Comparable(first)));
 
