@@ -23,9 +23,14 @@ const ResampleKernels& ResampleKernelsFor(Isa isa) {
 
 namespace {
 
-// Rows of input a chunk holds beside the carried history, in strides (at least 1024 samples).
+// Rows of input a chunk holds beside the carried history, in strides (at least 4096 samples): the
+// longer the chunk, the more outputs share each row while it is in the first-level cache.
 constexpr int kChunkStrides = 4;
-constexpr int kMinChunk = 1024;
+constexpr int kMinChunk = 4096;
+// Stop-band floors up to this many dB run the single-precision copy of the table: its rounding
+// and the float sums lie below about -145 dB, under such a floor and under the float output's
+// own rounding. Deeper floors keep every product and sum in double.
+constexpr double kSingleFloorLimit = 140.0;
 // Zeros kept after the held input: the last window reads up to stride - order (< 8) samples past
 // its newest tap, against zero coefficients.
 constexpr int kTailZeros = 8;
@@ -39,6 +44,15 @@ double BesselI0(double z) {
         sum += term * term;
     }
     return sum;
+}
+
+// A 64-byte aligned copy of `count` values at `from` (null stays null).
+template <typename T>
+T* CopyAligned(const T* from, std::size_t count) {
+    if (from == nullptr) return nullptr;
+    T* to = detail::AllocateAlignedArrayUninitialised<T>(count);
+    std::memcpy(to, from, count * sizeof(T));
+    return to;
 }
 
 }  // namespace
@@ -65,22 +79,18 @@ Resample& Resample::operator=(const Resample& other) {
 }
 
 void Resample::CopyFrom(const Resample& other) {
+    const std::size_t count = static_cast<std::size_t>(other.mTableRows) * static_cast<std::size_t>(other.mStride);
     double* table = nullptr;
-    double* history = nullptr;
-    if (other.mTable != nullptr) {
-        const std::size_t count = static_cast<std::size_t>(other.mTableRows) * static_cast<std::size_t>(other.mStride);
-        table = detail::AllocateAlignedArrayUninitialised<double>(count);
-        std::memcpy(table, other.mTable, count * sizeof(double));
-    }
-    if (other.mHistory != nullptr) {
-        try {
-            history =
-                detail::AllocateAlignedArrayUninitialised<double>(static_cast<std::size_t>(other.mHistoryCapacity));
-        } catch (...) {
-            detail::FreeAlignedArray(table);
-            throw;
-        }
-        std::memcpy(history, other.mHistory, static_cast<std::size_t>(other.mHistoryCapacity) * sizeof(double));
+    float* tableSingle = nullptr;
+    float* history = nullptr;
+    try {
+        table = CopyAligned(other.mTable, count);
+        tableSingle = CopyAligned(other.mTableSingle, count);
+        history = CopyAligned(other.mHistory, static_cast<std::size_t>(other.mHistoryCapacity));
+    } catch (...) {
+        detail::FreeAlignedArray(table);
+        detail::FreeAlignedArray(tableSingle);
+        throw;
     }
     // Every plain field, with the copied arrays in place of the other's.
     mInitialized = other.mInitialized;
@@ -95,6 +105,7 @@ void Resample::CopyFrom(const Resample& other) {
     mPhaseStart = other.mPhaseStart;
     mPhaseFrac = other.mPhaseFrac;
     mTable = table;
+    mTableSingle = tableSingle;
     mTableRows = other.mTableRows;
     mHistory = history;
     mHistoryCapacity = other.mHistoryCapacity;
@@ -110,8 +121,10 @@ void Resample::CopyFrom(const Resample& other) {
 
 void Resample::Release() {
     detail::FreeAlignedArray(mTable);
+    detail::FreeAlignedArray(mTableSingle);
     detail::FreeAlignedArray(mHistory);
     mTable = nullptr;
+    mTableSingle = nullptr;
     mHistory = nullptr;
     mTableRows = 0;
     mHistoryCapacity = 0;
@@ -217,20 +230,27 @@ void Resample::Initialize() {
     const int rows = mPhases + (blend ? 1 : 0);
     if (mTable == nullptr || !SnapshotMatches() || mTableRows != rows) {
         detail::FreeAlignedArray(mTable);
+        detail::FreeAlignedArray(mTableSingle);
         mTable = nullptr;
-        mTable =
-            detail::AllocateAlignedArray<double>(static_cast<std::size_t>(rows) * static_cast<std::size_t>(mStride));
+        mTableSingle = nullptr;
+        const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(mStride);
+        mTable = detail::AllocateAlignedArray<double>(count);
         mTableRows = rows;
         const double scale = CutoffScale();
         for (int i = 0; i < rows; ++i)
             BuildTable(mOrder, static_cast<double>(i) / mPhases, scale, mTable + static_cast<std::size_t>(i) * mStride);
+        if (mNoiseFloor <= kSingleFloorLimit && !blend) {
+            mTableSingle = detail::AllocateAlignedArrayUninitialised<float>(count);
+            for (std::size_t i = 0; i < count; ++i)
+                mTableSingle[i] = static_cast<float>(mTable[i]);
+        }
         mSnapshot = {mSourceRate, mDestRate, mOrder, mStride, mPhases, mStep, mNoiseFloor, mNyquistShift};
     }
     const int capacity = mStride + std::max(kChunkStrides * mStride, kMinChunk) + kTailZeros;
     if (mHistory == nullptr || mHistoryCapacity != capacity) {
         detail::FreeAlignedArray(mHistory);
         mHistory = nullptr;
-        mHistory = detail::AllocateAlignedArray<double>(static_cast<std::size_t>(capacity));
+        mHistory = detail::AllocateAlignedArray<float>(static_cast<std::size_t>(capacity));
         mHistoryCapacity = capacity;
     }
     ResetHistory();
@@ -238,7 +258,7 @@ void Resample::Initialize() {
 }
 
 void Resample::ResetHistory() {
-    std::fill(mHistory, mHistory + mHistoryCapacity, 0.0);
+    std::fill(mHistory, mHistory + mHistoryCapacity, 0.0f);
     // The order - 1 samples before the stream are silence.
     mHistoryFill = mOrder - 1;
     mHistoryStart = -(mOrder - 1);
@@ -295,13 +315,78 @@ int Resample::Process2(float* in, float* out, int n) {
 }
 
 int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
-    double* held = mHistory + mHistoryFill;
-    for (int i = 0; i < n; ++i)
-        held[i] = in[i];
-    std::fill(held + n, held + n + kTailZeros, 0.0);
+    float* held = mHistory + mHistoryFill;
+    std::memcpy(held, in, static_cast<std::size_t>(n) * sizeof(float));
+    std::fill(held + n, held + n + kTailZeros, 0.0f);
     mHistoryFill += n;
     mNextInput += n;
 
+    const int produced = blend ? ProduceBlended(out) : ProduceByRows(out);
+
+    // Keep what the next window needs, from its oldest tap on.
+    const int64_t available = mHistoryStart + mHistoryFill;
+    const int64_t keepFrom = mWindowEnd - (mOrder - 1);
+    if (keepFrom >= available) {
+        mHistoryFill = 0;
+        mHistoryStart = keepFrom;
+    } else if (keepFrom > mHistoryStart) {
+        const auto drop = static_cast<int32_t>(keepFrom - mHistoryStart);
+        mHistoryFill -= drop;
+        std::memmove(mHistory, mHistory + drop, static_cast<std::size_t>(mHistoryFill) * sizeof(float));
+        mHistoryStart = keepFrom;
+    }
+    return produced;
+}
+
+int Resample::ProduceByRows(float* out) {
+    // With a whole step, outputs k and k + L use the same row and windows `step` input samples
+    // apart. So the outputs the held input completes are made row by row: each row meets all its
+    // windows while it is in the first-level cache, instead of the whole table streaming through
+    // for every L outputs. Output k = v + i L is made at visit v (the phases in output order).
+    const int64_t available = mHistoryStart + mHistoryFill;
+    if (mWindowEnd >= available) return 0;
+    const detail::ResampleKernels& kernels = detail::ResampleKernelsFor();
+    const int32_t L = mPhases;
+    const auto step = static_cast<int64_t>(mStep);
+    const int64_t stepSamples = step / L;
+    const auto stepPhases = static_cast<int32_t>(step % L);
+    const int span = mOrder - 1;
+    // Visits take windows ending in [end, end + step), so each makes `first` outputs or one fewer:
+    // `first` up to some visit v*, one fewer from there on, and output v* + (first - 1) L is the
+    // first one this input does not complete.
+    auto windows = [&](int64_t end) { return end < available ? (available - end + step - 1) / step : int64_t{0}; };
+    const int64_t first = windows(mWindowEnd);
+    int64_t end = mWindowEnd;
+    int32_t phase = mPhase;
+    int produced = 0;
+    bool settled = false;
+    for (int32_t v = 0;; ++v) {
+        const int64_t count = windows(end);
+        if (!settled && (v == L || count < first)) {
+            mWindowEnd = end + count * step;
+            mPhase = phase;
+            settled = true;
+        }
+        if (v == L || count == 0) break;
+        const float* x = mHistory + (end - span - mHistoryStart);
+        const std::size_t row = static_cast<std::size_t>(phase) * static_cast<std::size_t>(mStride);
+        if (mTableSingle != nullptr)
+            kernels.dotWindowsSingle(mTableSingle + row, x, step, static_cast<int>(count), mStride, out + v, L);
+        else
+            kernels.dotWindows(mTable + row, x, step, static_cast<int>(count), mStride, out + v, L);
+        produced += static_cast<int>(count);
+        phase += stepPhases;
+        end += stepSamples;
+        if (phase >= L) {
+            phase -= L;
+            ++end;
+        }
+    }
+    return produced;
+}
+
+int Resample::ProduceBlended(float* out) {
+    // A step that is not whole: each output blends the rows of its phase and the next one.
     const detail::ResampleKernels& kernels = detail::ResampleKernelsFor();
     const int span = mOrder - 1;
     const int64_t available = mHistoryStart + mHistoryFill;
@@ -311,30 +396,12 @@ int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
     const int64_t stepSamples = stepWhole / mPhases;
     const auto stepPhases = static_cast<int32_t>(stepWhole % mPhases);
     int produced = 0;
-    double pair[2];
     while (mWindowEnd < available) {
-        const double* x = mHistory + (mWindowEnd - span - mHistoryStart);
+        const float* x = mHistory + (mWindowEnd - span - mHistoryStart);
         const double* row = mTable + static_cast<std::size_t>(mPhase) * mStride;
-        // Upsampling: the next output often reads the same window at a later phase; one pass over
-        // the window makes both (each with the bits it would have alone).
-        if (stepSamples == 0 && !blend && mPhase + stepPhases < mPhases) {
-            const int32_t next = mPhase + stepPhases;
-            kernels.dot2(row, mTable + static_cast<std::size_t>(next) * mStride, x, mStride, &pair[0], &pair[1]);
-            out[produced++] = static_cast<float>(pair[0]);
-            out[produced++] = static_cast<float>(pair[1]);
-            mPhase = next + stepPhases;
-            if (mPhase >= mPhases) {
-                mPhase -= mPhases;
-                ++mWindowEnd;
-            }
-            continue;
-        }
-        double y = kernels.dot(row, x, mStride);
-        if (blend) {
-            const double next = kernels.dot(row + mStride, x, mStride);
-            y += mPhaseFraction * (next - y);
-        }
-        out[produced++] = static_cast<float>(y);
+        const double y = kernels.dot(row, x, mStride);
+        const double next = kernels.dot(row + mStride, x, mStride);
+        out[produced++] = static_cast<float>(y + mPhaseFraction * (next - y));
         mPhaseFraction += stepFraction;
         mPhase += stepPhases;
         if (mPhaseFraction >= 1.0) {
@@ -346,17 +413,6 @@ int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
             mPhase -= mPhases;
             ++mWindowEnd;
         }
-    }
-    // Keep what the next window needs, from its oldest tap on.
-    const int64_t keepFrom = mWindowEnd - span;
-    if (keepFrom >= available) {
-        mHistoryFill = 0;
-        mHistoryStart = keepFrom;
-    } else if (keepFrom > mHistoryStart) {
-        const auto drop = static_cast<int32_t>(keepFrom - mHistoryStart);
-        mHistoryFill -= drop;
-        std::memmove(mHistory, mHistory + drop, static_cast<std::size_t>(mHistoryFill) * sizeof(double));
-        mHistoryStart = keepFrom;
     }
     return produced;
 }

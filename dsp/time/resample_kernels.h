@@ -3,18 +3,28 @@
 // window, every output of every channel, so it is built once per instruction set
 // (resample_kernels.cpp) and picked for the CPU.
 //
-// The sum is spread over 16 lanes (tap j into lane j mod 16) and the lanes are added in one fixed
-// tree, without fused multiply-adds, so every build gives the same bits.
+// A sum is spread over 16 lanes (tap j into lane j mod 16, in tap order) and the lanes are added
+// in one fixed tree in double, without fused multiply-adds, so every build gives the same bits and
+// an output's bits depend only on its row and its window, never on which outputs were computed
+// beside it.
+
+#include <cstddef>
 
 #include "dsp/core/kernel_dispatch.h"
 
 namespace dsp::detail {
 
 struct ResampleKernels {
-    // sum of taps[j] * x[j] for j < count; count is a multiple of 8.
-    double (*dot)(const double* taps, const double* x, int count);
-    // dot(a, x) and dot(b, x) with the same bits, reading x once (two phases of one window).
-    void (*dot2)(const double* a, const double* b, const double* x, int count, double* ya, double* yb);
+    // sum of taps[j] * x[j] for j < count, in double; count is a multiple of 8.
+    double (*dot)(const double* taps, const float* x, int count);
+    // out[i * outStep] = (float)dot(taps, x + i * xStep, count) for i < windows: every window one
+    // row meets in a stretch of input, the row read once for several windows.
+    void (*dotWindows)(const double* taps, const float* x, std::ptrdiff_t xStep, int windows, int count, float* out,
+                       std::ptrdiff_t outStep);
+    // The same with the row in single precision: products and lane sums in float, the 16 lane
+    // sums then added in double as above. About 24 bits: enough under a stop band of 140 dB.
+    void (*dotWindowsSingle)(const float* taps, const float* x, std::ptrdiff_t xStep, int windows, int count,
+                             float* out, std::ptrdiff_t outStep);
 };
 
 namespace portable {

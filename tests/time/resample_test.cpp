@@ -261,29 +261,53 @@ TEST(Resample, ReinitialisingClearsHistoryAndKeepsOrRebuildsTheTable) {
     EXPECT_NE(Convert(r, x, 20000), expected);
 }
 
-TEST(Resample, KernelBuildsGiveTheSameBits) {
+TEST(Resample, KernelsGiveEachWindowTheSameBitsInEveryBuildAndGroup) {
+    // A window's output must not depend on the build or on the windows computed beside it (block
+    // partitions regroup them); each precision stays within its rounding of the exact sum.
     using dsp::detail::Isa;
-    if (!dsp::detail::IsaAvailable(Isa::Avx2Fma)) GTEST_SKIP() << "no AVX2 build on this CPU";
-    const auto& portable = dsp::detail::ResampleKernelsFor(Isa::Portable);
-    const auto& avx2 = dsp::detail::ResampleKernelsFor(Isa::Avx2Fma);
-    alignas(64) static double aligned[1040];
-    std::vector<double> x(1040);
+    using dsp::detail::ResampleKernels;
+    std::vector<const ResampleKernels*> builds{&dsp::detail::ResampleKernelsFor(Isa::Portable)};
+    if (dsp::detail::IsaAvailable(Isa::Avx2Fma)) builds.push_back(&dsp::detail::ResampleKernelsFor(Isa::Avx2Fma));
+    constexpr int kMaxTaps = 1024, kWindows = 7, kApart = 147;
+    alignas(64) static double taps[kMaxTaps];
+    alignas(64) static float tapsSingle[kMaxTaps];
+    std::vector<float> x(kMaxTaps + kWindows * kApart + 8);
     Random random(21);
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        aligned[i] = random.Gaussian();
-        x[i] = random.Gaussian() * 1e3;
+    for (int j = 0; j < kMaxTaps; ++j) {
+        taps[j] = random.Gaussian() / (1.0 + std::abs(j - 90));
+        tapsSingle[j] = static_cast<float>(taps[j]);
     }
-    for (int count : {8, 16, 24, 256, 1024})
+    for (float& v : x)
+        v = static_cast<float>(random.Gaussian());
+    for (int count : {8, 24, 184, 1024})
         for (int offset : {0, 1, 3}) {
-            const double* window = x.data() + offset;
-            const double one = portable.dot(aligned, window, count), other = portable.dot(aligned + 8, window, count);
-            EXPECT_EQ(avx2.dot(aligned, window, count), one) << count;
-            for (const auto* k : {&portable, &avx2}) {  // the pair gives each phase its own bits
-                double a = 0.0, b = 0.0;
-                k->dot2(aligned, aligned + 8, window, count, &a, &b);
-                EXPECT_EQ(a, one) << count;
-                EXPECT_EQ(b, other) << count;
+            const float* base = x.data() + offset;
+            float alone[2][kWindows];
+            for (int i = 0; i < kWindows; ++i) {
+                long double exact = 0, exactSingle = 0, size = 0;
+                for (int j = 0; j < count; ++j) {
+                    exact += static_cast<long double>(taps[j]) * base[i * kApart + j];
+                    exactSingle += static_cast<long double>(tapsSingle[j]) * base[i * kApart + j];
+                    size += std::fabs(static_cast<long double>(taps[j]) * base[i * kApart + j]);
+                }
+                builds[0]->dotWindows(taps, base + i * kApart, 0, 1, count, &alone[0][i], 1);
+                builds[0]->dotWindowsSingle(tapsSingle, base + i * kApart, 0, 1, count, &alone[1][i], 1);
+                const double unit = std::fabs(static_cast<double>(exact)) * 0x1p-24;  // the float output
+                EXPECT_NEAR(alone[0][i], static_cast<double>(exact), unit + static_cast<double>(size) * 1e-15);
+                EXPECT_NEAR(alone[1][i], static_cast<double>(exactSingle), unit + static_cast<double>(size) * 0x1p-21);
+                EXPECT_EQ(builds[0]->dot(taps, base + i * kApart, count),
+                          builds.back()->dot(taps, base + i * kApart, count));
             }
+            for (const ResampleKernels* k : builds)
+                for (int windows : {1, 2, 3, 4, 5, 7}) {
+                    float out[2][3 * kWindows];
+                    k->dotWindows(taps, base, kApart, windows, count, out[0], 3);
+                    k->dotWindowsSingle(tapsSingle, base, kApart, windows, count, out[1], 3);
+                    for (int i = 0; i < windows; ++i) {
+                        EXPECT_EQ(out[0][3 * i], alone[0][i]) << count << " taps, window " << i << " of " << windows;
+                        EXPECT_EQ(out[1][3 * i], alone[1][i]) << count << " taps, window " << i << " of " << windows;
+                    }
+                }
         }
 }
 
