@@ -166,31 +166,46 @@ TEST(Resample, TableRowsFollowTheWindowedSinc) {
     }
 }
 
-// Output k is the input tone at source time (k - latency) / dest.
-double DelayedToneError(Resample& r, int source, int dest, double frequency, std::size_t frames) {
+// Output k against the input tone at source time (k - latency) / dest: the largest and the RMS
+// difference, once the filter has filled.
+struct ToneError {
+    double worst = 0.0, rms = 0.0;
+};
+
+ToneError DelayedToneError(Resample& r, int source, int dest, double frequency, std::size_t frames) {
     const Signal out = Convert(r, Sine(frames, frequency, source, 0.5), 4096);
     const int latency = r.GetLatency();
-    double worst = 0.0;
-    for (std::size_t k = static_cast<std::size_t>(2 * latency + 8); k + 8 < out.size(); ++k) {
+    ToneError e;
+    std::size_t count = 0;
+    for (std::size_t k = static_cast<std::size_t>(2 * latency + 8); k + 8 < out.size(); ++k, ++count) {
         const double t = (static_cast<double>(k) - latency) / dest;
-        worst = std::max(worst, std::fabs(out[k] - 0.5 * std::sin(2 * std::numbers::pi * frequency * t)));
+        const double d = std::fabs(out[k] - 0.5 * std::sin(2 * std::numbers::pi * frequency * t));
+        e.worst = std::max(e.worst, d);
+        e.rms += d * d;
     }
-    return worst;
+    e.rms = std::sqrt(e.rms / static_cast<double>(count));
+    return e;
 }
 
 TEST(Resample, TonesComeOutDelayedByExactlyTheLatency) {
     struct Case {
         int source, dest, order;
-        double frequency, bound;
+        double floor, frequency, worst, rms;
     };
-    // The bounds are float rounding for the integer steps; the 1000-phase conversions blend two
-    // phases, whose straight line misses the sinc's curvature by about 1e-6 at 1 kHz.
-    for (const Case& c : {Case{44100, 48000, 255, 1000.0, 1e-7}, Case{48000, 44100, 255, 1000.0, 1e-7},
-                          Case{96000, 44100, 1023, 5000.0, 1e-7}, Case{44100, 96000, 255, 15000.0, 1e-6},
-                          Case{44100, 47999, 255, 1000.0, 3e-6}, Case{48000, 8000, 255, 440.0, 1e-7}}) {
-        Resample r = Configured(c.source, c.dest, c.order);
-        EXPECT_LT(DelayedToneError(r, c.source, c.dest, c.frequency, static_cast<std::size_t>(c.source / 5)), c.bound)
-            << c.source << " -> " << c.dest;
+    // The double loop's bounds are the float output's rounding for the integer steps; the
+    // 1000-phase conversions blend two phases, whose straight line misses the sinc's curvature by
+    // about 1e-6 at 1 kHz. Floors to 140 dB run in single precision, whose rounding noise must stay
+    // near -140 dB of the tone (an RMS of 3.5e-8), a few times the float output's own.
+    for (const Case& c :
+         {Case{44100, 48000, 255, 150.0, 1000.0, 1e-7, 2e-8}, Case{48000, 44100, 255, 150.0, 1000.0, 1e-7, 2e-8},
+          Case{96000, 44100, 1023, 150.0, 5000.0, 1e-7, 2e-8}, Case{44100, 96000, 255, 150.0, 15000.0, 1e-6, 1e-7},
+          Case{44100, 47999, 255, 150.0, 1000.0, 3e-6, 1e-6}, Case{48000, 8000, 255, 150.0, 440.0, 1e-7, 2e-8},
+          Case{48000, 44100, 185, 130.0, 1000.0, 3e-7, 4e-8}, Case{44100, 48000, 171, 130.0, 1000.0, 3e-7, 4e-8},
+          Case{96000, 44100, 371, 140.0, 5000.0, 3e-7, 4e-8}, Case{44100, 96000, 171, 90.0, 1000.0, 1e-5, 1e-5}}) {
+        Resample r = Configured(c.source, c.dest, c.order, c.floor);
+        const ToneError e = DelayedToneError(r, c.source, c.dest, c.frequency, static_cast<std::size_t>(c.source / 5));
+        EXPECT_LT(e.worst, c.worst) << c.source << " -> " << c.dest << " floor " << c.floor;
+        EXPECT_LT(e.rms, c.rms) << c.source << " -> " << c.dest << " floor " << c.floor;
     }
 }
 
