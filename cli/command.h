@@ -2,17 +2,18 @@
 // A kesta command: its CLI11 sub-application (options and help) and what it does once the command
 // line has been parsed. `run` returns the exit status and reports failures by throwing CliError.
 //
-// A command that turns INPUT into OUTPUT runs the job flow of pipeline/job.h (commands/gain.cpp
-// is the smallest whole example):
+// A new command that turns INPUT into OUTPUT through a processor needs (commands/gain.cpp):
 //   1. its options: a struct with INPUT, OUTPUT, its settings, OutputOptions (AddOutputOptions:
-//      --force, --bits, --float) and ReportOptions (AddReportOptions: --quiet, --json);
-//   2. a check of the settings (UsageError with the range) and a factory that makes its Stage
-//      (latency and in-place processing of every channel) for the input's channels and rate;
-//   3. the run: BlockReader, AudioOutput (refusals before any work), StreamStages (latency
-//      compensated), Commit, WarnAfterStream, then the summary (AudioOutput::Summary plus its
-//      settings) or its JSON object (AudioOutput::WriteFields plus its settings).
-// Commands with analysis passes before the stream follow commands/spectral_command.cpp; those
-// with a response table or a saved preset commands/equaliser_command.cpp.
+//      --force, --bits, --float), ReportOptions (AddReportOptions: --quiet, --json) and BatchOptions;
+//   2. a check of its settings (UsageError with the range) and a factory that makes its Stage for
+//      the input's channels and rate (latency and in-place processing of every channel; a
+//      ResizingStage for another rate or length) - the same factory serves its chain step;
+//   3. a Processing for RunProcessing: the factory, advice for clipped samples, and its report
+//      fields and summary words. RunProcessing opens INPUT, refuses OUTPUT before any work, streams
+//      (latency compensated), commits, warns and prints the text summary or the JSON object.
+// Commands with more than one output, analysis passes before the stream (pipeline/analysis.h) or
+// no audio output use the pieces themselves (pipeline/job.h, pipeline/report.h): see
+// commands/spectral_command.cpp and commands/equaliser_command.cpp.
 
 #include <cstdint>
 #include <functional>
@@ -22,6 +23,8 @@
 
 #include "io/audio_block.h"
 #include "io/audio_format.h"
+#include "pipeline/console.h"
+#include "pipeline/job.h"
 
 namespace CLI {
 class App;
@@ -29,8 +32,7 @@ class App;
 
 namespace kesta {
 
-class Console;
-class Stage;
+class JobReport;
 
 // Streams, from its start, the audio a step will hear (INPUT as the steps before it leave it,
 // aligned with INPUT and of its length) into `sink`, block by block; each call streams it again.
@@ -55,6 +57,32 @@ struct Command {
     // not turn audio into audio.
     std::function<std::unique_ptr<Stage>(const StageInput&)> stage = nullptr;
 };
+
+// What RunProcessing hands the command's report once OUTPUT is written.
+struct ProcessingDone {
+    const AudioOutput& output;
+    int64_t frames;  // read from INPUT
+    int rate;        // INPUT's
+    double processSeconds;
+    double totalSeconds;
+};
+
+// A command that turns INPUT into OUTPUT through its stage.
+struct Processing {
+    std::string command;  // "gain": the progress label and the report's "command"
+    std::string input, output;
+    OutputOptions out;
+    ReportOptions report;
+    std::function<void()> check;  // the settings by themselves, before INPUT is opened (may be empty)
+    std::function<std::unique_ptr<Stage>(const StageInput&)> stage;
+    // How to avoid clipped samples, for the warning's parentheses.
+    std::function<std::string(const AudioOutput&)> clippingAdvice;
+    // Adds the command's fields (before "input" and "output") and returns the words after OUTPUT's
+    // summary line (", gain +3.00 dB, peak -0.50 dBFS").
+    std::function<std::string(JobReport&, const ProcessingDone&)> describe;
+};
+// Runs the command; returns the exit status, throws CliError on failure.
+int RunProcessing(const Processing& job);
 
 Command AddSelfcheckCommand(CLI::App& kesta);
 Command AddInfoCommand(CLI::App& kesta);

@@ -207,36 +207,23 @@ int RunChain(const ChainOptions& options) {
     int64_t latency = 0;
     for (const Stage* stage : order)
         latency += stage->Latency();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("chain");
-        json.Key("steps").BeginArray();
-        for (const std::string& text : options.steps)
-            json.String(text);
-        json.EndArray();
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, frames);
-        json.EndObject();
-        json.Key("latency_frames").Int(latency);
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
+    JobReport report(console, "chain");
+    report.Json().Key("steps").BeginArray();
+    for (const std::string& text : options.steps)
+        report.Json().String(text);
+    report.Json().EndArray();
+    report.Input(options.input, format, frames).Field("latency_frames", latency);
+    report.Output(output, [&](JsonWriter& json) {
         json.Key("level_change_db").BeginArray();
         for (double change : levelChange)
             json.Number(change);
         json.EndArray();
-        json.EndObject();
-        WriteTimings(json, frames, format.sampleRate, processSeconds, clock.Seconds());
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(clock.Seconds());
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", " << steps.size() << " step(s)\n";
-        std::cout << "Level change: " << DescribeChange(levelChange) << ", peak " << FormatDb(LinearToDb(output.Peak()))
-                  << " dBFS " << RealTimeText(frames, format.sampleRate, processSeconds) << "\n";
-    }
-    return kExitOk;
+    });
+    WriteTimings(report.Json(), frames, format.sampleRate, processSeconds, clock.Seconds());
+    report.Line(output.Summary() + ", " + std::to_string(steps.size()) + " step(s)");
+    report.Line("Level change: " + DescribeChange(levelChange) + ", peak " + FormatDb(LinearToDb(output.Peak())) +
+                " dBFS " + RealTimeText(frames, format.sampleRate, processSeconds));
+    return report.Print(clock.Seconds());
 }
 
 }  // namespace

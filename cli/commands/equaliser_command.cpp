@@ -264,63 +264,45 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
     }
     const double seconds = clock.Seconds();
 
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String(command);
-        json.Key("settings").BeginObject();
-        tool.WriteSettings(json);
-        json.EndObject();
-        if (rate != 0)
-            json.Key("sample_rate").Int(rate);
-        else
-            json.Key("sample_rate").Null();
-        if (reader) {
-            json.Key("input").BeginObject();
-            json.Key("file").String(options.input);
-            WriteAudioFields(json, reader->Format(), output ? frames : reader->HeaderFrames().value_or(0));
-            json.EndObject();
-        } else {
-            json.Key("input").Null();
-        }
-        if (output) {
-            json.Key("latency_frames").Int(latency);
-            json.Key("output").BeginObject();
-            output->WriteFields(json);
+    JobReport report(console, command);
+    report.Object("settings", [&](JsonWriter& json) { tool.WriteSettings(json); });
+    if (rate != 0)
+        report.Field("sample_rate", rate);
+    else
+        report.Json().Key("sample_rate").Null();
+    if (reader)
+        report.Input(options.input, reader->Format(), output ? frames : reader->HeaderFrames().value_or(0));
+    else
+        report.Json().Key("input").Null();
+    if (output) {
+        report.Field("latency_frames", latency);
+        report.Output(*output, [&](JsonWriter& json) {
             json.Key("level_change_db").BeginArray();
             for (double change : levelChange)
                 json.Number(change);
             json.EndArray();
-            json.EndObject();
-        } else {
-            json.Key("output").Null();
-        }
-        if (savedOutput)
-            json.Key("saved_preset").String(tool.SavedFile());
-        else
-            json.Key("saved_preset").Null();
-        if (options.response) {
-            json.Key("response");
-            WriteResponse(json, response);
-        } else {
-            json.Key("response").Null();
-        }
-        WriteTimings(json, frames, rate, processSeconds, seconds);
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-        return kExitOk;
+        });
+    } else {
+        report.Json().Key("output").Null();
     }
+    report.Field("saved_preset", savedOutput ? std::optional(tool.SavedFile()) : std::nullopt);
+    if (options.response) {
+        report.Json().Key("response");
+        WriteResponse(report.Json(), response);
+    } else {
+        report.Json().Key("response").Null();
+    }
+    WriteTimings(report.Json(), frames, rate, processSeconds, seconds);
 
-    if (console.ShowsText()) {
-        if (savedOutput) std::cout << "Saved the preset in " << tool.SavedFile() << "\n";
-        if (output) {
-            std::cout << output->Summary() << ", " << tool.DescribeSettings() << "\n";
-            std::cout << "Level change: " << DescribeChange(levelChange) << ", peak "
-                      << FormatDb(LinearToDb(output->Peak())) << " dBFS " << RealTimeText(frames, rate, processSeconds)
-                      << "\n";
-        }
+    if (savedOutput) report.Line("Saved the preset in " + tool.SavedFile());
+    if (output) {
+        report.Line(output->Summary() + ", " + tool.DescribeSettings());
+        report.Line("Level change: " + DescribeChange(levelChange) + ", peak " + FormatDb(LinearToDb(output->Peak())) +
+                    " dBFS " + RealTimeText(frames, rate, processSeconds));
     }
+    report.Print(seconds);
+    if (console.Json()) return kExitOk;
+
     // The curve is what --response asks for: printed even with --quiet.
     if (options.response) {
         if (console.ShowsText() && output) std::cout << "\n";

@@ -71,45 +71,29 @@ std::unique_ptr<Stage> MakeGainStage(double db) {
     });
 }
 
-int RunGain(const GainOptions& options) {
-    CheckGain(options.db);
-    const Stopwatch clock;
-    Console console(options.report);
-
-    BlockReader reader(options.input);
-    AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out);
-    const std::unique_ptr<Stage> gain = MakeGainStage(options.db);
-    {
-        Progress progress("gain", reader.HeaderFrames(), reader.Format().sampleRate, console.ShowsProgress());
-        StreamStages(reader, output, {gain.get()}, progress);
-        output.Commit();
-    }
-    WarnAfterStream(console, reader, output,
-                    "the peak would have been " + FormatDb(LinearToDb(output.UnclippedPeak()), 2, true) +
-                        " dBFS; use a gain " + FormatDb(options.db - LinearToDb(output.UnclippedPeak()), 2, true) +
-                        " dB or lower to avoid it");
-
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("gain");
-        json.Key("gain_db").Number(options.db);
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, reader.Format(), reader.FramesRead());
-        json.EndObject();
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", gain " << FormatDb(options.db, 2, true) << " dB, peak "
-                  << FormatDb(LinearToDb(output.Peak())) << " dBFS\n";
-    }
-    return kExitOk;
+Processing GainJob(std::shared_ptr<GainOptions> options) {
+    Processing job;
+    job.command = "gain";
+    job.input = options->input;
+    job.output = options->output;
+    job.out = options->out;
+    job.report = options->report;
+    job.check = [options] { CheckGain(options->db); };
+    job.stage = [options](const StageInput&) {
+        CheckGain(options->db);
+        return MakeGainStage(options->db);
+    };
+    job.clippingAdvice = [options](const AudioOutput& output) {
+        const double peak = LinearToDb(output.UnclippedPeak());
+        return "the peak would have been " + FormatDb(peak, 2, true) + " dBFS; use a gain " +
+               FormatDb(options->db - peak, 2, true) + " dB or lower to avoid it";
+    };
+    job.describe = [options](JobReport& report, const ProcessingDone& done) {
+        report.Field("gain_db", options->db);
+        return ", gain " + FormatDb(options->db, 2, true) + " dB, peak " + FormatDb(LinearToDb(done.output.Peak())) +
+               " dBFS";
+    };
+    return job;
 }
 
 }  // namespace
@@ -126,11 +110,7 @@ Command AddGainCommand(CLI::App& kesta) {
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->report);
     AddBatchOptions(*app, options->out.batch);
-    return {app, [options] { return RunGain(*options); },
-            [options](const StageInput&) {
-                CheckGain(options->db);
-                return MakeGainStage(options->db);
-            }};
+    return {app, [options] { return RunProcessing(GainJob(options)); }, GainJob(options).stage};
 }
 
 }  // namespace kesta

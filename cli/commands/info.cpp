@@ -4,6 +4,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <sstream>
 
 #include "command.h"
 #include "errors.h"
@@ -61,26 +62,22 @@ int RunInfo(const InfoOptions& options) {
     if (auto mismatch = reader.LengthWarning()) console.Warn(*mismatch);
     const std::vector<ChannelLevels> levels = meter.Levels();
 
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("info");
-        json.Key("file").String(options.path);
-        WriteAudioFields(json, format, frames);
-        json.Key("levels");
-        WriteLevels(json, levels);
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << "File:         " << options.path << '\n'
-                  << "Format:       " << DescribeFormat(format.sndfileFormat) << '\n'
-                  << "Sample rate:  " << format.sampleRate << " Hz\n"
-                  << "Channels:     " << format.channels << '\n'
-                  << "Length:       " << frames << " frames (" << FormatLength(frames, format.sampleRate) << ")\n\n";
-        PrintLevels(std::cout, levels);
-    }
-    return kExitOk;
+    JobReport report(console, "info");
+    report.Field("file", options.path);
+    WriteAudioFields(report.Json(), format, frames);
+    report.Json().Key("levels");
+    WriteLevels(report.Json(), levels);
+    std::ostringstream text;
+    text << "File:         " << options.path << '\n'
+         << "Format:       " << DescribeFormat(format.sndfileFormat) << '\n'
+         << "Sample rate:  " << format.sampleRate << " Hz\n"
+         << "Channels:     " << format.channels << '\n'
+         << "Length:       " << frames << " frames (" << FormatLength(frames, format.sampleRate) << ")\n\n";
+    PrintLevels(text, levels);
+    std::string lines = text.str();
+    lines.pop_back();  // Line adds the last newline
+    report.Line(lines);
+    return report.Print(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
 }
 
 }  // namespace

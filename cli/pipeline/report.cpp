@@ -2,12 +2,96 @@
 
 #include <cmath>
 #include <cstdio>
+#include <iostream>
 
+#include "console.h"
 #include "errors.h"
+#include "job.h"
 #include "text_table.h"
 #include "units.h"
 
 namespace kesta {
+
+JobReport::JobReport(Console& console, std::string_view command) : mConsole(console), mJson(mJsonText) {
+    mJson.BeginObject();
+    mJson.Key("command").String(command);
+}
+
+JobReport::~JobReport() = default;
+
+JobReport& JobReport::Field(std::string_view key, double value) {
+    mJson.Key(key).Number(value);
+    return *this;
+}
+
+JobReport& JobReport::Field(std::string_view key, int64_t value) {
+    mJson.Key(key).Int(value);
+    return *this;
+}
+
+JobReport& JobReport::Field(std::string_view key, bool value) {
+    mJson.Key(key).Bool(value);
+    return *this;
+}
+
+JobReport& JobReport::Field(std::string_view key, std::string_view value) {
+    mJson.Key(key).String(value);
+    return *this;
+}
+
+JobReport& JobReport::Field(std::string_view key, const std::optional<std::string>& value) {
+    if (value)
+        mJson.Key(key).String(*value);
+    else
+        mJson.Key(key).Null();
+    return *this;
+}
+
+JobReport& JobReport::Field(std::string_view key, const std::vector<double>& values) {
+    mJson.Key(key).BeginArray();
+    for (double value : values)
+        mJson.Number(value);
+    mJson.EndArray();
+    return *this;
+}
+
+JobReport& JobReport::Object(std::string_view key, const std::function<void(JsonWriter&)>& fill) {
+    mJson.Key(key).BeginObject();
+    fill(mJson);
+    mJson.EndObject();
+    return *this;
+}
+
+JobReport& JobReport::Input(const std::string& path, const AudioFormat& format, int64_t frames) {
+    return Object("input", [&](JsonWriter& json) {
+        json.Key("file").String(path);
+        WriteAudioFields(json, format, frames);
+    });
+}
+
+JobReport& JobReport::Output(const AudioOutput& output, const std::function<void(JsonWriter&)>& more) {
+    return Object("output", [&](JsonWriter& json) {
+        output.WriteFields(json);
+        if (more) more(json);
+    });
+}
+
+JobReport& JobReport::Line(std::string line) {
+    mText << line << '\n';
+    return *this;
+}
+
+int JobReport::Print(double seconds) {
+    if (mConsole.Json()) {
+        WriteWarnings(mJson, mConsole.Warnings());
+        mJson.Key("seconds").Number(seconds);
+        mJson.EndObject();
+        std::cout << mJsonText.str() << '\n';  // the writer ends its document only when destroyed
+    } else if (mConsole.ShowsText()) {
+        std::cout << mText.str();
+    }
+    return kExitOk;
+}
 
 void WriteAudioFields(JsonWriter& json, const AudioFormat& format, int64_t frames) {
     json.Key("format").BeginObject();
