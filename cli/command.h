@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "io/audio_block.h"
 #include "io/audio_format.h"
@@ -60,6 +61,7 @@ struct Command {
 
 // What RunProcessing hands the command's report once OUTPUT is written.
 struct ProcessingDone {
+    const Stage& stage;
     const AudioOutput& output;
     int64_t frames;  // read from INPUT
     int rate;        // INPUT's
@@ -80,9 +82,23 @@ struct Processing {
     // Adds the command's fields (before "input" and "output") and returns the words after OUTPUT's
     // summary line (", gain +3.00 dB, peak -0.50 dBFS").
     std::function<std::string(JobReport&, const ProcessingDone&)> describe;
+    // The summary line ends with the run's real-time factor, and the JSON object has it.
+    bool timed = false;
 };
 // Runs the command; returns the exit status, throws CliError on failure.
 int RunProcessing(const Processing& job);
+
+// A Processing named `command` for the options' INPUT, OUTPUT, OutputOptions and ReportOptions.
+template <typename Options>
+Processing ProcessingOf(std::string command, const Options& options) {
+    Processing job;
+    job.command = std::move(command);
+    job.input = options.input;
+    job.output = options.output;
+    job.out = options.out;
+    job.report = options.report;
+    return job;
+}
 
 Command AddSelfcheckCommand(CLI::App& kesta);
 Command AddInfoCommand(CLI::App& kesta);

@@ -72,12 +72,7 @@ std::unique_ptr<Stage> MakeGainStage(double db) {
 }
 
 Processing GainJob(std::shared_ptr<GainOptions> options) {
-    Processing job;
-    job.command = "gain";
-    job.input = options->input;
-    job.output = options->output;
-    job.out = options->out;
-    job.report = options->report;
+    Processing job = ProcessingOf("gain", *options);
     job.check = [options] { CheckGain(options->db); };
     job.stage = [options](const StageInput&) {
         CheckGain(options->db);

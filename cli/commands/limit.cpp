@@ -95,44 +95,32 @@ void CheckRate(const std::string& input, const AudioFormat& format) {
                          "the limiter needs at least 100 Hz");
 }
 
-int RunLimit(const LimitOptions& options) {
+std::unique_ptr<Stage> MakeLimitStage(const LimitOptions& options, const StageInput& in) {
     CheckSettings(options);
-    const Stopwatch clock;
-    Console console(options.report);
+    CheckRate(in.path, in.format);
+    return std::make_unique<LimitStage>(options, in.format.channels, in.format.sampleRate);
+}
 
-    BlockReader reader(options.input);
-    const AudioFormat& format = reader.Format();
-    CheckRate(options.input, format);
-    AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out);
-    LimitStage stage(options, format.channels, format.sampleRate);
-    {
-        Progress progress("limit", reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-        StreamStages(reader, output, {&stage}, progress);
-        output.Commit();
-    }
-    WarnAfterStream(console, reader, output, "lower --ceiling");
-
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("limit");
-        json.Key("settings").BeginObject();
-        json.Key("ceiling_db").Number(options.ceilingDb);
-        json.Key("gain_db").Number(options.gainDb);
-        json.Key("lookahead_ms").Number(options.lookaheadMs);
-        json.Key("release_ms").Number(options.releaseMs);
-        json.Key("linked").Bool(!options.unlink);
-        json.EndObject();
-        WriteStreamFields(json, options.input, format, reader.FramesRead(), output, console.Warnings(), seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", gain " << FormatDb(options.gainDb, 1, true) << " dB, ceiling "
-                  << FormatDb(options.ceilingDb, 1) << " dBFS" << (options.unlink ? " (channels unlinked)" : "")
-                  << ", peak " << FormatDb(LinearToDb(output.Peak())) << " dBFS "
-                  << RealTimeText(reader.FramesRead(), format.sampleRate, seconds) << "\n";
-    }
-    return kExitOk;
+Processing LimitJob(std::shared_ptr<LimitOptions> options) {
+    Processing job = ProcessingOf("limit", *options);
+    job.timed = true;
+    job.check = [options] { CheckSettings(*options); };
+    job.stage = [options](const StageInput& in) { return MakeLimitStage(*options, in); };
+    job.clippingAdvice = [](const AudioOutput&) { return "lower --ceiling"; };
+    job.describe = [options](JobReport& report, const ProcessingDone& done) {
+        const LimitOptions& o = *options;
+        report.Object("settings", [&](JsonWriter& json) {
+            json.Key("ceiling_db").Number(o.ceilingDb);
+            json.Key("gain_db").Number(o.gainDb);
+            json.Key("lookahead_ms").Number(o.lookaheadMs);
+            json.Key("release_ms").Number(o.releaseMs);
+            json.Key("linked").Bool(!o.unlink);
+        });
+        return ", gain " + FormatDb(o.gainDb, 1, true) + " dB, ceiling " + FormatDb(o.ceilingDb, 1) + " dBFS" +
+               (o.unlink ? " (channels unlinked)" : "") + ", peak " + FormatDb(LinearToDb(done.output.Peak())) +
+               " dBFS";
+    };
+    return job;
 }
 
 }  // namespace
@@ -154,12 +142,7 @@ Command AddLimitCommand(CLI::App& kesta) {
     app->add_flag("--unlink", options->unlink, "Limit each channel on its own");
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->report);
-    return {app, [options] { return RunLimit(*options); },
-            [options](const StageInput& in) -> std::unique_ptr<Stage> {
-                CheckSettings(*options);
-                CheckRate(in.path, in.format);
-                return std::make_unique<LimitStage>(*options, in.format.channels, in.format.sampleRate);
-            }};
+    return {app, [options] { return RunProcessing(LimitJob(options)); }, LimitJob(options).stage};
 }
 
 }  // namespace kesta

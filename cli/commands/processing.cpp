@@ -30,9 +30,13 @@ int RunProcessing(const Processing& job) {
     WarnAfterStream(console, reader, output, job.clippingAdvice(output));
 
     JobReport report(console, job.command);
-    const ProcessingDone done{output, reader.FramesRead(), format.sampleRate, processSeconds, clock.Seconds()};
+    const ProcessingDone done{*stage, output, reader.FramesRead(), format.sampleRate, processSeconds, clock.Seconds()};
     std::string summary = output.Summary();
     if (job.describe) summary += job.describe(report, done);
+    if (job.timed) {
+        summary.append(" ").append(RealTimeText(done.frames, done.rate, done.totalSeconds));
+        report.RealTime(done.frames, done.rate);
+    }
     report.Input(job.input, format, reader.FramesRead()).Output(output).Line(summary);
     return report.Print(clock.Seconds());
 }

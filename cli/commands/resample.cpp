@@ -119,46 +119,36 @@ std::unique_ptr<ResampleStage> MakeResampleStage(const ResampleOptions& o, const
     return std::make_unique<ResampleStage>(quality, format.channels, format.sampleRate, o.rate);
 }
 
-int RunResample(const ResampleOptions& options) {
-    CheckQuality(options.quality);
-    CheckRate("--rate", options.rate);
-    const Stopwatch clock;
-    Console console(options.report);
-
-    BlockReader reader(options.input);
-    const AudioFormat& format = reader.Format();
-    if (format.sampleRate < kLowestRate || format.sampleRate > kHighestRate)
-        throw InputError(
-            "cannot resample " + Quoted(options.input),
-            "its sample rate of " + std::to_string(format.sampleRate) + " Hz is out of range",
-            "kesta resamples from " + std::to_string(kLowestRate) + " to " + std::to_string(kHighestRate) + " Hz");
-    const std::unique_ptr<ResampleStage> stage = MakeResampleStage(options, format);
-    AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out, {stage.get()});
-    {
-        Progress progress("resample", reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-        StreamStages(reader, output, {stage.get()}, progress);
-        output.Commit();
-    }
-    WarnAfterStream(console, reader, output, "the filter's ripple can lift peaks near full scale; add --float");
-
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("resample");
-        json.Key("settings").BeginObject();
-        json.Key("rate").Int(options.rate);
-        json.Key("quality").String(options.quality);
-        json.Key("filter_order").Int(stage->Order());
-        json.EndObject();
-        WriteStreamFields(json, options.input, format, reader.FramesRead(), output, console.Warnings(), seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", from " << format.sampleRate << " Hz, " << options.quality << " quality ("
-                  << stage->Order() << " taps) " << RealTimeText(reader.FramesRead(), format.sampleRate, seconds)
-                  << "\n";
-    }
-    return kExitOk;
+Processing ResampleJob(std::shared_ptr<ResampleOptions> options) {
+    Processing job = ProcessingOf("resample", *options);
+    job.timed = true;
+    job.check = [options] {
+        CheckQuality(options->quality);
+        CheckRate("--rate", options->rate);
+    };
+    job.stage = [options](const StageInput& in) -> std::unique_ptr<Stage> {
+        const int rate = in.format.sampleRate;
+        if (rate < kLowestRate || rate > kHighestRate)
+            throw InputError(
+                "cannot resample " + Quoted(in.path),
+                "its sample rate of " + std::to_string(rate) + " Hz is out of range",
+                "kesta resamples from " + std::to_string(kLowestRate) + " to " + std::to_string(kHighestRate) + " Hz");
+        return MakeResampleStage(*options, in.format);
+    };
+    job.clippingAdvice = [](const AudioOutput&) {
+        return "the filter's ripple can lift peaks near full scale; add --float";
+    };
+    job.describe = [options](JobReport& report, const ProcessingDone& done) {
+        const int order = dynamic_cast<const ResampleStage&>(done.stage).Order();
+        report.Object("settings", [&](JsonWriter& json) {
+            json.Key("rate").Int(options->rate);
+            json.Key("quality").String(options->quality);
+            json.Key("filter_order").Int(order);
+        });
+        return ", from " + std::to_string(done.rate) + " Hz, " + options->quality + " quality (" +
+               std::to_string(order) + " taps)";
+    };
+    return job;
 }
 
 }  // namespace
@@ -177,7 +167,7 @@ Command AddResampleCommand(CLI::App& kesta) {
     AddReportOptions(*app, options->report);
     AddBatchOptions(*app, options->out.batch);
     return {
-        app, [options] { return RunResample(*options); },
+        app, [options] { return RunProcessing(ResampleJob(options)); },
         [options](const StageInput& in) -> std::unique_ptr<Stage> { return MakeResampleStage(*options, in.format); }};
 }
 

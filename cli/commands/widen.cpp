@@ -83,43 +83,32 @@ private:
     dsp::StereoExpanderDSP mExpander;
 };
 
-int RunWiden(const WidenOptions& options) {
+std::unique_ptr<Stage> MakeWidenStage(const WidenOptions& options, const StageInput& in) {
     CheckWidenSettings(options);
-    const Stopwatch clock;
-    Console console(options.report);
+    return std::make_unique<WidenStage>(options, in.format.channels);
+}
 
-    BlockReader reader(options.input);
-    const AudioFormat& format = reader.Format();
-    if (format.channels == 1)
-        console.Warn(Quoted(options.input) + " is mono: it is copied unchanged (widening needs two channels)");
-    else if (format.channels > 2)
-        console.Warn("only the first two of the " + std::to_string(format.channels) + " channels are mixed");
-    AudioOutput output(options.output, reader, {{options.input, reader.Identity()}}, options.out);
-    WidenStage stage(options, format.channels);
-    {
-        Progress progress("widen", reader.HeaderFrames(), format.sampleRate, console.ShowsProgress());
-        StreamStages(reader, output, {&stage}, progress);
-        output.Commit();
-    }
-    WarnAfterStream(console, reader, output, "use a smaller --width, or --float");
-
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("widen");
-        json.Key("settings").BeginObject();
-        json.Key("width_percent").Number(options.width);
-        json.Key("center_percent").Number(options.center);
-        json.EndObject();
-        WriteStreamFields(json, options.input, format, reader.FramesRead(), output, console.Warnings(), seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", width " << Percent(options.width) << " %, centre "
-                  << Percent(options.center) << " %, peak " << FormatDb(LinearToDb(output.Peak())) << " dBFS "
-                  << RealTimeText(reader.FramesRead(), format.sampleRate, seconds) << "\n";
-    }
-    return kExitOk;
+Processing WidenJob(std::shared_ptr<WidenOptions> options) {
+    Processing job = ProcessingOf("widen", *options);
+    job.timed = true;
+    job.check = [options] { CheckWidenSettings(*options); };
+    job.stage = [options](const StageInput& in) {
+        if (in.format.channels == 1)
+            in.console.Warn(Quoted(in.path) + " is mono: it is copied unchanged (widening needs two channels)");
+        else if (in.format.channels > 2)
+            in.console.Warn("only the first two of the " + std::to_string(in.format.channels) + " channels are mixed");
+        return MakeWidenStage(*options, in);
+    };
+    job.clippingAdvice = [](const AudioOutput&) { return "use a smaller --width, or --float"; };
+    job.describe = [options](JobReport& report, const ProcessingDone& done) {
+        report.Object("settings", [&](JsonWriter& json) {
+            json.Key("width_percent").Number(options->width);
+            json.Key("center_percent").Number(options->center);
+        });
+        return ", width " + Percent(options->width) + " %, centre " + Percent(options->center) + " %, peak " +
+               FormatDb(LinearToDb(done.output.Peak())) + " dBFS";
+    };
+    return job;
 }
 
 }  // namespace
@@ -137,11 +126,8 @@ Command AddWidenCommand(CLI::App& kesta) {
     AddOutputOptions(*app, options->out);
     AddReportOptions(*app, options->report);
     AddBatchOptions(*app, options->out.batch);
-    return {app, [options] { return RunWiden(*options); },
-            [options](const StageInput& in) -> std::unique_ptr<Stage> {
-                CheckWidenSettings(*options);
-                return std::make_unique<WidenStage>(*options, in.format.channels);
-            }};
+    return {app, [options] { return RunProcessing(WidenJob(options)); },
+            [options](const StageInput& in) { return MakeWidenStage(*options, in); }};
 }
 
 }  // namespace kesta

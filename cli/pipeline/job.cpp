@@ -364,18 +364,4 @@ void WriteTimings(JsonWriter& json, int64_t frames, int rate, double processSeco
     json.EndObject();
 }
 
-void WriteStreamFields(JsonWriter& json, const std::string& inputPath, const AudioFormat& inputFormat, int64_t frames,
-                       const AudioOutput& output, const std::vector<std::string>& warnings, double seconds) {
-    json.Key("input").BeginObject();
-    json.Key("file").String(inputPath);
-    WriteAudioFields(json, inputFormat, frames);
-    json.EndObject();
-    json.Key("output").BeginObject();
-    output.WriteFields(json);
-    json.EndObject();
-    WriteWarnings(json, warnings);
-    WriteRealTimeFactor(json, frames, inputFormat.sampleRate, seconds);
-    json.Key("seconds").Number(seconds);
-}
-
 }  // namespace kesta

@@ -195,10 +195,6 @@ void WarnAfterStream(Console& console, const BlockReader& reader, const AudioOut
 
 // "(1.2 s, 35x real time)" for `frames` frames at `rate` processed in `seconds`.
 std::string RealTimeText(int64_t frames, int rate, double seconds);
-// The "input" and "output" objects, "warnings", "realtime_factor" and "seconds" of a report on a
-// stream of `frames` input frames into `output`.
-void WriteStreamFields(JsonWriter& json, const std::string& inputPath, const AudioFormat& inputFormat, int64_t frames,
-                       const AudioOutput& output, const std::vector<std::string>& warnings, double seconds);
 // "realtime_factor" as a field of the object being written (null when nothing was timed).
 void WriteRealTimeFactor(JsonWriter& json, int64_t frames, int rate, double seconds);
 // The "timings" object of a report: a capture pass's seconds when there was one, the processing

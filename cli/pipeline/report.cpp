@@ -81,9 +81,15 @@ JobReport& JobReport::Line(std::string line) {
     return *this;
 }
 
+JobReport& JobReport::RealTime(int64_t frames, int rate) {
+    mRealTime.emplace(frames, rate);
+    return *this;
+}
+
 int JobReport::Print(double seconds) {
     if (mConsole.Json()) {
         WriteWarnings(mJson, mConsole.Warnings());
+        if (mRealTime) WriteRealTimeFactor(mJson, mRealTime->first, mRealTime->second, seconds);
         mJson.Key("seconds").Number(seconds);
         mJson.EndObject();
         std::cout << mJsonText.str() << '\n';  // the writer ends its document only when destroyed

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "io/audio_format.h"
@@ -60,11 +61,15 @@ public:
     // A line of the text summary (without its newline).
     JobReport& Line(std::string line);
 
+    // Adds "realtime_factor" after "warnings": `frames` at `rate` in the seconds Print is given.
+    JobReport& RealTime(int64_t frames, int rate);
+
     // Prints the report; returns kExitOk.
     int Print(double seconds);
 
 private:
     Console& mConsole;
+    std::optional<std::pair<int64_t, int>> mRealTime;  // frames, rate
     std::ostringstream mText;
     std::ostringstream mJsonText;
     JsonWriter mJson;
