@@ -34,6 +34,16 @@ constexpr double kSingleFloorLimit = 140.0;
 // Zeros kept after the held input: the last window reads up to stride - order (< 8) samples past
 // its newest tap, against zero coefficients.
 constexpr int kTailZeros = 8;
+// The held input starts at a stream index that is a multiple of this, so a window's place in
+// memory has the alignment its place in the stream has.
+constexpr int64_t kAlign = 8;
+// Zeros before and after each single-precision row: a window starting r samples past an aligned
+// index is read from that index with the row moved r taps on, so the input loads are aligned.
+constexpr int kRowLead = 8;
+
+int64_t AlignDown(int64_t index) {
+    return index & ~(kAlign - 1);
+}
 
 // I0 by its power series cut after exactly 19 terms; at large beta the cut shows in the window's
 // far sidelobes, and the table depends on it.
@@ -85,7 +95,8 @@ void Resample::CopyFrom(const Resample& other) {
     float* history = nullptr;
     try {
         table = CopyAligned(other.mTable, count);
-        tableSingle = CopyAligned(other.mTableSingle, count);
+        tableSingle =
+            CopyAligned(other.mTableSingle, static_cast<std::size_t>(other.mTableRows) * other.SingleStride());
         history = CopyAligned(other.mHistory, static_cast<std::size_t>(other.mHistoryCapacity));
     } catch (...) {
         detail::FreeAlignedArray(table);
@@ -215,6 +226,10 @@ void Resample::BuildTable(int taps, double offset, double scale, double* out) co
     }
 }
 
+std::size_t Resample::SingleStride() const {
+    return static_cast<std::size_t>(mStride) + 2 * kRowLead;
+}
+
 bool Resample::SnapshotMatches() const {
     const Snapshot& s = mSnapshot;
     return s.order == mOrder && s.stride == mStride && s.sourceRate == mSourceRate && s.destRate == mDestRate &&
@@ -240,9 +255,12 @@ void Resample::Initialize() {
         for (int i = 0; i < rows; ++i)
             BuildTable(mOrder, static_cast<double>(i) / mPhases, scale, mTable + static_cast<std::size_t>(i) * mStride);
         if (mNoiseFloor <= kSingleFloorLimit && !blend) {
-            mTableSingle = detail::AllocateAlignedArrayUninitialised<float>(count);
-            for (std::size_t i = 0; i < count; ++i)
-                mTableSingle[i] = static_cast<float>(mTable[i]);
+            mTableSingle = detail::AllocateAlignedArray<float>(static_cast<std::size_t>(rows) * SingleStride());
+            for (int i = 0; i < rows; ++i)
+                for (int j = 0; j < mOrder; ++j)
+                    mTableSingle[static_cast<std::size_t>(i) * SingleStride() + kRowLead +
+                                 static_cast<std::size_t>(j)] =
+                        static_cast<float>(mTable[static_cast<std::size_t>(i) * mStride + static_cast<std::size_t>(j)]);
         }
         mSnapshot = {mSourceRate, mDestRate, mOrder, mStride, mPhases, mStep, mNoiseFloor, mNyquistShift};
     }
@@ -259,9 +277,9 @@ void Resample::Initialize() {
 
 void Resample::ResetHistory() {
     std::fill(mHistory, mHistory + mHistoryCapacity, 0.0f);
-    // The order - 1 samples before the stream are silence.
-    mHistoryFill = mOrder - 1;
-    mHistoryStart = -(mOrder - 1);
+    // The order - 1 samples before the stream are silence (and up to 7 more, for alignment).
+    mHistoryStart = AlignDown(-(mOrder - 1));
+    mHistoryFill = static_cast<int32_t>(-mHistoryStart);
     mNextInput = 0;
     const double L = mPhases;
     const double position = (mPhaseStart + 1.0) * L;  // (x - floor(x) + 1e-12) * step + L
@@ -323,9 +341,9 @@ int Resample::ProcessInternal(float* in, float* out, int n, bool blend) {
 
     const int produced = blend ? ProduceBlended(out) : ProduceByRows(out);
 
-    // Keep what the next window needs, from its oldest tap on.
+    // Keep what the next window needs, from the aligned index at or before its oldest tap.
     const int64_t available = mHistoryStart + mHistoryFill;
-    const int64_t keepFrom = mWindowEnd - (mOrder - 1);
+    const int64_t keepFrom = AlignDown(mWindowEnd - (mOrder - 1));
     if (keepFrom >= available) {
         mHistoryFill = 0;
         mHistoryStart = keepFrom;
@@ -351,6 +369,7 @@ int Resample::ProduceByRows(float* out) {
     const int64_t stepSamples = step / L;
     const auto stepPhases = static_cast<int32_t>(step % L);
     const int span = mOrder - 1;
+    const bool alignedSteps = step % kAlign == 0;
     // Visits take windows ending in [end, end + step), so each makes `first` outputs or one fewer:
     // `first` up to some visit v*, one fewer from there on, and output v* + (first - 1) L is the
     // first one this input does not complete.
@@ -368,12 +387,18 @@ int Resample::ProduceByRows(float* out) {
             settled = true;
         }
         if (v == L || count == 0) break;
-        const float* x = mHistory + (end - span - mHistoryStart);
-        const std::size_t row = static_cast<std::size_t>(phase) * static_cast<std::size_t>(mStride);
-        if (mTableSingle != nullptr)
-            kernels.dotWindowsSingle(mTableSingle + row, x, step, static_cast<int>(count), mStride, out + v, L);
-        else
-            kernels.dotWindows(mTable + row, x, step, static_cast<int>(count), mStride, out + v, L);
+        const int64_t start = end - span;  // the window's oldest tap
+        if (mTableSingle != nullptr) {
+            const float* row = mTableSingle + static_cast<std::size_t>(phase) * SingleStride() + kRowLead;
+            // With a step that keeps the alignment, the windows are read from the aligned index
+            // before them and the row moved to match.
+            const auto r = static_cast<int>(alignedSteps ? start - AlignDown(start) : 0);
+            kernels.dotWindowsSingle(row - r, mHistory + (start - r - mHistoryStart), step, static_cast<int>(count),
+                                     (r + mOrder + 7) / 8 * 8, out + v, L);
+        } else {
+            kernels.dotWindows(mTable + static_cast<std::size_t>(phase) * static_cast<std::size_t>(mStride),
+                               mHistory + (start - mHistoryStart), step, static_cast<int>(count), mStride, out + v, L);
+        }
         produced += static_cast<int>(count);
         phase += stepPhases;
         end += stepSamples;

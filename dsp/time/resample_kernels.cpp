@@ -65,14 +65,14 @@ void DotGroup(const float* taps, const float* x, std::ptrdiff_t xStep, int count
         acc[g][0] = acc[g][1] = _mm256_setzero_ps();
     int j = 0;
     for (; j + 16 <= count; j += 16) {
-        const __m256 t0 = _mm256_load_ps(taps + j), t1 = _mm256_load_ps(taps + j + 8);
+        const __m256 t0 = _mm256_loadu_ps(taps + j), t1 = _mm256_loadu_ps(taps + j + 8);
         for (int g = 0; g < G; ++g) {
             acc[g][0] = _mm256_add_ps(acc[g][0], _mm256_mul_ps(t0, _mm256_loadu_ps(x + g * xStep + j)));
             acc[g][1] = _mm256_add_ps(acc[g][1], _mm256_mul_ps(t1, _mm256_loadu_ps(x + g * xStep + j + 8)));
         }
     }
     if (j < count) {
-        const __m256 t0 = _mm256_load_ps(taps + j);
+        const __m256 t0 = _mm256_loadu_ps(taps + j);
         for (int g = 0; g < G; ++g)
             acc[g][0] = _mm256_add_ps(acc[g][0], _mm256_mul_ps(t0, _mm256_loadu_ps(x + g * xStep + j)));
     }
@@ -128,20 +128,34 @@ double Dot(const double* taps, const float* x, int count) {
     return y;
 }
 
+// out[g * outStep] = (float)dot(taps, x + g * xStep) for g < G.
+template <int G, typename Tap>
+void EmitGroup(const Tap* taps, const float* x, std::ptrdiff_t xStep, int count, float* out, std::ptrdiff_t outStep) {
+    double y[G];
+    DotGroup<G>(taps, x, xStep, count, y);
+    for (int g = 0; g < G; ++g)
+        out[g * outStep] = static_cast<float>(y[g]);
+}
+
 template <int Group, typename Tap>
 void DotWindows(const Tap* taps, const float* x, std::ptrdiff_t xStep, int windows, int count, float* out,
                 std::ptrdiff_t outStep) {
-    double y[Group];
     int i = 0;
-    for (; i + Group <= windows; i += Group) {
-        DotGroup<Group>(taps, x + i * xStep, xStep, count, y);
-        for (int g = 0; g < Group; ++g)
-            out[(i + g) * outStep] = static_cast<float>(y[g]);
-    }
-    for (; i < windows; ++i) {
-        DotGroup<1>(taps, x + i * xStep, xStep, count, y);
-        out[i * outStep] = static_cast<float>(y[0]);
-    }
+    for (; i + Group <= windows; i += Group)
+        EmitGroup<Group>(taps, x + i * xStep, xStep, count, out + i * outStep, outStep);
+    // The few left over still share the row's loads.
+    if constexpr (Group > 3)
+        if (windows - i == 3) {
+            EmitGroup<3>(taps, x + i * xStep, xStep, count, out + i * outStep, outStep);
+            return;
+        }
+    if constexpr (Group > 2)
+        if (windows - i >= 2) {
+            EmitGroup<2>(taps, x + i * xStep, xStep, count, out + i * outStep, outStep);
+            i += 2;
+        }
+    for (; i < windows; ++i)
+        EmitGroup<1>(taps, x + i * xStep, xStep, count, out + i * outStep, outStep);
 }
 
 }  // namespace

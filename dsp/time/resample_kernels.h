@@ -23,6 +23,7 @@ struct ResampleKernels {
                        std::ptrdiff_t outStep);
     // The same with the row in single precision: products and lane sums in float, the 16 lane
     // sums then added in double as above. About 24 bits: enough under a stop band of 140 dB.
+    // The row need not be aligned (the caller moves it to align the windows instead).
     void (*dotWindowsSingle)(const float* taps, const float* x, std::ptrdiff_t xStep, int windows, int count,
                              float* out, std::ptrdiff_t outStep);
 };

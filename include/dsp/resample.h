@@ -104,6 +104,8 @@ private:
     void BuildTable(int taps, double offset, double scale, double* out) const;
     double CutoffScale() const;
     bool SnapshotMatches() const;
+    // Row length of the single-precision table: the stride with zeros on both sides.
+    std::size_t SingleStride() const;
     void ResetHistory();
     void Release();
     void CopyFrom(const Resample& other);
@@ -134,7 +136,8 @@ private:
     // mTableRows rows of mStride coefficients: one per phase, plus row L (the centre one whole
     // input sample on) when phases are blended. 64-byte aligned.
     double* mTable = nullptr;
-    // The same rows rounded to float, for floors the single-precision loop serves; else null.
+    // The same rows rounded to float, for floors the single-precision loop serves, with zeros on
+    // both sides (SingleStride); else null.
     float* mTableSingle = nullptr;
     int32_t mTableRows = 0;
     // Input carried between calls and the chunk being filtered: the newest order - 1 samples (less
