@@ -37,13 +37,14 @@ holds round(frames x rate / input rate) frames, the same duration; markers move 
 44.1 to 48 kHz: pass band, stop band from the lower Nyquist frequency up, THD+N of a 1 kHz tone
 at -6 dBFS, input samples per second of one 2.1 GHz core):
 
-  fast       flat to 0.9 x Nyquist (-0.012 dB at 20 kHz), stop band -90 dB,  THD+N -115 dB, 50 M/s
-  standard   flat to 0.9 x Nyquist (-0.001 dB at 20 kHz), stop band -130 dB, THD+N -147 dB, 35 M/s
+  fast       flat to 0.9 x Nyquist (-0.012 dB at 20 kHz), stop band -90 dB,  THD+N -115 dB, 150 M/s
+  standard   flat to 0.9 x Nyquist (-0.001 dB at 20 kHz), stop band -130 dB, THD+N -142 dB, 120 M/s
              (the default)
-  high       flat to 0.91 x Nyquist (within 0.00001 dB), stop band -150 dB, THD+N -151 dB, 26 M/s
-  best       flat to 0.92 x Nyquist (within 0.00001 dB), stop band -166 dB, THD+N -151 dB, 20 M/s
+  high       flat to 0.91 x Nyquist (within 0.00001 dB), stop band -150 dB, THD+N -151 dB, 48 M/s
+  best       flat to 0.92 x Nyquist (within 0.00001 dB), stop band -166 dB, THD+N -151 dB, 38 M/s
 
-Upsampling costs more per input sample (44.1 to 96 kHz: 17 M/s at standard). The output keeps
+fast and standard compute in single precision, high and best in double. Upsampling costs more
+per input sample (44.1 to 96 kHz: 65 M/s at standard). The output keeps
 the input's container and encoding; --bits or --float choose another. A float output keeps the
 float filter's precision; 16-bit output adds its own rounding (about -98 dB).
 
