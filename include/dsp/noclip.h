@@ -17,9 +17,10 @@
 //  - the polynomial method redraws the run from the shape of the signal at its edges (details at
 //    DoPolyNomialInterpolation); with useFFT, runs of length - 1 >= 3 * fftSize / 4 are redrawn by
 //    the spectral method instead (sinusoids carried across the run from frames on both sides);
-//  - when fillInMargin > 16, the CFillIn engine then re-synthesises runs of up to
+//  - when fillInMargin > 16, the CFillIn engine re-synthesises runs of up to
 //    min(fillInMargin, 64) samples from four times that much context on each side (least-squares
-//    autoregressive fill);
+//    autoregressive fill) instead; the redraw still gives such a run its shape in the context its
+//    neighbours are filled from;
 //  - a clipped sample's true value lies beyond the level it was flattened to, so the redrawn
 //    samples are finally held at least at their observed values on the clipped side.
 // Only samples inside the ranges change; every other sample leaves the repair as it came in.

@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <initializer_list>
 
+#include "dsp/core/kernel_dispatch.h"
 #include "dsp/noclip.h"
+#include "dsp/restoration/noclip/fill_in_kernels.h"
 
 namespace dsp {
 
@@ -28,22 +30,21 @@ void CFillIn::Init(int length, int /*reserved*/) {
     mUnknown.assign(span, 0);
 }
 
+namespace fillin {
+
+const FillInKernels& FillInKernelsFor(detail::Isa isa) {
+    static const FillInKernels& best =
+        detail::PickKernels(portable::FillInKernelTable(), KESTADSP_AVX2_TABLE(avx2::FillInKernelTable()));
+    if (isa == detail::Isa::Best) return best;
+    return detail::PickKernels(portable::FillInKernelTable(), KESTADSP_AVX2_TABLE(avx2::FillInKernelTable()), isa);
+}
+
+}  // namespace fillin
+
 namespace {
 
-// The sum of a[i] b[i] for i < n, in four interleaved running sums added in a fixed order: a
-// single sum would wait on every addition before the next.
 double Dot(const double* a, const double* b, int n) {
-    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-    int i = 0;
-    for (; i + 4 <= n; i += 4) {
-        s0 += a[i] * b[i];
-        s1 += a[i + 1] * b[i + 1];
-        s2 += a[i + 2] * b[i + 2];
-        s3 += a[i + 3] * b[i + 3];
-    }
-    for (; i < n; ++i)
-        s0 += a[i] * b[i];
-    return (s0 + s1) + (s2 + s3);
+    return fillin::FillInKernelsFor().dot(a, b, n);
 }
 
 }  // namespace
@@ -109,6 +110,11 @@ bool CFillIn::FillInNow(int first, int last, float* samples, float* /*reservedBu
     for (int i = 0; i < n; ++i)
         if (mask == nullptr || mask[i]) mUnknown[count++] = K + i;
     if (count == 0) return false;
+    // With a mask the unknowns are zeroed in the window, so that every sample within the order of
+    // an unknown can be summed into its right-hand side: the unknowns add nothing.
+    if (mask != nullptr)
+        for (int a = 0; a < count; ++a)
+            mWindow[mUnknown[a]] = 0.0;
 
     // The prediction error summed over every output that sees an unknown is a quadratic form whose
     // matrix is c[|u - v|] on the unknowns (the context is at least the order wide, so no output is
@@ -126,56 +132,28 @@ bool CFillIn::FillInNow(int first, int last, float* samples, float* /*reservedBu
             for (int j = std::max(K + n, lo); j <= hi; ++j)
                 rhs -= c[j - u] * mWindow[j];
         } else {
-            for (int j = lo; j <= hi; ++j) {
-                const bool unknown = j >= K && j < K + n && mask[j - K];
-                if (!unknown) rhs -= c[std::abs(j - u)] * mWindow[j];
-            }
+            for (int j = lo; j < u; ++j)
+                rhs -= c[u - j] * mWindow[j];
+            for (int j = u; j <= hi; ++j)
+                rhs -= c[j - u] * mWindow[j];
         }
         mRhs[a] = rhs;
     }
-    // Banded Cholesky, column by column, each column's update of the rows below it a run of
-    // independent products (unknowns more than the order apart never meet in one output). Row a
-    // holds L[a][k] for k = a - p ... a at mBand[a * p1 + k - a + p], so that rows run forwards.
+    // The matrix, row a holding L[a][k] for k = a - p ... a at mBand[a * p1 + k - a + p] so that
+    // rows run forwards; then the banded Cholesky solve.
     double* L = mBand.data();
-    auto row = [&](int a) { return L + a * p1 + p - a; };  // row(a)[k] = L[a][k]
     for (int a = 0; a < count; ++a) {
-        double* la = row(a);
+        double* la = L + a * p1 + p - a;
         for (int k = std::max(0, a - p); k <= a; ++k) {
             const int gap = mUnknown[a] - mUnknown[k];
             la[k] = gap <= p ? c[gap] : 0.0;
         }
     }
-    double* column = mScratch.data();  // L[k + 1 ... k + p][k]
-    for (int k = 0; k < count; ++k) {
-        double* lk = row(k);
-        if (!(lk[k] > 0.0)) return false;
-        lk[k] = std::sqrt(lk[k]);
-        const int below = std::min(count - 1, k + p) - k;
-        for (int i = 1; i <= below; ++i) {
-            row(k + i)[k] /= lk[k];
-            column[i] = row(k + i)[k];
-        }
-        for (int i = 1; i <= below; ++i) {
-            double* la = row(k + i) + k;
-            const double f = column[i];
-            for (int j = 1; j <= i; ++j)
-                la[j] -= f * column[j];
-        }
-    }
-    for (int a = 0; a < count; ++a) {  // forward: L y = rhs
-        const int from = std::max(0, a - p);
-        mRhs[a] = (mRhs[a] - Dot(row(a) + from, mRhs.data() + from, a - from)) / row(a)[a];
-    }
-    for (int a = count - 1; a >= 0; --a) {  // backward: L^T x = y
-        double sum = mRhs[a];
-        for (int k = a + 1; k <= std::min(count - 1, a + p); ++k)
-            sum -= row(k)[a] * mRhs[k];
-        mRhs[a] = sum / row(a)[a];
-    }
+    if (!fillin::FillInKernelsFor().solveBanded(L, mScratch.data(), mRhs.data(), count, p)) return false;
     const double share = static_cast<double>(strength) / 100.0;
     for (int a = 0; a < count; ++a) {
         float& s = samples[first + mUnknown[a] - K];
-        s = static_cast<float>(s + share * (mRhs[a] - s));
+        s = static_cast<float>(share == 1.0 ? mRhs[a] : s + share * (mRhs[a] - s));
     }
     return true;
 }

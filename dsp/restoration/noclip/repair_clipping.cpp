@@ -195,8 +195,10 @@ long RepairClipping::Repair(long length) {
             if (r.done != 0) continue;
             const long first = static_cast<long>(r.start - T) + mPre;
             const long last = first + r.length - 1;
-            DoInterpolation(context, c, first, last, r.length - 1);
-            if (FillInFits(first, last)) mFillIn.FillInNow(first, last, context[c], nullptr, 100.0f, 0.0f, nullptr);
+            // The fill-in replaces the whole run from its surroundings alone, so the redraw is needed
+            // only where the fill-in cannot run.
+            if (!FillInFits(first, last) || !mFillIn.FillInNow(first, last, context[c], nullptr, 100.0f, 0.0f, nullptr))
+                DoInterpolation(context, c, first, last, r.length - 1);
             HoldClippedSide(c, first, last);
             std::copy(context[c] + first, context[c] + last + 1, work[c] + first);
             r.done = 1;
@@ -338,16 +340,28 @@ void RepairClipping::DoPolyNomialInterpolation(float** buffers, long channel, lo
         level = std::max(level, std::fabs(static_cast<double>(x[i])));
     const double bound = 3.0 * level;
     const int passes = trend > 0.0 ? kTrendPasses : 1;
+    // A pass changes only the run's samples, so the low-passed slopes of the next pass are those of
+    // this one plus what the change adds through the slope kernel's taps over the run (the kernel
+    // is stored reversed: sample j weighs entry j - index + 321 at the slope taken at index).
+    const long taps = static_cast<long>(mSlopeKernel.size());
+    const auto tap = [&](long q) { return q >= 0 && q < taps ? mSlopeKernel[static_cast<std::size_t>(q)] : 0.0; };
+    double lowS0 = 0.0, lowS1 = 0.0;
+    if (trend > 0.0) FindFIRLowPassedSlopes(c, first, last, &lowS0, &lowS1);
     for (int pass = 0; pass < passes; ++pass) {
-        double lowS0 = 0.0, lowS1 = 0.0;
-        if (trend > 0.0) FindFIRLowPassedSlopes(c, first, last, &lowS0, &lowS1);
         const double ts0 = s0 + trend * (lowS0 - s0), ts1 = s1 + trend * (lowS1 - s1);
+        const bool again = pass + 1 < passes;
         for (long i = first; i <= last; ++i) {
             const double t = static_cast<double>(i - first + 1), tr = D - t;
             double y = Cubic(t / D, D, v0, ts0, v1, ts1);
             if (t < 3.0) y += (s0 - ts0) * t * EdgeFade(t);  // the fades are 0 from 3 samples on
             if (tr < 3.0) y -= (s1 - ts1) * tr * EdgeFade(tr);
-            x[i] = static_cast<float>(std::clamp(y, -bound, bound));
+            const float drawn = static_cast<float>(std::clamp(y, -bound, bound));
+            if (again) {
+                const double change = static_cast<double>(drawn) - static_cast<double>(x[i]);
+                lowS0 += tap(i - first + 1 + kLowPassHalf + 1) * change;
+                lowS1 += tap(i - last - 2 + kLowPassHalf + 1) * change;
+            }
+            x[i] = drawn;
         }
     }
 }

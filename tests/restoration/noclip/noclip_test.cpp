@@ -2,7 +2,8 @@
 // runs across blocks, tones clipped at half their peak against runs read off the unclipped tone);
 // repair of clipped tones against the unclipped original, with every sample outside the runs
 // untouched, at any block size, with the gain stage and limiter, and past ranges too long for a
-// block; the fill-in engine on a gap in a tone.
+// block; the fill-in engine on a gap in a tone, and its banded solve against a dense one in every
+// build.
 
 #include "dsp/noclip.h"
 
@@ -13,6 +14,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "dsp/restoration/noclip/fill_in_kernels.h"
 #include "support/metrics.h"
 #include "support/signals.h"
 
@@ -312,6 +314,86 @@ TEST(CFillIn, GapInAToneIsFilledFromItsSurroundings) {
     Signal x = clean;
     EXPECT_FALSE(small.FillInNow(300, 308, x.data(), nullptr, 100.0f, 0.0f, nullptr));  // 9 > 16 / 2
     EXPECT_EQ(x, clean);
+}
+
+// A band matrix of the fill-in's kind (the autocorrelation of a filter, plus a little on the
+// diagonal), sizes that are and are not multiples of the vector widths, half-widths wider and
+// narrower than the system: each build's solution against Gaussian elimination on the dense
+// matrix in long double, and the builds against each other bit for bit.
+TEST(CFillIn, BandedSolveMatchesADenseSolveInEveryBuild) {
+    using dsp::detail::Isa;
+    struct Case {
+        int count, p;
+    };
+    const Case cases[] = {{1, 4}, {7, 32}, {33, 32}, {64, 32}, {61, 5}};
+    Random random(11);
+    for (const Case& k : cases) {
+        std::vector<double> filter(static_cast<std::size_t>(k.p) + 1);
+        for (double& f : filter)
+            f = random.Gaussian();
+        auto c = [&](int gap) {  // sum of filter[i] filter[i + gap]
+            double sum = gap == 0 ? 1e-3 : 0.0;
+            for (int i = 0; i + gap <= k.p; ++i)
+                sum += filter[static_cast<std::size_t>(i)] * filter[static_cast<std::size_t>(i + gap)];
+            return sum;
+        };
+        const int n = k.count, p1 = k.p + 1;
+        std::vector<double> rhs(static_cast<std::size_t>(n));
+        for (double& v : rhs)
+            v = random.Gaussian();
+
+        std::vector<long double> dense(static_cast<std::size_t>(n * (n + 1)));
+        auto at = [&](int r, int col) -> long double& { return dense[static_cast<std::size_t>(r * (n + 1) + col)]; };
+        for (int r = 0; r < n; ++r) {
+            for (int col = 0; col < n; ++col)
+                at(r, col) = std::abs(r - col) <= k.p ? c(std::abs(r - col)) : 0.0L;
+            at(r, n) = rhs[static_cast<std::size_t>(r)];
+        }
+        for (int col = 0; col < n; ++col)
+            for (int r = col + 1; r < n; ++r) {
+                const long double f = at(r, col) / at(col, col);
+                for (int j = col; j <= n; ++j)
+                    at(r, j) -= f * at(col, j);
+            }
+        std::vector<long double> expected(static_cast<std::size_t>(n));
+        for (int r = n - 1; r >= 0; --r) {
+            long double sum = at(r, n);
+            for (int j = r + 1; j < n; ++j)
+                sum -= at(r, j) * expected[static_cast<std::size_t>(j)];
+            expected[static_cast<std::size_t>(r)] = sum / at(r, r);
+        }
+
+        std::vector<std::vector<double>> solutions;
+        for (const Isa isa : {Isa::Portable, Isa::Avx2Fma}) {
+            if (!dsp::detail::IsaAvailable(isa)) continue;
+            std::vector<double> band(static_cast<std::size_t>(n * p1)), column(static_cast<std::size_t>(p1));
+            for (int a = 0; a < n; ++a)
+                for (int j = std::max(0, a - k.p); j <= a; ++j)
+                    band[static_cast<std::size_t>(a * p1 + j - a + k.p)] = c(a - j);
+            std::vector<double> x = rhs;
+            ASSERT_TRUE(dsp::fillin::FillInKernelsFor(isa).solveBanded(band.data(), column.data(), x.data(), n, k.p));
+            long double largest = 0.0L, worst = 0.0L;
+            for (int i = 0; i < n; ++i) {
+                largest = std::max(largest, std::fabs(expected[static_cast<std::size_t>(i)]));
+                worst =
+                    std::max(worst, std::fabs(x[static_cast<std::size_t>(i)] - expected[static_cast<std::size_t>(i)]));
+            }
+            EXPECT_LT(static_cast<double>(worst / largest), 1e-9) << n << " unknowns, half-width " << k.p;
+            solutions.push_back(x);
+        }
+        if (solutions.size() == 2) {
+            EXPECT_TRUE(solutions[0] == solutions[1]) << n << " unknowns";
+        }
+
+        // The dot product, whose four running sums every build keeps alike.
+        std::vector<double> a(static_cast<std::size_t>(n) + 3), b(a.size());
+        for (std::size_t i = 0; i < a.size(); ++i)
+            a[i] = random.Gaussian(), b[i] = random.Gaussian();
+        if (dsp::detail::IsaAvailable(Isa::Avx2Fma)) {
+            EXPECT_EQ(dsp::fillin::FillInKernelsFor(Isa::Portable).dot(a.data(), b.data(), int(a.size())),
+                      dsp::fillin::FillInKernelsFor(Isa::Avx2Fma).dot(a.data(), b.data(), int(a.size())));
+        }
+    }
 }
 
 }  // namespace

@@ -1,0 +1,90 @@
+// The fill-in's dot products and banded solve, built once per instruction set (kesta_add_kernels):
+// four doubles at a time where the build has AVX, two with SSE2 (x86-64), the rest in plain
+// arithmetic, always in the order fill_in_kernels.h gives.
+
+#include "dsp/restoration/noclip/fill_in_kernels.h"
+
+#include <algorithm>
+#include <cmath>
+
+#if defined(__AVX__)
+#include <immintrin.h>
+#endif
+
+namespace dsp::fillin::KESTADSP_ISA {
+
+namespace {
+
+double Dot(const double* a, const double* b, int n) {
+    int i = 0;
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+#if defined(__AVX__)
+    __m256d sum = _mm256_setzero_pd();
+    for (; i + 4 <= n; i += 4)
+        sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(a + i), _mm256_loadu_pd(b + i)));
+    alignas(32) double lanes[4];
+    _mm256_store_pd(lanes, sum);
+    s0 = lanes[0], s1 = lanes[1], s2 = lanes[2], s3 = lanes[3];
+#else
+    for (; i + 4 <= n; i += 4) {
+        s0 += a[i] * b[i];
+        s1 += a[i + 1] * b[i + 1];
+        s2 += a[i + 2] * b[i + 2];
+        s3 += a[i + 3] * b[i + 3];
+    }
+#endif
+    for (; i < n; ++i)
+        s0 += a[i] * b[i];
+    return (s0 + s1) + (s2 + s3);
+}
+
+// x[j] -= f * y[j] for j < n.
+void SubtractScaled(double* x, const double* y, double f, int n) {
+    int j = 0;
+#if defined(__AVX__)
+    const __m256d f4 = _mm256_set1_pd(f);
+    for (; j + 4 <= n; j += 4)
+        _mm256_storeu_pd(x + j, _mm256_sub_pd(_mm256_loadu_pd(x + j), _mm256_mul_pd(f4, _mm256_loadu_pd(y + j))));
+#endif
+    for (; j < n; ++j)
+        x[j] -= f * y[j];
+}
+
+// Column by column, each column's update of the rows below it a run of independent products
+// (unknowns more than p apart never meet); then L y = rhs forwards and L^T x = y backwards.
+bool SolveBanded(double* band, double* column, double* rhs, int count, int p) {
+    const int p1 = p + 1;
+    auto row = [&](int a) { return band + a * p1 + p - a; };  // row(a)[k] = L[a][k]
+    for (int k = 0; k < count; ++k) {
+        double* lk = row(k);
+        if (!(lk[k] > 0.0)) return false;
+        lk[k] = std::sqrt(lk[k]);
+        const int below = std::min(count - 1, k + p) - k;
+        for (int i = 1; i <= below; ++i) {
+            row(k + i)[k] /= lk[k];
+            column[i] = row(k + i)[k];
+        }
+        for (int i = 1; i <= below; ++i)
+            SubtractScaled(row(k + i) + k + 1, column + 1, column[i], i);
+    }
+    for (int a = 0; a < count; ++a) {
+        const int from = std::max(0, a - p);
+        rhs[a] = (rhs[a] - Dot(row(a) + from, rhs + from, a - from)) / row(a)[a];
+    }
+    for (int a = count - 1; a >= 0; --a) {
+        double sum = rhs[a];
+        for (int k = a + 1; k <= std::min(count - 1, a + p); ++k)
+            sum -= row(k)[a] * rhs[k];
+        rhs[a] = sum / row(a)[a];
+    }
+    return true;
+}
+
+}  // namespace
+
+const FillInKernels& FillInKernelTable() {
+    static const FillInKernels table{Dot, SolveBanded};
+    return table;
+}
+
+}  // namespace dsp::fillin::KESTADSP_ISA

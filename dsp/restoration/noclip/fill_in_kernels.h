@@ -1,0 +1,32 @@
+#pragma once
+// The fill-in's inner loops (not exported), built once per instruction set (fill_in_kernels.cpp,
+// see dsp/core/kernel_dispatch.h): dot products and the banded Cholesky solve. Every build does
+// the same correctly rounded operations in the same order (no fused multiply-add): a dot product
+// is four running sums, each of every fourth product, added as (s0 + s1) + (s2 + s3) at the end,
+// however many of them a vector holds; the Cholesky updates are independent products. So every
+// build gives the same bits.
+
+#include "dsp/core/cpu.h"
+
+namespace dsp::fillin {
+
+struct FillInKernels {
+    // The sum of a[i] b[i] for i < n.
+    double (*dot)(const double* a, const double* b, int n);
+    // Solves A x = rhs in place for the symmetric positive-definite band matrix A of half-width p
+    // (count unknowns). Row a of `band` holds A[a][k] for k = a - p ... a at band[a * (p + 1) + k - a + p]
+    // on entry and the Cholesky factor's row on return; `column` is scratch of p + 1. False when A
+    // is not positive definite (rhs is then left part-solved).
+    bool (*solveBanded)(double* band, double* column, double* rhs, int count, int p);
+};
+
+namespace portable {
+const FillInKernels& FillInKernelTable();
+}
+namespace avx2 {
+const FillInKernels& FillInKernelTable();
+}
+
+const FillInKernels& FillInKernelsFor(detail::Isa isa = detail::Isa::Best);
+
+}  // namespace dsp::fillin
