@@ -76,8 +76,8 @@ private:
 class KESTADSP_API FindClicks : public DSPMultiPassAnalyzer {
 public:
     explicit FindClicks(const NOCLICK* record);
-    FindClicks(const FindClicks& other) = default;
-    FindClicks& operator=(const FindClicks& other) = default;
+    FindClicks(const FindClicks& other);
+    FindClicks& operator=(const FindClicks& other);
     ~FindClicks() override;
 
     using DSPMultiPassAnalyzer::Analyze;
@@ -102,6 +102,8 @@ protected:
 private:
     virtual void Detect(long offset, long count);
     void Report(int channel, const utils::Range& click);
+    // Room for the lists detection appends to.
+    void Reserve();
 
     NOCLICK mRecord;
     ClickModels mModels;

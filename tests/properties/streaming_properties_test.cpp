@@ -34,6 +34,7 @@
 #include "dsp/silence.h"
 #include "dsp/stereo_expander.h"
 #include "dsp/white_noise.h"
+#include "property_inputs.h"
 #include "restoration/restoration_setup.h"
 #include "support/allocation_counter.h"
 #include "support/click_support.h"
@@ -46,7 +47,7 @@ using kesta::test::Channels;
 using kesta::test::Random;
 using kesta::test::Signal;
 
-constexpr int kChannels = 2;
+using namespace kesta::test::properties;
 
 // A streaming object behind one interface: frames in, whatever it produces out.
 class Stream {
@@ -90,13 +91,6 @@ private:
     T mObject;
 };
 
-// A setting a row can move: its range, and the function that applies it.
-struct Knob {
-    std::string name;
-    float minimum;
-    float maximum;
-};
-
 struct Row {
     std::string name;
     bool takesRate;
@@ -110,8 +104,6 @@ struct Row {
 };
 
 // ---- Streaming ---------------------------------------------------------------------------------
-
-using Sizes = std::vector<int>;
 
 // x followed by `tail` frames of silence, through `stream` in blocks of `sizes` (cycled), the
 // output gathered. With `allocations`, the allocations made by the processing calls are counted.
@@ -151,9 +143,7 @@ std::string Difference(const Channels& a, const Channels& b) {
     if (a.size() != b.size()) return "channel counts differ";
     for (std::size_t c = 0; c < a.size(); ++c) {
         if (a[c].size() != b[c].size()) return "lengths differ in channel " + std::to_string(c);
-        const auto at = std::mismatch(a[c].begin(), a[c].end(), b[c].begin(), [](float x, float y) {
-            return std::bit_cast<uint32_t>(x) == std::bit_cast<uint32_t>(y);
-        });
+        const auto at = std::mismatch(a[c].begin(), a[c].end(), b[c].begin(), SameBits<float>);
         if (at.first != a[c].end())
             return "channel " + std::to_string(c) + " frame " + std::to_string(at.first - a[c].begin()) + ": " +
                    std::to_string(*at.first) + " vs " + std::to_string(*at.second);
@@ -164,50 +154,6 @@ std::string Difference(const Channels& a, const Channels& b) {
 Channels WithTail(Channels x, int frames) {
     for (Signal& s : x)
         s.resize(s.size() + static_cast<std::size_t>(frames), 0.0f);
-    return x;
-}
-
-// A random partition: single frames, primes and any size up to 8192, mixed.
-Sizes Partition(uint64_t seed) {
-    static constexpr int kPrimes[] = {2, 3, 5, 7, 13, 31, 127, 257, 509, 1021, 2039, 4093, 8191};
-    Random random(seed);
-    Sizes sizes;
-    for (int i = 0; i < 64; ++i) {
-        const double kind = random.Uniform();
-        sizes.push_back(kind < 0.15 ? 1 : kind < 0.5 ? kPrimes[random.UniformInt(0, 12)] : random.UniformInt(1, 8192));
-    }
-    return sizes;
-}
-
-// Programme: two channels of tones in noise with a few sharp clicks.
-Channels Programme(std::size_t frames) {
-    Channels x = kesta::test::NoiseChannels(kChannels, frames, 7, 0.05);
-    for (int c = 0; c < kChannels; ++c) {
-        const Signal tone = kesta::test::Sine(frames, 330.0 + 270.0 * c, 44100.0, 0.4);
-        for (std::size_t i = 0; i < frames; ++i)
-            x[c][i] += tone[i];
-        for (std::size_t i = 1500 + 400 * c; i < frames; i += 5000)
-            x[c][i] = 0.95f;
-    }
-    return x;
-}
-
-// Full-scale square wave, DC, silence, a single-sample impulse and denormal-range noise in a row.
-Channels Hostile() {
-    constexpr std::size_t kPart = 1024;
-    Signal s;
-    for (std::size_t i = 0; i < kPart; ++i)
-        s.push_back((i / 37) % 2 ? -1.0f : 1.0f);
-    s.insert(s.end(), kPart, 1.0f);
-    s.insert(s.end(), kPart, 0.0f);
-    s.push_back(1.0f);
-    s.insert(s.end(), kPart - 1, 0.0f);
-    Random random(3);
-    const float tiny = std::numeric_limits<float>::denorm_min();
-    for (std::size_t i = 0; i < kPart; ++i)
-        s.push_back(static_cast<float>(random.UniformInt(-1 << 20, 1 << 20)) * tiny);
-    Channels x(kChannels, s);
-    std::reverse(x[1].begin(), x[1].end());
     return x;
 }
 
@@ -728,8 +674,6 @@ void PrintTo(const Row& row, std::ostream* out) {
 
 class StreamingProperties : public testing::TestWithParam<Row> {};
 
-constexpr int kPartitions = 50;
-
 // Every partition gives the bits of one block, and no processing call allocates.
 TEST_P(StreamingProperties, AnyPartitionGivesTheBitsOfOneBlock) {
     const Row& row = GetParam();
@@ -782,7 +726,7 @@ TEST_P(StreamingProperties, OutputStaysFiniteAndBoundedAtEverySetting) {
             std::vector<float> values = {0.0f};
             if (knob >= 0) {
                 const Knob& k = row.knobs[static_cast<std::size_t>(knob)];
-                values = {k.minimum, 0.5f * (k.minimum + k.maximum), k.maximum};
+                values = KnobValues(k);
             }
             for (float value : values) {
                 auto stream = row.make(rate, knob, value);

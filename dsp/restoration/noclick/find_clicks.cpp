@@ -7,8 +7,6 @@ namespace dsp::noclick {
 
 FindClicks::FindClicks(const NOCLICK* record) : DSPMultiPassAnalyzer(1) {
     CopyParameter(record, &mRecord, true);
-    for (auto& list : mRecord.foundClicks)
-        list.reserve(100);
     mModels.Create(mRecord, kBlock);
     const int channels = std::max(mRecord.channels, 0);
     mRing.Allocate(channels, 2 * kRead);
@@ -16,13 +14,41 @@ FindClicks::FindClicks(const NOCLICK* record) : DSPMultiPassAnalyzer(1) {
     mBlocks.resize(channels);
     mPending.resize(channels);
     mTrain.resize(channels);
-    for (int c = 0; c < channels; ++c) {
+    Reserve();
+    for (int c = 0; c < channels; ++c)
+        mBlocks[c] = mBlockStore.data() + static_cast<std::size_t>(c) * kRead;
+}
+
+// A copied vector holds only its elements, so a copy reserves again: detection then appends to
+// the lists without allocating, in the copy as in the original.
+FindClicks::FindClicks(const FindClicks& other) : DSPMultiPassAnalyzer(other) {
+    *this = other;
+}
+
+FindClicks& FindClicks::operator=(const FindClicks& other) {
+    DSPMultiPassAnalyzer::operator=(other);
+    mRecord = other.mRecord;
+    mModels = other.mModels;
+    mRing = other.mRing;
+    mBlockStore = other.mBlockStore;
+    mBlocks = other.mBlocks;
+    mPending = other.mPending;
+    mTrain = other.mTrain;
+    mTrainNow = other.mTrainNow;
+    mNewSamples = other.mNewSamples;
+    mRingPosition = other.mRingPosition;
+    Reserve();
+    return *this;
+}
+
+void FindClicks::Reserve() {
+    for (auto& list : mRecord.foundClicks)
+        list.reserve(100);
+    for (std::size_t c = 0; c < mPending.size(); ++c) {
         mPending[c].reserve(kBlock / 2 + 1);
         mTrain[c].reserve(kBlock / 2 + 1);
     }
     mTrainNow.reserve(kBlock / 2 + 1);
-    for (int c = 0; c < channels; ++c)
-        mBlocks[c] = mBlockStore.data() + static_cast<std::size_t>(c) * kRead;
 }
 
 FindClicks::~FindClicks() = default;
