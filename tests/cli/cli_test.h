@@ -28,6 +28,9 @@ struct RunResult {
 // Runs `kesta args...` in `cwd`. A non-zero `fileSizeLimit` caps the size of any file it writes
 // (RLIMIT_FSIZE with SIGXFSZ ignored: writing past it fails as a full disk would).
 RunResult RunKesta(const std::vector<std::string>& args, const std::filesystem::path& cwd = {}, long fileSizeLimit = 0);
+// As a user whom file permissions stop: nobody when the tests run as root. The files it is to
+// reach must be open to others.
+RunResult RunKestaUnprivileged(const std::vector<std::string>& args);
 // With stderr on a pseudo-terminal; `err` is what the terminal received. nullopt without one.
 std::optional<RunResult> RunKestaOnTerminal(const std::vector<std::string>& args);
 

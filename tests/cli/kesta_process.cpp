@@ -1,5 +1,7 @@
 #include <fcntl.h>
+#include <grp.h>
 #include <pty.h>
+#include <pwd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -38,8 +40,22 @@ std::string ReadAll(int fd) {
     return text;
 }
 
+// The user kesta runs as when a test asks for an unprivileged one: nobody when the tests run as
+// root (whom no permission stops), else the test's own user, already unprivileged.
+struct User {
+    uid_t uid;
+    gid_t gid;
+};
+std::optional<User> Unprivileged(bool wanted) {
+    if (!wanted || ::geteuid() != 0) return std::nullopt;
+    const struct passwd* nobody = ::getpwnam("nobody");
+    if (nobody == nullptr) throw std::runtime_error("no user 'nobody' to run kesta as");
+    return User{nobody->pw_uid, nobody->pw_gid};
+}
+
 pid_t Spawn(const std::vector<std::string>& args, const std::filesystem::path& cwd, int out, int err,
-            long fileSizeLimit) {
+            long fileSizeLimit, bool unprivileged = false) {
+    const std::optional<User> user = Unprivileged(unprivileged);
     std::vector<std::string> argv = {KESTA_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> raw;
@@ -50,6 +66,8 @@ pid_t Spawn(const std::vector<std::string>& args, const std::filesystem::path& c
     const pid_t pid = ::fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
+        if (user && (::setgroups(0, nullptr) != 0 || ::setgid(user->gid) != 0 || ::setuid(user->uid) != 0))
+            ::_exit(125);
         if (!cwd.empty() && ::chdir(cwd.c_str()) != 0) ::_exit(126);
         if (fileSizeLimit > 0) {
             const struct rlimit limit = {rlim_t(fileSizeLimit), rlim_t(fileSizeLimit)};
@@ -90,6 +108,11 @@ std::vector<std::string> Lines(const std::string& text) {
 
 RunResult RunKesta(const std::vector<std::string>& args, const std::filesystem::path& cwd, long fileSizeLimit) {
     return RunningKesta(args, cwd, fileSizeLimit).Finish();
+}
+
+RunResult RunKestaUnprivileged(const std::vector<std::string>& args) {
+    const int out = AnonymousFile(), err = AnonymousFile();
+    return Wait(Spawn(args, {}, out, err, 0, true), out, err);
 }
 
 std::optional<RunResult> RunKestaOnTerminal(const std::vector<std::string>& args) {

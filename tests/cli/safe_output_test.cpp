@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <thread>
 #include <tuple>
@@ -81,32 +83,72 @@ TEST_F(SafeOutputTest, ExistingOrUnwritableTargetsAreRefusedAndForceReplaces) {
     EXPECT_EQ(Names(), names);
 }
 
+// The input is a pipe that delivers half the file and stalls, so the signal finds kesta mid-write.
 TEST_F(SafeOutputTest, InterruptedRunLeavesTheOldFileAndNoTemporary) {
-    // The input is a pipe that delivers half the file and stalls: the signal finds kesta mid-write.
-    WriteBytes(dir / "out.wav", "previous");
-    ASSERT_EQ(::mkfifo(P("pipe.wav").c_str(), 0600), 0);
-    RunningKesta kesta({"gain", P("pipe.wav"), P("out.wav"), "--db", "1", "--force"});
-    std::ofstream pipe(dir / "pipe.wav", std::ios::binary);
     const std::string audio = ReadBytes(dir / "in.wav");
-    pipe.write(audio.data(), std::streamsize(audio.size() / 2));
-    pipe.flush();
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        SCOPED_TRACE(::strsignal(signal));
+        const std::filesystem::path run = dir / ("run-" + std::to_string(signal));
+        std::filesystem::create_directory(run);
+        WriteBytes(run / "out.wav", "previous");
+        ASSERT_EQ(::mkfifo((run / "pipe.wav").c_str(), 0600), 0);
+        RunningKesta kesta({"gain", (run / "pipe.wav").string(), (run / "out.wav").string(), "--db", "1", "--force"});
+        std::ofstream pipe(run / "pipe.wav", std::ios::binary);
+        pipe.write(audio.data(), std::streamsize(audio.size() / 2));
+        pipe.flush();
 
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    bool temporarySeen = false;
-    while (!temporarySeen && std::chrono::steady_clock::now() < deadline) {
-        for (const std::string& name : Names())
-            temporarySeen = temporarySeen || name.rfind(".out.wav.kesta-", 0) == 0;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        bool temporarySeen = false;
+        while (!temporarySeen && std::chrono::steady_clock::now() < deadline) {
+            for (const auto& entry : std::filesystem::directory_iterator(run))
+                temporarySeen = temporarySeen || entry.path().filename().string().rfind(".out.wav.kesta-", 0) == 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ASSERT_TRUE(temporarySeen) << "kesta never created its temporary file";
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it write into the temporary
+
+        ::kill(kesta.Pid(), signal);
+        const RunResult result = kesta.Finish();
+        pipe.close();
+        EXPECT_EQ(result.signal, signal);  // it dies of the signal, as a shell expects
+        EXPECT_EQ(ReadBytes(run / "out.wav"), "previous");
+        std::vector<std::string> left;
+        for (const auto& entry : std::filesystem::directory_iterator(run))
+            left.push_back(entry.path().filename().string());
+        std::sort(left.begin(), left.end());
+        EXPECT_EQ(left, (std::vector<std::string>{"out.wav", "pipe.wav"}));
     }
-    ASSERT_TRUE(temporarySeen) << "kesta never created its temporary file";
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it write into the temporary
+    EXPECT_EQ(ReadBytes(dir / "in.wav"), audio);
+}
 
-    ::kill(kesta.Pid(), SIGTERM);
-    const RunResult run = kesta.Finish();
-    pipe.close();
-    EXPECT_EQ(run.signal, SIGTERM);  // it dies of the signal, as a shell expects
-    EXPECT_EQ(ReadBytes(dir / "out.wav"), "previous");
-    EXPECT_EQ(Names(), (std::vector<std::string>{"in.wav", "out.wav", "pipe.wav"}));
+// Permissions as an ordinary user meets them (the tests may run as root, whom none stop): an
+// input it may not read, and a directory it may not write into.
+TEST_F(SafeOutputTest, PermissionsAreReportedNotWorkedAround) {
+    ::chmod(dir.Path().c_str(), 0755);
+    ::chmod(P("in.wav").c_str(), 0644);
+    WriteAudio(dir / "locked.wav", StereoTone16());
+    ::chmod(P("locked.wav").c_str(), 0);
+    std::filesystem::create_directory(dir / "shut");
+    WriteBytes(dir / "shut" / "out.wav", "previous");
+    ::chmod(P("shut/out.wav").c_str(), 0666);
+    ::chmod(P("shut").c_str(), 0555);
+    const std::string audio = ReadBytes(dir / "in.wav");
+    const std::vector<std::string> names = Names();
+
+    const std::tuple<std::vector<std::string>, int, std::vector<std::string>> cases[] = {
+        {{"gain", P("locked.wav"), P("out.wav"), "--db", "1"}, 3, {"locked.wav", "permission denied"}},
+        {{"gain", P("in.wav"), P("shut/new.wav"), "--db", "1"}, 4, {"shut", "permission"}},
+        {{"gain", P("in.wav"), P("shut/out.wav"), "--db", "1", "--force"}, 4, {"shut", "permission"}},
+    };
+    for (const auto& [args, code, mentions] : cases) {
+        SCOPED_TRACE(args[2]);
+        ExpectOneErrorLine(RunKestaUnprivileged(args), code, mentions);
+        EXPECT_EQ(Names(), names);
+        EXPECT_EQ(ReadBytes(dir / "in.wav"), audio);
+        EXPECT_EQ(std::filesystem::directory_iterator(dir / "shut")->path().filename(), "out.wav");
+        EXPECT_EQ(ReadBytes(dir / "shut" / "out.wav"), "previous");
+    }
+    ::chmod(P("shut").c_str(), 0755);
 }
 
 // No test can write the 4 GiB that a WAV holds at most: the limit, and its refusal up front.
