@@ -15,8 +15,9 @@ struct FillInKernels {
     double (*dot)(const double* a, const double* b, int n);
     // Solves A x = rhs in place for the symmetric positive-definite band matrix A of half-width p
     // (count unknowns). Row a of `band` holds A[a][k] for k = a - p ... a at band[a * (p + 1) + k - a + p]
-    // on entry and the Cholesky factor's row on return; `column` is scratch of p + 1. False when A
-    // is not positive definite (rhs is then left part-solved).
+    // on entry and the Cholesky factor's row on return (its diagonal entry as the reciprocal);
+    // `column` is scratch of p + 1. False when A is not positive definite (rhs is then left
+    // part-solved).
     bool (*solveBanded)(double* band, double* column, double* rhs, int count, int p);
 };
 

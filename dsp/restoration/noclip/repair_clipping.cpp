@@ -347,12 +347,13 @@ void RepairClipping::DoPolyNomialInterpolation(float** buffers, long channel, lo
     const auto tap = [&](long q) { return q >= 0 && q < taps ? mSlopeKernel[static_cast<std::size_t>(q)] : 0.0; };
     double lowS0 = 0.0, lowS1 = 0.0;
     if (trend > 0.0) FindFIRLowPassedSlopes(c, first, last, &lowS0, &lowS1);
+    const double perSample = 1.0 / D;  // a multiplication per sample rather than a division
     for (int pass = 0; pass < passes; ++pass) {
         const double ts0 = s0 + trend * (lowS0 - s0), ts1 = s1 + trend * (lowS1 - s1);
         const bool again = pass + 1 < passes;
         for (long i = first; i <= last; ++i) {
             const double t = static_cast<double>(i - first + 1), tr = D - t;
-            double y = Cubic(t / D, D, v0, ts0, v1, ts1);
+            double y = Cubic(t * perSample, D, v0, ts0, v1, ts1);
             if (t < 3.0) y += (s0 - ts0) * t * EdgeFade(t);  // the fades are 0 from 3 samples on
             if (tr < 3.0) y -= (s1 - ts1) * tr * EdgeFade(tr);
             const float drawn = static_cast<float>(std::clamp(y, -bound, bound));
