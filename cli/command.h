@@ -2,18 +2,27 @@
 // A kesta command: its CLI11 sub-application (options and help) and what it does once the command
 // line has been parsed. `run` returns the exit status and reports failures by throwing CliError.
 //
-// A new command that turns INPUT into OUTPUT through a processor needs (commands/gain.cpp):
+// A new command that turns INPUT into OUTPUT through a processor needs (commands/limit.cpp is the
+// whole of one, about 150 lines with its help text):
 //   1. its options: a struct with INPUT, OUTPUT, its settings, OutputOptions (AddOutputOptions:
-//      --force, --bits, --float), ReportOptions (AddReportOptions: --quiet, --json) and BatchOptions;
+//      --force, --bits, --float), ReportOptions (AddReportOptions: --quiet, --json) and BatchOptions
+//      (AddBatchOptions: several inputs, --out-dir, -j);
 //   2. a check of its settings (UsageError with the range) and a factory that makes its Stage for
 //      the input's channels and rate (latency and in-place processing of every channel; a
-//      ResizingStage for another rate or length) - the same factory serves its chain step;
-//   3. a Processing for RunProcessing: the factory, advice for clipped samples, and its report
-//      fields and summary words. RunProcessing opens INPUT, refuses OUTPUT before any work, streams
+//      ResizingStage for another rate or length). The same factory is the Command's `stage`, which
+//      makes it a chain step and lets batches run it;
+//   3. a Processing for RunProcessing (ProcessingOf fills the paths and options): the factory,
+//      advice for clipped samples, `describe` with its report fields and summary words, and `timed`
+//      for a real-time factor. RunProcessing opens INPUT, refuses OUTPUT before any work, streams
 //      (latency compensated), commits, warns and prints the text summary or the JSON object.
-// Commands with more than one output, analysis passes before the stream (pipeline/analysis.h) or
-// no audio output use the pieces themselves (pipeline/job.h, pipeline/report.h): see
-// commands/spectral_command.cpp and commands/equaliser_command.cpp.
+// Every report goes through one JobReport (pipeline/report.h): fields in the order of the JSON
+// object, lines of the text summary, printed once with the warnings and timings.
+// Commands that need more use the same pieces themselves (pipeline/job.h, pipeline/report.h):
+//   - analysis passes before the stream (pipeline/analysis.h): commands/spectral_command.cpp;
+//   - a list of what was found besides the audio, or no audio output: commands/declick.cpp;
+//   - no input (a Generator and StreamGenerated): commands/generate.cpp;
+//   - no audio output, a stream into analyzers (StreamToSink): commands/analyze.cpp;
+//   - a response table or a saved preset: commands/equaliser_command.cpp.
 
 #include <cstdint>
 #include <functional>

@@ -189,18 +189,14 @@ int RunAnalyze(const AnalyzeOptions& options) {
     if (options.csv && !options.report.quiet)
         std::cout << "file,sample_rate,channels,frames,seconds,integrated_lufs,loudness_range_lu,max_momentary_lufs,"
                      "max_short_term_lufs,true_peak_dbtp,peak_dbfs,rms_dbfs\n";
-    std::unique_ptr<JsonWriter> json;
-    if (console.Json()) {
-        json = std::make_unique<JsonWriter>(std::cout);
-        json->BeginObject();
-        json->Key("command").String("analyze");
-        json->Key("files").BeginArray();
-    }
+    JobReport report(console, "analyze");
+    report.Json().Key("files").BeginArray();
     bool first = true;
     for (const std::string& path : options.paths) {
         const FileAnalysis a = Analyze(path, console);
-        if (json)
-            WriteJson(*json, a);
+        // Text and CSV appear file by file; the JSON document once all are measured.
+        if (console.Json())
+            WriteJson(report.Json(), a);
         else if (options.csv && !options.report.quiet)
             PrintCsvRow(a);
         else if (console.ShowsText()) {
@@ -209,13 +205,8 @@ int RunAnalyze(const AnalyzeOptions& options) {
         }
         first = false;
     }
-    if (json) {
-        json->EndArray();
-        WriteWarnings(*json, console.Warnings());
-        json->Key("seconds").Number(clock.Seconds());
-        json->EndObject();
-    }
-    return kExitOk;
+    report.Json().EndArray();
+    return report.Print(clock.Seconds());
 }
 
 }  // namespace

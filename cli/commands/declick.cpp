@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <iostream>
 #include <limits>
 #include <memory>
 #include <sstream>
@@ -392,49 +391,28 @@ int RunDeclick(const DeclickOptions& options) {
         for (const Range& r : ranges[c])
             samples[c] += r.length;
     }
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
+    JobReport report(console, "declick");
+    report.Field("threshold", options.threshold).Field("complexity", options.complexity);
+    report.Field("detect_only", options.detectOnly).Input(options.input, format, frames);
+    if (output) report.Output(*output).Line(output->Summary());
+    report.Json().Key("channels").BeginArray();
+    for (std::size_t c = 0; c < ranges.size(); ++c) {
+        const double percent = frames > 0 ? 100.0 * double(samples[c]) / double(frames) : 0.0;
+        JsonWriter& json = report.Json();
         json.BeginObject();
-        json.Key("command").String("declick");
-        json.Key("threshold").Number(options.threshold);
-        json.Key("complexity").Int(options.complexity);
-        json.Key("detect_only").Bool(options.detectOnly);
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, frames);
+        json.Key("channel").Int(int64_t(c) + 1);
+        json.Key("clicks").Int(counts[c]);
+        json.Key("samples").Int(samples[c]);
+        json.Key("percent").Number(percent);
         json.EndObject();
-        if (output) {
-            json.Key("output").BeginObject();
-            output->WriteFields(json);
-            json.EndObject();
-        }
-        json.Key("channels").BeginArray();
-        for (std::size_t c = 0; c < ranges.size(); ++c) {
-            json.BeginObject();
-            json.Key("channel").Int(int64_t(c) + 1);
-            json.Key("clicks").Int(counts[c]);
-            json.Key("samples").Int(samples[c]);
-            json.Key("percent").Number(frames > 0 ? 100.0 * double(samples[c]) / double(frames) : 0.0);
-            json.EndObject();
-        }
-        json.EndArray();
-        if (!options.report.empty()) json.Key("report").String(options.report);
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        if (output) std::cout << output->Summary() << "\n";
-        for (std::size_t c = 0; c < ranges.size(); ++c) {
-            char line[200];
-            std::snprintf(line, sizeof line, "Channel %zu: %lld click(s) %s, %lld samples (%.4f%%)\n", c + 1,
-                          (long long)counts[c], output ? "repaired" : "found", (long long)samples[c],
-                          frames > 0 ? 100.0 * double(samples[c]) / double(frames) : 0.0);
-            std::cout << line;
-        }
-        if (!options.report.empty()) std::cout << "Report: " << options.report << "\n";
+        char line[200];
+        std::snprintf(line, sizeof line, "Channel %zu: %lld click(s) %s, %lld samples (%.4f%%)", c + 1,
+                      (long long)counts[c], output ? "repaired" : "found", (long long)samples[c], percent);
+        report.Line(line);
     }
-    return kExitOk;
+    report.Json().EndArray();
+    if (!options.report.empty()) report.Field("report", options.report).Line("Report: " + options.report);
+    return report.Print(clock.Seconds());
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cmath>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -249,57 +248,39 @@ int RunDeclip(const DeclipOptions& options) {
         }
     auto percent = [frames](int64_t samples) { return frames > 0 ? 100.0 * double(samples) / double(frames) : 0.0; };
 
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("declip");
-        json.Key("settings").BeginObject();
+    JobReport report(console, "declip");
+    report.Object("settings", [&](JsonWriter& json) {
         json.Key("tolerance_percent").Number(options.tolerance);
         json.Key("min_run").Number(options.minRun);
         json.Key("gain_db").Number(options.gainDb);
         json.Key("limiter").Bool(!options.noLimiter);
+    });
+    report.Input(options.input, format, frames);
+    report.Line(output.Summary() + ", gain " + FormatDb(options.gainDb, 1, true) + " dB" +
+                (options.noLimiter ? "" : ", limited to -0.1 dBFS") + " " +
+                RealTimeText(frames, format.sampleRate, repairSeconds));
+    report.Json().Key("clipping").BeginArray();
+    for (std::size_t c = 0; c < found.size(); ++c) {
+        JsonWriter& json = report.Json();
+        json.BeginObject();
+        json.Key("channel").Number(double(c + 1));
+        json.Key("stretches").Number(double(found[c].stretches));
+        json.Key("repaired").Number(double(found[c].repaired));
+        json.Key("clipped_samples").Number(double(found[c].samples));
+        json.Key("clipped_percent").Number(percent(found[c].samples));
         json.EndObject();
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, frames);
-        json.EndObject();
-        json.Key("clipping").BeginArray();
-        for (std::size_t c = 0; c < found.size(); ++c) {
-            json.BeginObject();
-            json.Key("channel").Number(double(c + 1));
-            json.Key("stretches").Number(double(found[c].stretches));
-            json.Key("repaired").Number(double(found[c].repaired));
-            json.Key("clipped_samples").Number(double(found[c].samples));
-            json.Key("clipped_percent").Number(percent(found[c].samples));
-            json.EndObject();
-        }
-        json.EndArray();
-        if (!options.report.empty()) json.Key("report").String(options.report);
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        json.Key("find_seconds").Number(findSeconds);
-        json.Key("repair_seconds").Number(repairSeconds);
-        WriteRealTimeFactor(json, frames, format.sampleRate, repairSeconds);
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", gain " << FormatDb(options.gainDb, 1, true) << " dB"
-                  << (options.noLimiter ? "" : ", limited to -0.1 dBFS") << " "
-                  << RealTimeText(frames, format.sampleRate, repairSeconds) << "\n";
-        for (std::size_t c = 0; c < found.size(); ++c) {
-            std::ostringstream line;
-            line.precision(3);
-            line << std::fixed << "Channel " << c + 1 << ": " << found[c].stretches << " clipped stretch"
-                 << (found[c].stretches == 1 ? "" : "es") << ", " << found[c].samples << " samples ("
-                 << percent(found[c].samples) << " %), " << found[c].repaired << " repaired";
-            std::cout << line.str() << "\n";
-        }
-        if (!options.report.empty()) std::cout << "Report: " << options.report << "\n";
+        std::ostringstream line;
+        line.precision(3);
+        line << std::fixed << "Channel " << c + 1 << ": " << found[c].stretches << " clipped stretch"
+             << (found[c].stretches == 1 ? "" : "es") << ", " << found[c].samples << " samples ("
+             << percent(found[c].samples) << " %), " << found[c].repaired << " repaired";
+        report.Line(line.str());
     }
-    return kExitOk;
+    report.Json().EndArray();
+    if (!options.report.empty()) report.Field("report", options.report).Line("Report: " + options.report);
+    report.Output(output).Timing("find_seconds", findSeconds).Timing("repair_seconds", repairSeconds);
+    report.RealTime(frames, format.sampleRate, repairSeconds);
+    return report.Print(clock.Seconds());
 }
 
 }  // namespace

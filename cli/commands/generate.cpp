@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cmath>
-#include <iostream>
 #include <memory>
 #include <vector>
 
@@ -114,27 +113,15 @@ int RunGenerate(const GenerateOptions& options) {
         output.Commit();
     }
 
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("generate");
-        json.Key("settings").BeginObject();
+    JobReport report(console, "generate");
+    report.Object("settings", [&](JsonWriter& json) {
         json.Key("noise").String(options.noise);
         json.Key("seed").Int(options.seed);
         json.Key("level_db").Number(options.levelDb);
-        json.EndObject();
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << output.Summary() << ", white noise, seed " << options.seed << ", peak level "
-                  << FormatDb(options.levelDb, 1) << " dBFS\n";
-    }
-    return kExitOk;
+    });
+    report.Output(output).Line(output.Summary() + ", white noise, seed " + std::to_string(options.seed) +
+                               ", peak level " + FormatDb(options.levelDb, 1) + " dBFS");
+    return report.Print(clock.Seconds());
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cmath>
-#include <iostream>
 #include <memory>
 
 #include "command.h"

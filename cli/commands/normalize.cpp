@@ -4,7 +4,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -205,48 +204,34 @@ int RunNormalize(const NormalizeOptions& options) {
                      FormatDb(result.integratedLufs, 2) + " LUFS with a true peak of " +
                      FormatDb(result.truePeakDbtp, 2) + " dBTP");
 
-    const double seconds = clock.Seconds();
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String("normalize");
-        json.Key("settings").BeginObject();
+    JobReport report(console, "normalize");
+    report.Object("settings", [&](JsonWriter& json) {
         json.Key("target_lufs").Number(options.lufs);
         json.Key("true_peak_ceiling_dbtp").Number(options.truePeak);
-        json.EndObject();
-        json.Key("input").BeginObject();
+    });
+    report.Object("input", [&](JsonWriter& json) {
         json.Key("file").String(options.input);
         WriteAudioFields(json, format, reader.FramesRead());
         WriteLoudnessFields(json, input.figures);
-        json.EndObject();
-        json.Key("gain_db").Number(plan.gainDb);
-        json.Key("limiter").BeginObject();
+    });
+    report.Field("gain_db", plan.gainDb).Object("limiter", [&](JsonWriter& json) {
         json.Key("used").Bool(plan.limiterCeilingDb.has_value());
         json.Key("peak_without_dbtp").Number(peakAfterGain);
         if (plan.limiterCeilingDb) {
             json.Key("sample_ceiling_dbfs").Number(*plan.limiterCeilingDb);
             json.Key("trial_runs").Int(trialRuns + 1);
         }
-        json.EndObject();
-        json.Key("output").BeginObject();
-        output.WriteFields(json);
-        WriteLoudnessFields(json, result);
-        json.EndObject();
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        std::cout << "Input:  " << FormatDb(input.figures.integratedLufs, 1) << " LUFS, true peak "
-                  << FormatDb(input.figures.truePeakDbtp, 2) << " dBTP\n"
-                  << "Gain:   " << FormatDb(plan.gainDb, 2, true) << " dB";
-        if (plan.limiterCeilingDb)
-            std::cout << "; the true peak would have reached " << FormatDb(peakAfterGain, 2)
-                      << " dBTP, so the limiter holds it under " << FormatDb(options.truePeak, 1) << " dBTP";
-        std::cout << '\n'
-                  << output.Summary() << ": " << FormatDb(result.integratedLufs, 1) << " LUFS, true peak "
-                  << FormatDb(result.truePeakDbtp, 2) << " dBTP\n";
-    }
-    return kExitOk;
+    });
+    report.Output(output, [&](JsonWriter& json) { WriteLoudnessFields(json, result); });
+    report.Line("Input:  " + FormatDb(input.figures.integratedLufs, 1) + " LUFS, true peak " +
+                FormatDb(input.figures.truePeakDbtp, 2) + " dBTP");
+    std::string gain = "Gain:   " + FormatDb(plan.gainDb, 2, true) + " dB";
+    if (plan.limiterCeilingDb)
+        gain += "; the true peak would have reached " + FormatDb(peakAfterGain, 2) +
+                " dBTP, so the limiter holds it under " + FormatDb(options.truePeak, 1) + " dBTP";
+    report.Line(gain).Line(output.Summary() + ": " + FormatDb(result.integratedLufs, 1) + " LUFS, true peak " +
+                           FormatDb(result.truePeakDbtp, 2) + " dBTP");
+    return report.Print(clock.Seconds());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include "dsp/resample.h"
 
 #include <CLI/CLI.hpp>
-#include <iostream>
 #include <memory>
 #include <vector>
 

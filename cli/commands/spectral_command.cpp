@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <optional>
 #include <vector>
 
@@ -532,16 +531,10 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
                              : source.kind == NoiseSource::Kind::None ? "none"
                                                                       : "print";
     const PauseMeter::Pauses pauses = output ? measures.pauses.Measure() : PauseMeter::Pauses{};
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String(command);
-        json.Key("input").BeginObject();
-        json.Key("file").String(options.input);
-        WriteAudioFields(json, format, output ? frames : reader.HeaderFrames().value_or(0));
-        json.EndObject();
-        if (!tool.Method().empty()) json.Key("method").String(tool.Method());
-        json.Key("noise").BeginObject();
+    JobReport report(console, command);
+    report.Input(options.input, format, output ? frames : reader.HeaderFrames().value_or(0));
+    if (!tool.Method().empty()) report.Field("method", tool.Method());
+    report.Object("noise", [&](JsonWriter& json) {
         json.Key("source").String(sourceName);
         if (tool.LearnsNoise()) {
             // Nothing captured: only the stretch the report measures, if one was given.
@@ -549,31 +542,27 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
                 json.Key("start_seconds").Number(double(source.start) / rate);
                 json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
             }
-        } else {
-            json.Key("file").String(source.path);
-            json.Key("kind").String(PrintKindName(tool.Kind()));
-            json.Key("fft_size").Int(fftSize);
-            json.Key("start_seconds").Number(double(source.start) / rate);
-            json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
-            json.Key("start_frame").Int(source.start);
-            json.Key("frames").Int(source.frames);
-            if (source.kind == NoiseSource::Kind::Print)
-                json.Key("snapshots").Null();
-            else
-                json.Key("snapshots").Int(source.snapshots);
+            return;
         }
-        json.EndObject();
-        json.Key("settings").BeginObject();
+        json.Key("file").String(source.path);
+        json.Key("kind").String(PrintKindName(tool.Kind()));
+        json.Key("fft_size").Int(fftSize);
+        json.Key("start_seconds").Number(double(source.start) / rate);
+        json.Key("end_seconds").Number(double(source.start + source.frames) / rate);
+        json.Key("start_frame").Int(source.start);
+        json.Key("frames").Int(source.frames);
+        if (source.kind == NoiseSource::Kind::Print)
+            json.Key("snapshots").Null();
+        else
+            json.Key("snapshots").Int(source.snapshots);
+    });
+    report.Object("settings", [&](JsonWriter& json) {
         tool.WriteSettings(json);
         json.Key("residual").Bool(options.residual);
-        json.EndObject();
-        if (printOutput)
-            json.Key("saved_print").String(options.savePrint);
-        else
-            json.Key("saved_print").Null();
-        if (output) {
-            json.Key("output").BeginObject();
-            output->WriteFields(json);
+    });
+    report.Field("saved_print", printOutput ? std::optional(options.savePrint) : std::nullopt);
+    if (output)
+        report.Output(*output, [&](JsonWriter& json) {
             json.Key("level_change_db");
             WriteNumbers(json, levelChange);
             json.Key("noise_level_change_db");
@@ -587,38 +576,33 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
             else
                 json.Null();
             json.Key("pause_seconds").Number(pauses.seconds);
-            json.EndObject();
-        } else {
-            json.Key("output").Null();
-        }
-        WriteTimings(json, frames, rate, processSeconds, seconds, captureSeconds);
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        const std::string stretch = FormatSeconds(double(source.start) / rate) + "-" +
-                                    FormatSeconds(double(source.start + source.frames) / rate) + " s";
-        if (tool.LearnsNoise())
-            std::cout << "Method " << tool.Method() << ": the noise is learnt while processing, no print taken\n";
-        else if (source.kind == NoiseSource::Kind::Print)
-            std::cout << "Using the " << PrintKindName(tool.Kind()) << " in " << options.printPath << " (taken from "
-                      << stretch << ", FFT size " << fftSize << ")\n";
-        else
-            std::cout << "Took a " << PrintKindName(tool.Kind()) << " from " << stretch << " of " << source.path << " ("
-                      << source.snapshots << " snapshots, FFT size " << fftSize << ")\n";
-        if (printOutput) std::cout << "Saved the print in " << options.savePrint << "\n";
-        if (output) {
-            std::cout << output->Summary() << ", " << tool.DescribeSettings()
-                      << (options.residual ? ", what was removed" : "") << "\n";
-            std::cout << "Level change: " << DescribeChange(levelChange) << " overall";
-            if (measures.noiseIn) std::cout << ", " << DescribeChange(noiseChange) << " in the noise stretch";
-            if (pauses.found)
-                std::cout << ", " << FormatValue(std::round(pauses.changeDb * 10.0) / 10.0) << " dB in the pauses ("
-                          << FormatSeconds(pauses.seconds) << " s)";
-            std::cout << " " << RealTimeText(frames, rate, processSeconds) << "\n";
-        }
+        });
+    else
+        report.Json().Key("output").Null();
+    WriteTimings(report.Json(), frames, rate, processSeconds, seconds, captureSeconds);
+
+    const std::string stretch = FormatSeconds(double(source.start) / rate) + "-" +
+                                FormatSeconds(double(source.start + source.frames) / rate) + " s";
+    if (tool.LearnsNoise())
+        report.Line("Method " + tool.Method() + ": the noise is learnt while processing, no print taken");
+    else if (source.kind == NoiseSource::Kind::Print)
+        report.Line("Using the " + PrintKindName(tool.Kind()) + " in " + options.printPath + " (taken from " + stretch +
+                    ", FFT size " + std::to_string(fftSize) + ")");
+    else
+        report.Line("Took a " + PrintKindName(tool.Kind()) + " from " + stretch + " of " + source.path + " (" +
+                    std::to_string(source.snapshots) + " snapshots, FFT size " + std::to_string(fftSize) + ")");
+    if (printOutput) report.Line("Saved the print in " + options.savePrint);
+    if (output) {
+        report.Line(output->Summary() + ", " + tool.DescribeSettings() +
+                    (options.residual ? ", what was removed" : ""));
+        std::string change = "Level change: " + DescribeChange(levelChange) + " overall";
+        if (measures.noiseIn) change += ", " + DescribeChange(noiseChange) + " in the noise stretch";
+        if (pauses.found)
+            change += ", " + FormatValue(std::round(pauses.changeDb * 10.0) / 10.0) + " dB in the pauses (" +
+                      FormatSeconds(pauses.seconds) + " s)";
+        report.Line(change + " " + RealTimeText(frames, rate, processSeconds));
     }
-    return kExitOk;
+    return report.Print(seconds);
 }
 
 }  // namespace kesta

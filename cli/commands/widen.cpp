@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
-#include <iostream>
 #include <memory>
 
 #include "command.h"

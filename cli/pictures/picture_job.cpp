@@ -59,25 +59,18 @@ void SavePicture(Canvas& canvas, SafeOutput& output) {
 void ReportPicture(Console& console, const std::string& command, const std::vector<std::string>& inputs,
                    const PictureOptions& options, int height, double seconds,
                    const std::function<void(JsonWriter&)>& fields, const std::string& textExtra) {
-    if (console.Json()) {
-        JsonWriter json(std::cout);
-        json.BeginObject();
-        json.Key("command").String(command);
-        json.Key("inputs").BeginArray();
-        for (const std::string& input : inputs)
-            json.String(input);
-        json.EndArray();
-        json.Key("output").String(options.output);
-        json.Key("width").Int(options.width);
-        json.Key("height").Int(height);
-        fields(json);
-        WriteWarnings(json, console.Warnings());
-        json.Key("seconds").Number(seconds);
-        json.EndObject();
-    } else if (console.ShowsText()) {
-        (options.output == "-" ? std::cerr : std::cout)
-            << "Wrote " << options.output << ": " << options.width << " x " << height << " pixels" << textExtra << "\n";
-    }
+    JobReport report(console, command);
+    report.Json().Key("inputs").BeginArray();
+    for (const std::string& input : inputs)
+        report.Json().String(input);
+    report.Json().EndArray();
+    report.Field("output", options.output).Field("width", options.width).Field("height", height);
+    fields(report.Json());
+    // A picture written to standard output leaves its summary to standard error.
+    report.TextOn(options.output == "-" ? std::cerr : std::cout);
+    report.Line("Wrote " + options.output + ": " + std::to_string(options.width) + " x " + std::to_string(height) +
+                " pixels" + textExtra);
+    report.Print(seconds);
 }
 
 }  // namespace kesta

@@ -12,7 +12,8 @@
 
 namespace kesta {
 
-JobReport::JobReport(Console& console, std::string_view command) : mConsole(console), mJson(mJsonText) {
+JobReport::JobReport(Console& console, std::string_view command)
+    : mConsole(console), mTextOut(&std::cout), mJson(mJsonText) {
     mJson.BeginObject();
     mJson.Key("command").String(command);
 }
@@ -81,20 +82,28 @@ JobReport& JobReport::Line(std::string line) {
     return *this;
 }
 
-JobReport& JobReport::RealTime(int64_t frames, int rate) {
-    mRealTime.emplace(frames, rate);
+JobReport& JobReport::Timing(std::string key, double seconds) {
+    mTimings.emplace_back(std::move(key), seconds);
+    return *this;
+}
+
+JobReport& JobReport::RealTime(int64_t frames, int rate, std::optional<double> seconds) {
+    mRealTime = RealTimeOf{frames, rate, seconds};
     return *this;
 }
 
 int JobReport::Print(double seconds) {
     if (mConsole.Json()) {
         WriteWarnings(mJson, mConsole.Warnings());
-        if (mRealTime) WriteRealTimeFactor(mJson, mRealTime->first, mRealTime->second, seconds);
+        for (const auto& [key, value] : mTimings)
+            mJson.Key(key).Number(value);
+        if (mRealTime)
+            WriteRealTimeFactor(mJson, mRealTime->frames, mRealTime->rate, mRealTime->seconds.value_or(seconds));
         mJson.Key("seconds").Number(seconds);
         mJson.EndObject();
         std::cout << mJsonText.str() << '\n';  // the writer ends its document only when destroyed
     } else if (mConsole.ShowsText()) {
-        std::cout << mText.str();
+        *mTextOut << mText.str();
     }
     return kExitOk;
 }

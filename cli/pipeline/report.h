@@ -60,17 +60,31 @@ public:
 
     // A line of the text summary (without its newline).
     JobReport& Line(std::string line);
+    // Where the text summary goes (standard output unless told).
+    JobReport& TextOn(std::ostream& out) {
+        mTextOut = &out;
+        return *this;
+    }
 
-    // Adds "realtime_factor" after "warnings": `frames` at `rate` in the seconds Print is given.
-    JobReport& RealTime(int64_t frames, int rate);
+    // Fields that follow "warnings", in this order: the timings, then "realtime_factor" for `frames`
+    // at `rate` in `seconds` (by default the seconds Print is given).
+    JobReport& Timing(std::string key, double seconds);
+    JobReport& RealTime(int64_t frames, int rate, std::optional<double> seconds = std::nullopt);
 
     // Prints the report; returns kExitOk.
     int Print(double seconds);
 
 private:
     Console& mConsole;
-    std::optional<std::pair<int64_t, int>> mRealTime;  // frames, rate
+    struct RealTimeOf {
+        int64_t frames;
+        int rate;
+        std::optional<double> seconds;
+    };
+    std::vector<std::pair<std::string, double>> mTimings;
+    std::optional<RealTimeOf> mRealTime;
     std::ostringstream mText;
+    std::ostream* mTextOut;
     std::ostringstream mJsonText;
     JsonWriter mJson;
 };
