@@ -19,19 +19,10 @@
 //                 after the magic up to the checksum itself
 //
 // The payload starts with where the print was taken: i64 first frame, i64 length in frames (at
-// the sample rate above; 0 and 0 when not known). Then the record, its scalar fields in the
-// record's own order and then its arrays, each row of N values holding every bin 0 ... N-1:
-//
-//   kind 1 (dsp::nonoise::NONOISE): f64 thresholdOffset, i16 auxIndex, i16 fftSize,
-//     i32 maxSnapshots, i16 overlap, i32 optionInt, i16 channels, i16 frameCount,
-//     f64 transitionDb, f64 precisionExponent, i16 outputMode, u8 optionFlagA, u8 optionFlagB,
-//     u8 optionFlagC, f64 reductionDb, f64 smoothingPercent, u8 printFlag (64 bytes); then
-//     f64 dcMin[C], f64 dcMax[C], f64 binMin[C][N], f64 binMax[C][N], f64 binRms[C][N],
-//     f32 thresholdCurve[N]. (reservedBlock is never interpreted and is not stored.)
-//   kind 2 (dsp::nohiss::NOHISS): f32 tuningA, i32 fftSize, i32 tuningB, i16 overlap,
-//     i32 sampleRate, i32 channels, i16 frameCount, f32 kneeDb, i32 outputMode, f32 reductionDb,
-//     f32 smoothingPercent, i32 tuningC (44 bytes); then f32 floorLevel[C], f64 floorRows[C][N],
-//     f32 thresholdRows[C][N].
+// the sample rate above; 0 and 0 when not known). Then the record of the kind, each row of N values
+// holding every bin 0 ... N-1: prints/noise_print_codec.h (kind 1, dsp::nonoise::NONOISE) and
+// prints/hiss_floor_codec.h (kind 2, dsp::nohiss::NOHISS). The fields are those of
+// prints/byte_codec.h.
 //
 // So B = 16 + 64 + 16C + 24CN + 4N for a noise print and 16 + 44 + 4C + 12CN for a hiss floor.
 // The record's fftSize and channels equal the header's, and its overlap gives a valid frame
@@ -57,6 +48,7 @@
 #include <string>
 #include <string_view>
 
+#include "byte_codec.h"
 #include "dsp/nohiss.h"
 #include "dsp/nonoise.h"
 
@@ -120,8 +112,5 @@ PrintFile ReadPrintFile(const std::string& path);
 // the wrong frequencies: that is refused, not merely warned about.
 void CheckPrintMatches(const PrintFile& print, const std::string& printPath, PrintKind wanted, int channels,
                        int sampleRate, int requestedFftSize, const std::string& audioPath);
-
-// CRC-32 (IEEE 802.3) of `bytes`, as zlib's crc32(0, bytes, size).
-uint32_t Crc32(std::string_view bytes);
 
 }  // namespace kesta

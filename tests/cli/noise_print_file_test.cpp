@@ -109,6 +109,34 @@ TEST(NoisePrintFileTest, LayoutIsTheDocumentedOneAndRoundTrips) {
     EXPECT_TRUE(EncodeHissFloor(*f.hiss, f.span) == h);
 }
 
+// The field codec under every print kind: two's complement and IEEE bit patterns kept exactly, and a
+// read that would cross the end refused before it reads anything.
+TEST(NoisePrintFileTest, FieldCodecKeepsBitsAndStopsAtTheEnd) {
+    ByteWriter out;
+    out.I16(-2);
+    out.I64(INT64_MIN);
+    out.F32(-0.0f);
+    out.F64(std::nan("1"));
+    out.Bool(true);
+    const std::string b = out.Take();
+    ASSERT_EQ(b.size(), 2u + 8 + 4 + 8 + 1);
+    EXPECT_EQ(b.substr(0, 2), std::string("\xFE\xFF", 2));
+    EXPECT_EQ(Le(b, 2, 8), uint64_t(1) << 63);
+    EXPECT_EQ(Le(b, 10, 4), 0x80000000u);
+
+    ByteReader in(b, 0);
+    EXPECT_EQ(in.I16(), -2);
+    EXPECT_EQ(in.I64(), INT64_MIN);
+    EXPECT_EQ(std::bit_cast<uint32_t>(in.F32()), 0x80000000u);
+    EXPECT_TRUE(std::isnan(in.F64()));
+    EXPECT_TRUE(in.Bool());
+    EXPECT_THROW(in.U8(), ByteOverrun);
+    ByteReader late(b, b.size() - 3);
+    EXPECT_THROW(late.U32(), ByteOverrun);
+    EXPECT_EQ(late.Offset(), b.size() - 3);
+    EXPECT_THROW(ByteReader(b, b.size() + 5).U8(), ByteOverrun);
+}
+
 TEST(NoisePrintFileTest, DamagedOrForeignFilesAreRefusedInOneLine) {
     const std::string good = SamplePrint(2, 64, 44100, {0, 1000});
     ASSERT_EQ(Refusal(good), "");
