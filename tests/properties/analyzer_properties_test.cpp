@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "dsp/frequency_analysis.h"
 #include "dsp/levels.h"
 #include "dsp/loudness.h"
 #include "dsp/noclick.h"
@@ -136,7 +137,7 @@ private:
 template <class T>
 class ProcessMeter final : public Meter {
 public:
-    using Read = Figures (*)(const T&);
+    using Read = Figures (*)(T&);
     ProcessMeter(T object, Read read) : mObject(std::move(object)), mRead(read) {}
 
     std::unique_ptr<Meter> Copy() const override { return std::make_unique<ProcessMeter>(*this); }
@@ -333,7 +334,7 @@ Row Itu1770Row() {
         Itu1770 meter(rate, kChannels);
         if (knob == 0) meter.SetLoudnessRangeHop(static_cast<int>(value));
         if (knob == 1) meter.SetChannelWeight(1, value);
-        return std::make_unique<ProcessMeter<Itu1770>>(meter, [](const Itu1770& m) {
+        return std::make_unique<ProcessMeter<Itu1770>>(meter, [](Itu1770& m) {
             return Figures{m.GetMomentary(),
                            m.GetShortTerm(),
                            m.GetMaxMomentary(),
@@ -350,7 +351,7 @@ Row TruePeakRow() {
     using dsp::TruePeak;
     Row row{"TruePeak", true, {}, nullptr};
     row.make = [](int rate, int, float) {
-        return std::make_unique<ProcessMeter<TruePeak>>(TruePeak(rate, kChannels), [](const TruePeak& m) {
+        return std::make_unique<ProcessMeter<TruePeak>>(TruePeak(rate, kChannels), [](TruePeak& m) {
             Figures f;
             for (int c = 0; c < kChannels; ++c)
                 f.insert(f.end(), {m.GetTruePeak(c), m.GetSamplePeak(c)});
@@ -360,9 +361,40 @@ Row TruePeakRow() {
     return row;
 }
 
+// The spectrum worker behind the meters' Reset and Process.
+struct Spectrum {
+    dsp::FrequencyAnalysisWorker worker;
+    void Reset() { worker.Reset(); }
+    void Process(const float* const* data, int channels, int frames) { worker.Add(data, channels, frames); }
+};
+
+Row FrequencyAnalysisRow() {
+    Row row{"FrequencyAnalysisWorker",
+            false,
+            {{"fft size", 16.0f, 65536.0f}, {"window", 0.0f, 9.0f}, {"hop", 0.0f, 4096.0f}},
+            nullptr,
+            true};
+    row.make = [](int, int knob, float value) {
+        Spectrum spectrum;
+        spectrum.worker.Init(knob == 0 ? PowerOfTwoNear(value) : 1024, knob == 1 ? static_cast<int>(value) : 3,
+                             kChannels, knob == 2 ? static_cast<int>(value) : 0);
+        return std::make_unique<ProcessMeter<Spectrum>>(spectrum, [](Spectrum& s) {
+            s.worker.Finish();
+            Figures f{static_cast<double>(s.worker.GetFrameCount())};
+            std::vector<double> levels(static_cast<std::size_t>(s.worker.GetBinCount()));
+            for (int c = -1; c < kChannels; ++c) {
+                s.worker.GetSpectrumDb(c, levels.data());
+                f.insert(f.end(), levels.begin(), levels.end());
+            }
+            return f;
+        });
+    };
+    return row;
+}
+
 std::vector<Row> Table() {
     return {FindLevelsRow(),        FindClicksRow(), FindClippingRow(), CaptureNoisePrintRow(),
-            CaptureNoiseFloorRow(), Itu1770Row(),    TruePeakRow()};
+            CaptureNoiseFloorRow(), Itu1770Row(),    TruePeakRow(),     FrequencyAnalysisRow()};
 }
 
 void PrintTo(const Row& row, std::ostream* out) {
