@@ -10,6 +10,10 @@
 //     last two seconds or so, and only as far as the bin fluctuates like noise: a steady tone or a
 //     held vowel is neither below its own minimum nor noise-like, so it is not learned as noise,
 //     while a noise floor that rises is followed within about two seconds;
+//   - the estimate the gains use follows the tracker down at once but rises no faster than
+//     0.2 dB/s unless most of the band rises together (a change of the noise, followed within a
+//     few seconds): music holds some bins well over the noise for long stretches, and without
+//     this limit the tracker would take a sustained chord for noise;
 //   - the first quarter second seeds the estimate with its mean power, and a bin whose estimate
 //     stays too high falls back within a few frames, so the audio may start with signal.
 // The gain of every bin is the log-spectral-amplitude estimator with a decision-directed
@@ -74,7 +78,9 @@ private:
 
     // Per bin of every channel, one row each (mBins floats).
     enum Row {
-        kNoise,         // λ: tracked noise power (|X|² units)
+        kNoise,         // λ: the noise power the gains use (|X|² units)
+        kTracked,       // the tracker's estimate, before the rise limit
+        kCeiling,       // the rise limit
         kPresence,      // smoothed speech-presence probability of the tracker
         kPrevClean,     // G_lsa² · |X|² of the last frame, for the decision-directed SNR
         kPrioriSmooth,  // a-priori SNR smoothed over frames
@@ -106,6 +112,9 @@ private:
     float mPowerAlpha = 0.0f;     // smoothing of the power for the minimum search
     float mLogAlpha = 0.0f;       // smoothing of the log-power moments
     float mCreep = 1.0f;          // largest rise per frame of a stuck estimate (power ratio)
+    float mSlowRiseDb = 0.0f;     // rise per frame of the ceiling over a note (dB)
+    float mFastRiseDb = 0.0f;     // and when the whole band rises
+    float mFall = 1.0f;           // fall per frame of the rise limit towards the tracked estimate
     int mSeedFrames = 0;          // frames averaged into the first estimate
     int mSubWindowFrames = 0;     // frames per sub-window of the minimum search
     double mWindowEnergy = 0.0;   // Σ w² of the analysis window

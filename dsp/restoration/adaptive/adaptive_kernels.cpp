@@ -118,7 +118,7 @@ void Apply(float* re, float* im, const ChannelRows& rows, const FrameRows& frame
 
 void Track(const ChannelRows& rows, const FrameRows& frame, int bins, const FrameConstants& k, int seedFrame) {
     const float* power = frame.power;
-    float* noise = rows.noise;
+    float* noise = rows.tracked;
     float* presence = rows.presence;
     float* smoothPower = rows.smoothPower;
     float* subMin = rows.subMin;
@@ -138,6 +138,8 @@ void Track(const ChannelRows& rows, const FrameRows& frame, int bins, const Fram
             const float lambda = Max(noise[b], kPowerFloor);
             noise[b] = lambda + (Max(power[b], kPowerFloor) - lambda) * share;
             smoothPower[b] = noise[b];
+            rows.ceiling[b] = noise[b];
+            rows.noise[b] = noise[b];
         }
         return;
     }
@@ -167,10 +169,26 @@ void Track(const ChannelRows& rows, const FrameRows& frame, int bins, const Fram
     }
 }
 
+void Limit(const ChannelRows& rows, int bins, float rise, float fall) {
+    const float* tracked = rows.tracked;
+    float* applied = rows.noise;
+    float* ceiling = rows.ceiling;
+#if defined(__GNUC__)
+#pragma GCC ivdep
+#endif
+    for (int b = 0; b < bins; ++b) {
+        const float t = tracked[b];
+        const float c = ceiling[b];
+        const float next = t > c ? Min(t, c * rise) : Max(t, c * fall);
+        ceiling[b] = next;
+        applied[b] = Min(t, next);
+    }
+}
+
 }  // namespace
 
 const AdaptiveKernels& AdaptiveKernelTable() {
-    static const AdaptiveKernels table{Prepare, Apply, Track};
+    static const AdaptiveKernels table{Prepare, Apply, Track, Limit};
     return table;
 }
 

@@ -38,7 +38,9 @@ constexpr float kNoMinimum = 1e30f;
 
 // One channel's rows, each of `bins` floats.
 struct ChannelRows {
-    float* noise;            // λ, tracked noise power
+    float* noise;            // λ, the noise power the gains use: tracked, rising no faster than the ceiling
+    float* tracked;          // the tracker's own estimate
+    float* ceiling;          // slowly rising, slowly falling bound of the estimate
     float* presence;         // smoothed presence probability of the tracker
     float* prevClean;        // G_lsa² |X|² of the last frame
     float* smoothPower;      // power smoothed for the minimum search
@@ -79,6 +81,9 @@ struct AdaptiveKernels {
     // The noise tracker from frame.power; seedFrame > 0: the first frames, averaged (seedFrame is
     // the count including this one).
     void (*track)(const ChannelRows& rows, const FrameRows& frame, int bins, const FrameConstants& k, int seedFrame);
+    // The applied estimate: the tracked one, no higher than the ceiling, which moves towards the
+    // tracked estimate by at most `rise` up and `fall` down per frame (power ratios).
+    void (*limit)(const ChannelRows& rows, int bins, float rise, float fall);
 };
 
 namespace portable {

@@ -37,6 +37,20 @@ constexpr double kLogSeconds = 0.4;      // time constant of the log-power momen
 constexpr double kSeedSeconds = 0.25;    // first estimate: the mean power of this long
 constexpr double kSearchSeconds = 2.0;   // span of the minimum search
 constexpr double kCreepDbPerSecond = 6;  // rise of an estimate stuck under persistent presence
+// The estimate the gains use follows the tracker down at once but up no faster than a ceiling.
+// Sustained music lifts the tracker in the bins of its partials (their power lies between the
+// noise and the certain-presence level for long stretches); the ceiling lets that through at
+// kSlowRise only, so a held chord is not learned. When the noise itself rises, most of the band
+// lifts together: with more than kBandShareHigh of the bins kAboveCeiling over their ceiling,
+// the ceiling rises at kFastRise (linearly between from kBandShareLow).
+// The ceiling sits near the middle of the tracker's own frame-to-frame wander, so the estimate
+// reads stationary noise about half a decibel low, which costs less than a high one would.
+constexpr double kSlowRiseDbPerSecond = 0.2;
+constexpr double kFastRiseDbPerSecond = 20.0;
+constexpr double kCeilingFallDbPerSecond = 0.2;
+constexpr float kAboveCeiling = 1.4f;  // 1.5 dB
+constexpr float kBandShareLow = 0.4f;
+constexpr float kBandShareHigh = 0.7f;
 
 constexpr int kLocalHalf = 1;    // 3 bins
 constexpr int kGlobalHalf = 15;  // 31 bins
@@ -116,6 +130,9 @@ AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb
     mPowerAlpha = PerFrame(kPowerAlpha, hop);
     mLogAlpha = static_cast<float>(std::exp(-hop / kLogSeconds));
     mCreep = static_cast<float>(std::pow(10.0, kCreepDbPerSecond * hop / 10.0));
+    mSlowRiseDb = static_cast<float>(kSlowRiseDbPerSecond * hop);
+    mFastRiseDb = static_cast<float>(kFastRiseDbPerSecond * hop);
+    mFall = static_cast<float>(std::pow(10.0, -kCeilingFallDbPerSecond * hop / 10.0));
     mSeedFrames = std::max(1, static_cast<int>(std::lround(kSeedSeconds / hop)));
     mSubWindowFrames = std::max(1, static_cast<int>(std::ceil(kSearchSeconds / (kSubWindows * hop))));
     mState.assign(std::size_t(numChannels) * kRows * std::size_t(mBins), 0.0f);
@@ -158,8 +175,9 @@ void AdaptiveNoise::OnSpectrum(float** re, float** im, int numChannels, int numB
 void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     const int B = mBins;
     const adaptive::ChannelRows rows{
-        RowOf(channel, kNoise),  RowOf(channel, kPresence),  RowOf(channel, kPrevClean), RowOf(channel, kSmoothPower),
-        RowOf(channel, kSubMin), RowOf(channel, kWindowMin), RowOf(channel, kLogMean),   RowOf(channel, kLogSquare)};
+        RowOf(channel, kNoise),     RowOf(channel, kTracked),     RowOf(channel, kCeiling), RowOf(channel, kPresence),
+        RowOf(channel, kPrevClean), RowOf(channel, kSmoothPower), RowOf(channel, kSubMin),  RowOf(channel, kWindowMin),
+        RowOf(channel, kLogMean),   RowOf(channel, kLogSquare)};
     float* scratch = mScratch.data();
     const adaptive::FrameRows frame{scratch,         scratch + B,     scratch + 2 * B, scratch + 3 * B,
                                     scratch + 4 * B, scratch + 5 * B, scratch + 6 * B};
@@ -174,6 +192,8 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
         for (int k = 0; k < B; ++k) {
             const float y2 = std::max(re[k] * re[k] + im[k] * im[k], adaptive::kPowerFloor);
             rows.noise[k] = y2;
+            rows.tracked[k] = y2;
+            rows.ceiling[k] = y2;
             rows.smoothPower[k] = y2;
             subMin[k] = adaptive::kNoMinimum;
             windowMin[k] = adaptive::kNoMinimum;
@@ -196,6 +216,17 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     for (int k = 0; k < B; ++k)
         priori[k] = pa * priori[k] + (1.0f - pa) * frame.xi[k];
     mKernels->track(rows, frame, B, constants, mFrame < mSeedFrames ? int(mFrame) + 1 : 0);
+    if (mFrame >= mSeedFrames) {
+        // A change of the noise lifts the tracked estimate over the ceiling across most of the band;
+        // a note or a chord only in its partials. The ceiling rises fast only in the first case.
+        int above = 0;
+        for (int k = 1; k < B - 1; ++k)
+            above += rows.tracked[k] > kAboveCeiling * rows.ceiling[k] ? 1 : 0;
+        const float share = float(above) / float(B - 2);
+        const float w = std::clamp((share - kBandShareLow) / (kBandShareHigh - kBandShareLow), 0.0f, 1.0f);
+        const float riseDb = mSlowRiseDb + w * (mFastRiseDb - mSlowRiseDb);
+        mKernels->limit(rows, B, std::pow(10.0f, riseDb / 10.0f), mFall);
+    }
 
     // The minimum search advances by sub-windows: the finished one joins the history.
     if ((mFrame + 1) % mSubWindowFrames == 0) {

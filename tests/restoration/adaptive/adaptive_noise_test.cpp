@@ -6,12 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <vector>
 
 #include "dsp/restoration/adaptive/adaptive_kernels.h"
 #include "restoration/restoration_setup.h"
 #include "support/metrics.h"
+#include "support/music.h"
 
 namespace {
 
@@ -57,8 +60,9 @@ TEST(AdaptiveNoise, GeometryFollowsTheSampleRate) {
 }
 
 TEST(AdaptiveNoise, TrackedNoiseConvergesToKnownLevels) {
-    // The tracked per-sample power of white Gaussian noise must reach σ² (within 1 dB) after a
-    // steady start, after a rise and after a fall of the level.
+    // The tracked per-sample power of white Gaussian noise must reach σ² after a steady start,
+    // after a rise and after a fall of the level: within 1 dB, and within 1.5 dB after a rise (the
+    // applied estimate is the lower of the tracker and its ceiling and may settle a little low).
     struct Case {
         const char* name;
         double rms;
@@ -75,7 +79,7 @@ TEST(AdaptiveNoise, TrackedNoiseConvergesToKnownLevels) {
         AdaptiveNoise process(1, kRateHz);
         Stream(process, {SteppedNoise(before, after, c.rms, c.stepDb, 11)});
         const double expected = 20.0 * std::log10(c.rms) + c.stepDb;
-        EXPECT_NEAR(TrackedDb(process, 0), expected, 1.0);
+        EXPECT_NEAR(TrackedDb(process, 0), expected, c.stepDb > 0.0 ? 1.5 : 1.0);
     }
 }
 
@@ -121,6 +125,94 @@ TEST(AdaptiveNoise, NoiseFallsByTheReductionWhileToneAndHumBehaveAsTheyShould) {
     }
 }
 
+TEST(AdaptiveNoise, HeldNoteIsNeitherLearnedNorAttenuated) {
+    // A note of eight harmonics of 220 Hz enters white noise after 2 s and is held for 8 s, its
+    // partials from 36 dB down to 15 dB above the noise in their bins (3 dB less per harmonic).
+    // Played steadily, with a tremolo, or restruck every second with a decay (a piano-like
+    // envelope), it must keep its level and leave the tracked noise where the noise is.
+    struct Case {
+        const char* name;
+        double tremolo;  // depth of a 5 Hz amplitude modulation
+        double decay;    // per-second decay of a note struck every second (0: none)
+    };
+    const Case cases[] = {{"steady", 0.0, 0.0}, {"tremolo", 0.25, 0.0}, {"restruck", 0.0, 3.0}};
+    const std::size_t frames = 10 * kRateHz, start = 2 * kRateHz;
+    const double noiseRms = 0.003, f0 = 220.0;
+    constexpr int kHarmonics = 8;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Signal note(frames, 0.0f);
+        double amp[kHarmonics + 1] = {};
+        for (int h = 1; h <= kHarmonics; ++h) {
+            // Same relation of tone and noise bins as above: A = σ·√(384·10^(dB/10))/256.
+            amp[h] = noiseRms * std::sqrt(384.0 * std::pow(10.0, (39.0 - 3.0 * h) / 10.0)) / 256.0;
+            for (std::size_t i = start; i < frames; ++i) {
+                const double t = double(i - start) / kRateHz;
+                double envelope = 1.0 + c.tremolo * std::sin(2.0 * std::numbers::pi * 5.0 * t);
+                // A struck note starts 6 dB over the steady note and decays by `decay` per second.
+                if (c.decay > 0.0) envelope = 2.0 * std::exp(-c.decay * (t - std::floor(t)));
+                note[i] += static_cast<float>(envelope * amp[h] * std::sin(2.0 * std::numbers::pi * f0 * h * t));
+            }
+        }
+        const Signal in = Mix(GaussianNoise(frames, 21, noiseRms), note);
+        AdaptiveNoise process(1, kRateHz, 30.0);
+        const Signal out = Stream(process, {in})[0];
+        // The tracker has seen the note for 8 s: the noise must still read its true level.
+        EXPECT_NEAR(TrackedDb(process, 0), 20.0 * std::log10(noiseRms), 1.5);
+        // Over the last three seconds each partial at least 20 dB over the noise keeps its level
+        // within 1.5 dB, and the note as a whole within 1 dB.
+        const std::size_t from = frames - 3 * kRateHz - 1024, lat = 1024;
+        double inEnergy = 0.0, outEnergy = 0.0;
+        for (int h = 1; h <= kHarmonics; ++h) {
+            SCOPED_TRACE(h);
+            const double a = kesta::test::LevelAt(Part(in, from, 3 * kRateHz), f0 * h, kRate);
+            const double b = kesta::test::LevelAt(Part(out, from + lat, 3 * kRateHz), f0 * h, kRate);
+            inEnergy += a * a;
+            outEnergy += b * b;
+            if (39.0 - 3.0 * h >= 20.0) {
+                EXPECT_NEAR(kesta::test::ToDb(b / a), 0.0, 1.5);
+            }
+        }
+        EXPECT_NEAR(10.0 * std::log10(outEnergy / inEnergy), 0.0, 1.0);
+    }
+}
+
+TEST(AdaptiveNoise, RenderedMusicGetsCleanerAndIsNotLearned) {
+    // Piano, bass and drums with their reverberation keep many bins busy for seconds at a time.
+    // After a second of white noise alone, the music enters 10 and 20 dB above it: the output must
+    // be closer to the clean music than the input is, and the tracker must still read the noise's
+    // level at the end.
+    const Channels music = kesta::test::RenderMusic(kRateHz, 12.0, 7);
+    if (music.empty()) GTEST_SKIP() << "fluidsynth or its soundfont is not installed";
+    const std::size_t lead = kRateHz, frames = lead + music[0].size();
+    for (const double snrDb : {10.0, 20.0}) {
+        SCOPED_TRACE(snrDb);
+        const double rms = kesta::test::Rms(music[0]) * std::pow(10.0, -snrDb / 20.0);
+        Channels clean(2, Signal(frames, 0.0f));
+        Channels in(2);
+        for (int c = 0; c < 2; ++c) {
+            std::copy(music[c].begin(), music[c].end(), clean[c].begin() + lead);
+            in[c] = Mix(clean[c], GaussianNoise(frames, 31 + c, rms));
+        }
+        AdaptiveNoise process(2, kRateHz);
+        const Channels out = Stream(process, in);
+        for (int c = 0; c < 2; ++c) {
+            SCOPED_TRACE(c);
+            // Error power against the clean music while it plays.
+            auto errorDb = [&](const Signal& y, std::size_t delay) {
+                double e = 0.0;
+                for (std::size_t i = lead; i + delay < y.size(); ++i) {
+                    const double d = double(y[i + delay]) - clean[c][i];
+                    e += d * d;
+                }
+                return 10.0 * std::log10(e);
+            };
+            EXPECT_LT(errorDb(out[c], 1024), errorDb(in[c], 0) - 1.0);
+            EXPECT_NEAR(TrackedDb(process, c), 20.0 * std::log10(rms), 2.0);
+        }
+    }
+}
+
 TEST(AdaptiveNoise, KernelBuildsGiveTheSameBits) {
     // Every row filled with values over many decades (the polynomial exp and log see their whole
     // range), then each build runs a frame: the portable and the vector builds must agree exactly.
@@ -128,7 +220,7 @@ TEST(AdaptiveNoise, KernelBuildsGiveTheSameBits) {
     if (!dsp::detail::IsaAvailable(dsp::detail::Isa::Avx2Fma)) GTEST_SKIP() << "one build only";
     constexpr int n = 203;  // not a multiple of any vector width
     struct Run {
-        std::vector<float> data = std::vector<float>(17 * n);
+        std::vector<float> data = std::vector<float>(19 * n);
         float* Row(int r) { return data.data() + r * n; }
     };
     kesta::test::Random random(3);
@@ -140,13 +232,15 @@ TEST(AdaptiveNoise, KernelBuildsGiveTheSameBits) {
     const dsp::detail::Isa isas[2] = {dsp::detail::Isa::Portable, dsp::detail::Isa::Avx2Fma};
     for (int i = 0; i < 2; ++i) {
         Run& r = runs[i];
-        const ChannelRows rows{r.Row(0), r.Row(1), r.Row(2), r.Row(3), r.Row(4), r.Row(5), r.Row(6), r.Row(7)};
-        const FrameRows frame{r.Row(8), r.Row(9), r.Row(10), r.Row(11), r.Row(12), r.Row(13), r.Row(14)};
+        const ChannelRows rows{r.Row(0), r.Row(1), r.Row(2), r.Row(3), r.Row(4),
+                               r.Row(5), r.Row(6), r.Row(7), r.Row(8), r.Row(9)};
+        const FrameRows frame{r.Row(10), r.Row(11), r.Row(12), r.Row(13), r.Row(14), r.Row(15), r.Row(16)};
         const AdaptiveKernels& kernels = AdaptiveKernelsFor(isas[i]);
-        kernels.prepare(r.Row(15), r.Row(16), rows, frame, n, k);
-        kernels.apply(r.Row(15), r.Row(16), rows, frame, n, k);
+        kernels.prepare(r.Row(17), r.Row(18), rows, frame, n, k);
+        kernels.apply(r.Row(17), r.Row(18), rows, frame, n, k);
         kernels.track(rows, frame, n, k, 0);
         kernels.track(rows, frame, n, k, 3);
+        kernels.limit(rows, n, 1.01f, 0.99f);
     }
     EXPECT_TRUE(runs[0].data == runs[1].data);
 }
