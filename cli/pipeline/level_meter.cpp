@@ -11,7 +11,10 @@ void LevelMeter::Add(const AudioBlock& block) {
         double peak = mPeak[c], squares = 0.0, sum = 0.0;
         for (std::size_t i = 0; i < frames; ++i) {
             const double v = x[i];
-            peak = std::fmax(peak, std::fabs(v));
+            // An inline compare instead of a call per sample; a NaN never compares greater, so it is
+            // skipped exactly as fmax skips it.
+            const double magnitude = std::fabs(v);
+            peak = magnitude > peak ? magnitude : peak;
             squares += v * v;
             sum += v;
         }
