@@ -138,6 +138,11 @@ bool BlockReader::Read(AudioBlock& block) {
         throw InputError("cannot read " + mShown + " after frame " + std::to_string(mFramesRead), SndfileReason(mFile),
                          "the file may be damaged or truncated");
     if (got < 0) got = 0;
+    if (mFramesInFile && (mFramesRead + got > *mFramesInFile || (got == 0 && mFramesRead < *mFramesInFile)))
+        throw InputError("cannot read " + mShown + " a second time",
+                         "it gives other frames than on the first reading (its header is damaged)",
+                         "convert it with another tool and use the copy");
+    if (got == 0 && !mFramesInFile) mFramesInFile = mFramesRead;
 
     const std::size_t frames = std::size_t(got);
     for (int c = 0; c < channels; ++c) {

@@ -65,6 +65,9 @@ private:
     bool mEndMissing = false;
     int mIntegerBits = 0;  // > 0: read integers and scale exactly
     int64_t mFramesRead = 0;
+    // Frames the first pass found; a later pass that finds another count throws (a damaged header
+    // can make a rewound file read differently).
+    std::optional<int64_t> mFramesInFile;
     std::vector<float> mInterleavedFloat;
     std::vector<int32_t> mInterleavedInt;
 };

@@ -8,6 +8,7 @@
 
 #include "cli_test.h"
 #include "dsp/dsp_analyzer.h"
+#include "errors.h"
 #include "io/block_reader.h"
 #include "pipeline/analysis.h"
 #include "pipeline/job.h"
@@ -339,6 +340,30 @@ TEST_F(StreamTest, AnalysisPassesReadTheRegionAsTheAnalyzerAsks) {
                                         }),
                      std::runtime_error);
         EXPECT_EQ(end, 10001);
+    }
+}
+
+// An AU header that puts its data at offset 0, inside the header: the first reading starts after
+// the header, a rewound one at the offset, so the two passes hold different frames.
+TEST_F(StreamTest, AFileThatReadsDifferentlyAfterARewindIsRefused) {
+    std::string bytes = ".snd";
+    for (const uint32_t field : {0u, 0x00290258u, 1u, 44100u, 1u})
+        for (int shift = 24; shift >= 0; shift -= 8)
+            bytes += char((field >> shift) & 0xFF);
+    bytes += std::string(17, char(0x9A));
+    WriteBytes(dir / "odd.au", bytes);
+    BlockReader reader(P("odd.au"));
+    AudioBlock block = reader.MakeBlock();
+    while (reader.Read(block)) {
+    }
+    const int64_t first = reader.FramesRead();
+    reader.Rewind();
+    try {
+        while (reader.Read(block)) {
+        }
+        EXPECT_EQ(reader.FramesRead(), first) << "a second pass read other frames without a word";
+    } catch (const kesta::CliError& refused) {
+        EXPECT_NE(refused.Message().find("a second time"), std::string::npos) << refused.Message();
     }
 }
 
