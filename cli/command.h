@@ -126,6 +126,9 @@ Command AddChainCommand(CLI::App& kesta);
 Command AddAnalyzeCommand(CLI::App& kesta);
 Command AddNormalizeCommand(CLI::App& kesta);
 Command AddDemoCommand(CLI::App& kesta);
+Command AddSilenceCommand(CLI::App& kesta);
+Command AddTrimSilenceCommand(CLI::App& kesta);
+Command AddSpectrumCommand(CLI::App& kesta);
 
 // Whether `kesta chain` has a step of this name, and a step's processor made from its text
 // ("declick:threshold=40") as the chain makes it.
