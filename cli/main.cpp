@@ -106,11 +106,11 @@ int Run(int argc, char** argv) {
     kesta.get_formatter()->label("SUBCOMMAND", "COMMAND");
 
     std::vector<Command> commands = {
-        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),        AddGainCommand(kesta),    AddDenoiseCommand(kesta),
-        AddDehissCommand(kesta),    AddEqCommand(kesta),          AddGeqCommand(kesta),     AddDeclickCommand(kesta),
-        AddDeclipCommand(kesta),    AddLimitCommand(kesta),       AddWidenCommand(kesta),   AddResampleCommand(kesta),
-        AddGenerateCommand(kesta),  AddChainCommand(kesta),       AddAnalyzeCommand(kesta), AddNormalizeCommand(kesta),
-        AddSilenceCommand(kesta),   AddTrimSilenceCommand(kesta), AddDemoCommand(kesta)};
+        AddSelfcheckCommand(kesta), AddInfoCommand(kesta),        AddGainCommand(kesta),     AddDenoiseCommand(kesta),
+        AddDehissCommand(kesta),    AddEqCommand(kesta),          AddGeqCommand(kesta),      AddDeclickCommand(kesta),
+        AddDeclipCommand(kesta),    AddLimitCommand(kesta),       AddWidenCommand(kesta),    AddResampleCommand(kesta),
+        AddGenerateCommand(kesta),  AddChainCommand(kesta),       AddAnalyzeCommand(kesta),  AddNormalizeCommand(kesta),
+        AddSilenceCommand(kesta),   AddTrimSilenceCommand(kesta), AddSpectrumCommand(kesta), AddDemoCommand(kesta)};
 #ifdef KESTA_PICTURES
     commands.push_back(AddSpectrogramCommand(kesta));
     commands.push_back(AddWaveformCommand(kesta));
