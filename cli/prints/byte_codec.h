@@ -28,6 +28,15 @@ public:
     void F64s(const double* v, std::size_t n);
     void F32s(const float* v, std::size_t n);
 
+    // A record field by its type (the field lists of the print codecs walk these, in both directions).
+    void Field(int16_t v) { I16(v); }
+    void Field(int32_t v) { I32(v); }
+    void Field(float v) { F32(v); }
+    void Field(double v) { F64(v); }
+    void Field(bool v) { Bool(v); }
+    void Field(const float* v, std::size_t n) { F32s(v, n); }
+    void Field(const double* v, std::size_t n) { F64s(v, n); }
+
     const std::string& Bytes() const { return mBytes; }
     std::string Take() { return std::move(mBytes); }
 
@@ -60,6 +69,15 @@ public:
     bool Bool() { return U8() != 0; }
     void F64s(double* v, std::size_t n);
     void F32s(float* v, std::size_t n);
+
+    // A record field by its type, as ByteWriter::Field wrote it.
+    void Field(int16_t& v) { v = I16(); }
+    void Field(int32_t& v) { v = I32(); }
+    void Field(float& v) { v = F32(); }
+    void Field(double& v) { v = F64(); }
+    void Field(bool& v) { v = Bool(); }
+    void Field(float* v, std::size_t n) { F32s(v, n); }
+    void Field(double* v, std::size_t n) { F64s(v, n); }
 
     std::size_t Offset() const { return mOffset; }
     std::size_t Remaining() const { return mOffset <= mBytes.size() ? mBytes.size() - mOffset : 0; }

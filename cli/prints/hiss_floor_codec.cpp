@@ -6,57 +6,56 @@ namespace kesta {
 
 using dsp::nohiss::NOHISS;
 
+namespace {
+
+// The record's fields in file order, each handed to `field` (a scalar, or an array and its
+// length): the encoder and the decoder walk this one list.
+template <class Record, class Field>
+void NoHissFields(Record& r, std::size_t C, std::size_t N, Field field) {
+    field(r.tuningA);
+    field(r.fftSize);
+    field(r.tuningB);
+    field(r.overlap);
+    field(r.sampleRate);
+    field(r.channels);
+    field(r.frameCount);
+    field(r.kneeDb);
+    field(r.outputMode);
+    field(r.reductionDb);
+    field(r.smoothingPercent);
+    field(r.tuningC);
+    field(r.floorLevel, C);
+    for (std::size_t c = 0; c < C; ++c)
+        field(r.floorRows[c], N);
+    for (std::size_t c = 0; c < C; ++c)
+        field(r.thresholdRows[c], N);
+}
+
+}  // namespace
+
 uint64_t NoHissRecordBytes(uint64_t C, uint64_t N) {
     constexpr uint64_t kScalarBytes = 44;
     return kScalarBytes + 4 * C + 12 * C * N;
 }
 
 void EncodeNoHiss(ByteWriter& out, const NOHISS& record) {
-    const std::size_t C = std::size_t(record.channels), N = std::size_t(record.fftSize);
-    out.F32(record.tuningA);
-    out.I32(record.fftSize);
-    out.I32(record.tuningB);
-    out.I16(record.overlap);
-    out.I32(record.sampleRate);
-    out.I32(record.channels);
-    out.I16(record.frameCount);
-    out.F32(record.kneeDb);
-    out.I32(record.outputMode);
-    out.F32(record.reductionDb);
-    out.F32(record.smoothingPercent);
-    out.I32(record.tuningC);
-    out.F32s(record.floorLevel, C);
-    for (std::size_t c = 0; c < C; ++c)
-        out.F64s(record.floorRows[c], N);
-    for (std::size_t c = 0; c < C; ++c)
-        out.F32s(record.thresholdRows[c], N);
+    NoHissFields(record, std::size_t(record.channels), std::size_t(record.fftSize),
+                 [&out](const auto&... field) { out.Field(field...); });
 }
 
 NoHissPtr DecodeNoHiss(ByteReader& in, int channels, int fftSize, int sampleRate, const std::string& path) {
     const std::size_t C = std::size_t(channels), N = std::size_t(fftSize);
     NoHissPtr record = MakeNoHiss(channels, fftSize, sampleRate);
     NOHISS& r = *record;
-    r.tuningA = in.F32();
-    const int32_t recordFft = in.I32();
-    r.tuningB = in.I32();
-    r.overlap = in.I16();
-    const int32_t recordRate = in.I32();
-    const int32_t recordChannels = in.I32();
-    r.frameCount = in.I16();
-    r.kneeDb = in.F32();
-    r.outputMode = in.I32();
-    r.reductionDb = in.F32();
-    r.smoothingPercent = in.F32();
-    r.tuningC = in.I32();
+    NoHissFields(r, C, N, [&in](auto&... field) { in.Field(field...); });
+    // The arrays were read at the header's shape; the record's own copy of it must agree.
+    const bool agrees = r.fftSize == int32_t(N) && r.channels == int32_t(C) && r.sampleRate == sampleRate;
+    r.fftSize = int32_t(N);
+    r.channels = int32_t(C);
+    r.sampleRate = sampleRate;
     const PrintValueCheck check(path);
-    if (recordFft != int32_t(N) || recordChannels != int32_t(C) || recordRate != sampleRate ||
-        !dsp::OverlapSave::IsValidOverlap(int(N), r.overlap))
+    if (!agrees || !dsp::OverlapSave::IsValidOverlap(int(N), r.overlap))
         check.Fail("its record does not agree with its header");
-    in.F32s(r.floorLevel, C);
-    for (std::size_t c = 0; c < C; ++c)
-        in.F64s(r.floorRows[c], N);
-    for (std::size_t c = 0; c < C; ++c)
-        in.F32s(r.thresholdRows[c], N);
 
     // Bins 0 ... N/2 carry the floor; the rest of each row is never read.
     const std::size_t bins = N / 2 + 1;

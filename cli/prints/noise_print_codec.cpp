@@ -30,6 +30,35 @@ void CheckOrdered(const PrintValueCheck& check, const NONOISE& r, std::size_t ch
         }
 }
 
+// The record's fields in file order, each handed to `field` (a scalar, or an array and its
+// length): the encoder and the decoder walk this one list.
+template <class Record, class Field>
+void NoNoiseFields(Record& r, std::size_t C, std::size_t N, Field field) {
+    field(r.thresholdOffset);
+    field(r.auxIndex);
+    field(r.fftSize);
+    field(r.maxSnapshots);
+    field(r.overlap);
+    field(r.optionInt);
+    field(r.channels);
+    field(r.frameCount);
+    field(r.transitionDb);
+    field(r.precisionExponent);
+    field(r.outputMode);
+    field(r.optionFlagA);
+    field(r.optionFlagB);
+    field(r.optionFlagC);
+    field(r.reductionDb);
+    field(r.smoothingPercent);
+    field(r.printFlag);
+    field(r.dcMin, C);
+    field(r.dcMax, C);
+    for (double* const* rows : {r.binMin, r.binMax, r.binRms})
+        for (std::size_t c = 0; c < C; ++c)
+            field(rows[c], N);
+    field(r.thresholdCurve, N);
+}
+
 }  // namespace
 
 uint64_t NoNoiseRecordBytes(uint64_t C, uint64_t N) {
@@ -37,68 +66,23 @@ uint64_t NoNoiseRecordBytes(uint64_t C, uint64_t N) {
 }
 
 void EncodeNoNoise(ByteWriter& out, const NONOISE& record) {
-    const std::size_t C = std::size_t(record.channels), N = std::size_t(record.fftSize);
-    out.F64(record.thresholdOffset);
-    out.I16(record.auxIndex);
-    out.I16(record.fftSize);
-    out.I32(record.maxSnapshots);
-    out.I16(record.overlap);
-    out.I32(record.optionInt);
-    out.I16(record.channels);
-    out.I16(record.frameCount);
-    out.F64(record.transitionDb);
-    out.F64(record.precisionExponent);
-    out.I16(record.outputMode);
-    out.Bool(record.optionFlagA);
-    out.Bool(record.optionFlagB);
-    out.Bool(record.optionFlagC);
-    out.F64(record.reductionDb);
-    out.F64(record.smoothingPercent);
-    out.Bool(record.printFlag);
-    out.F64s(record.dcMin, C);
-    out.F64s(record.dcMax, C);
-    for (std::size_t c = 0; c < C; ++c)
-        out.F64s(record.binMin[c], N);
-    for (std::size_t c = 0; c < C; ++c)
-        out.F64s(record.binMax[c], N);
-    for (std::size_t c = 0; c < C; ++c)
-        out.F64s(record.binRms[c], N);
-    out.F32s(record.thresholdCurve, N);
+    NoNoiseFields(record, std::size_t(record.channels), std::size_t(record.fftSize),
+                  [&out](const auto&... field) { out.Field(field...); });
 }
 
 NoNoisePtr DecodeNoNoise(ByteReader& in, int channels, int fftSize, const std::string& path) {
     const std::size_t C = std::size_t(channels), N = std::size_t(fftSize);
     NoNoisePtr record = MakeNoNoise(channels, fftSize);
     NONOISE& r = *record;
-    r.thresholdOffset = in.F64();
-    r.auxIndex = in.I16();
-    const int16_t recordFft = in.I16();
-    r.maxSnapshots = in.I32();
-    r.overlap = in.I16();
-    r.optionInt = in.I32();
-    const int16_t recordChannels = in.I16();
-    r.frameCount = in.I16();
-    r.transitionDb = in.F64();
-    r.precisionExponent = in.F64();
-    r.outputMode = in.I16();
-    r.optionFlagA = in.Bool();
-    r.optionFlagB = in.Bool();
-    r.optionFlagC = in.Bool();
-    r.reductionDb = in.F64();
-    r.smoothingPercent = in.F64();
-    r.printFlag = in.Bool();
+    NoNoiseFields(r, C, N, [&in](auto&... field) { in.Field(field...); });
+    // The arrays were read at the header's shape; the record's own copy of it must agree (and the
+    // record keeps the header's, which its arrays were made for).
+    const bool agrees = r.fftSize == int16_t(N) && r.channels == int16_t(C);
+    r.fftSize = int16_t(N);
+    r.channels = int16_t(C);
     const PrintValueCheck check(path);
-    if (recordFft != int16_t(N) || recordChannels != int16_t(C) || !dsp::OverlapSave::IsValidOverlap(int(N), r.overlap))
+    if (!agrees || !dsp::OverlapSave::IsValidOverlap(int(N), r.overlap))
         check.Fail("its record does not agree with its header");
-    in.F64s(r.dcMin, C);
-    in.F64s(r.dcMax, C);
-    for (std::size_t c = 0; c < C; ++c)
-        in.F64s(r.binMin[c], N);
-    for (std::size_t c = 0; c < C; ++c)
-        in.F64s(r.binMax[c], N);
-    for (std::size_t c = 0; c < C; ++c)
-        in.F64s(r.binRms[c], N);
-    in.F32s(r.thresholdCurve, N);
 
     // Bins 0 ... N/2 carry the statistics; the rest of each row is never read (a capture leaves
     // its start values there).
