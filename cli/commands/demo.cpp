@@ -27,6 +27,7 @@
 #include "pipeline/text_table.h"
 #include "pipeline/units.h"
 #ifdef KESTA_PICTURES
+#include "pictures/picture_job.h"
 #include "pictures/spectrogram_image.h"
 #include "pictures/waveform_image.h"
 #endif
@@ -343,8 +344,7 @@ int RunDemo(const DemoOptions& options) {
             {{"damaged.wav", &damaged, recording.Frames()}, {"restored.wav", &restored, recording.Frames()}}, settings,
             false);
         SafeOutput spectrogramFile(path("spectrogram.png"), {}, true);
-        spectrogram.WritePng(spectrogramFile);
-        spectrogramFile.Commit();
+        SavePicture(spectrogram, spectrogramFile);
 
         BlockReader again(path("damaged.wav"));
         Canvas waveform(1000, 520);
@@ -355,8 +355,7 @@ int RunDemo(const DemoOptions& options) {
             marks.clips.push_back({r.channel + 1, r.start, r.length});
         DrawWaveform(waveform, "damaged.wav", again, recording.Frames(), marks, true, false);
         SafeOutput waveformFile(path("waveform.png"), {}, true);
-        waveform.WritePng(waveformFile);
-        waveformFile.Commit();
+        SavePicture(waveform, waveformFile);
         files.insert(files.end(), {"spectrogram.png", "waveform.png"});
     }
 #endif
