@@ -21,8 +21,9 @@
 // gain to the rest, G = G_lsa^p · Gmin^(1−p). The a-priori absence probability behind p comes
 // from the a-priori SNR smoothed over frames and over three and over thirty-one neighbouring
 // bins, so an isolated noise peak (the source of "musical noise") is held at the floor while
-// broad, sustained signal opens the gain. Gmin = 10^(−reductionDb/20): noise-only bins, hum lines
-// included, fall by close to reductionDb.
+// broad, sustained signal opens the gain. Each bin then takes the largest gain of itself and its
+// two neighbours, so a component keeps its whole main lobe. Gmin = 10^(−reductionDb/20):
+// noise-only bins, hum lines included, fall by close to reductionDb.
 //
 // Geometry: OverlapSave with a Hann window, N = FrameLengthFor(sampleRate) (1024 at 44.1 and 48
 // kHz, about 23 ms), a hop of N/2 (crossfade L = N/4 at offset P = N/2). Latency: N frames.
@@ -122,7 +123,7 @@ private:
     long long mFrame = 0;                                 // frames since Resume
     std::vector<float> mState;                            // channels × kRows × bins
     std::vector<float> mMinHistory;                       // channels × kSubWindows × bins
-    std::vector<float> mScratch;                          // 7 × bins
+    std::vector<float> mScratch;                          // 8 × bins
     const adaptive::AdaptiveKernels* mKernels = nullptr;  // the per-bin loops built for this CPU
 };
 

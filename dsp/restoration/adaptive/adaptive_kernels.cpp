@@ -101,6 +101,8 @@ void Apply(float* re, float* im, const ChannelRows& rows, const FrameRows& frame
     const float* lnLsa = frame.lnLsa;
     const float* local = frame.local;
     const float* global = frame.global;
+    float* gains = frame.gain;
+    float* spread = frame.local;  // free once the gains are made
 #if defined(__GNUC__)
 #pragma GCC ivdep
 #endif
@@ -111,8 +113,30 @@ void Apply(float* re, float* im, const ChannelRows& rows, const FrameRows& frame
         const float p = 1.0f / (1.0f + odds);
         const float gain = Exp(p * lnLsa[b] + (1.0f - p) * floorLog);
         prevClean[b] = Exp(2.0f * lnLsa[b]) * power[b];
-        re[b] *= gain;
-        im[b] *= gain;
+        gains[b] = gain;
+    }
+    // Each bin takes the largest gain of itself and its two neighbours. A component's main lobe
+    // under the Hann window spans four bins, and its gain is decided where it peaks: a lower gain on
+    // the lobe's flanks would cut the component's edges away and leave them as error, which on a
+    // loud partial over quiet noise is larger than the noise the flanks held.
+    if (bins < 2) return;
+    const float first = Max(gains[0], gains[1]);
+    const float last = Max(gains[bins - 2], gains[bins - 1]);
+#if defined(__GNUC__)
+#pragma GCC ivdep
+#endif
+    for (int b = 1; b < bins - 1; ++b) {
+        const float g = Max(Max(gains[b - 1], gains[b]), gains[b + 1]);
+        spread[b] = g;
+    }
+    spread[0] = first;
+    spread[bins - 1] = last;
+#if defined(__GNUC__)
+#pragma GCC ivdep
+#endif
+    for (int b = 0; b < bins; ++b) {
+        re[b] *= spread[b];
+        im[b] *= spread[b];
     }
 }
 

@@ -59,6 +59,7 @@ struct FrameRows {
     float* lnV;     // ln v
     float* local;   // smoothed a-priori SNR averaged over 3 bins
     float* global;  // and over 31 bins
+    float* gain;    // the gain of each bin, before it is spread to the neighbours
 };
 
 struct FrameConstants {
@@ -75,7 +76,8 @@ struct AdaptiveKernels {
     // power, xi, v, ln(ξ/(1 + ξ)) into lnLsa, ln v.
     void (*prepare)(const float* re, const float* im, const ChannelRows& rows, const FrameRows& frame, int bins,
                     const FrameConstants& k);
-    // The gains (lnLsa holds the LSA gain's log): re, im scaled, prevClean updated.
+    // The gains (lnLsa holds the LSA gain's log), each bin's spread over its neighbours: re, im
+    // scaled, prevClean updated; frame.local is overwritten.
     void (*apply)(float* re, float* im, const ChannelRows& rows, const FrameRows& frame, int bins,
                   const FrameConstants& k);
     // The noise tracker from frame.power; seedFrame > 0: the first frames, averaged (seedFrame is

@@ -137,7 +137,7 @@ AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb
     mSubWindowFrames = std::max(1, static_cast<int>(std::ceil(kSearchSeconds / (kSubWindows * hop))));
     mState.assign(std::size_t(numChannels) * kRows * std::size_t(mBins), 0.0f);
     mMinHistory.assign(std::size_t(numChannels) * kSubWindows * std::size_t(mBins), adaptive::kNoMinimum);
-    mScratch.assign(7 * std::size_t(mBins), 0.0f);
+    mScratch.assign(8 * std::size_t(mBins), 0.0f);
     mKernels = &adaptive::AdaptiveKernelsFor();
     HalfExpint();  // built here rather than in the first frame
     ParameterChanged();
@@ -180,7 +180,7 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
         RowOf(channel, kLogMean),   RowOf(channel, kLogSquare)};
     float* scratch = mScratch.data();
     const adaptive::FrameRows frame{scratch,         scratch + B,     scratch + 2 * B, scratch + 3 * B,
-                                    scratch + 4 * B, scratch + 5 * B, scratch + 6 * B};
+                                    scratch + 4 * B, scratch + 5 * B, scratch + 6 * B, scratch + 7 * B};
     const adaptive::FrameConstants constants{mDdAlpha,    mFloorLog, mNoiseAlpha, mPresenceAlpha,
                                              mPowerAlpha, mLogAlpha, mCreep};
     float* subMin = rows.subMin;
