@@ -11,6 +11,7 @@
 #include <numbers>
 
 #include "dsp/core/denormal_guard.h"
+#include "dsp/core/double_pair.h"
 #include "dsp/core/numerics.h"
 
 namespace dsp::butterworth {
@@ -333,17 +334,18 @@ bool FitFreePoles(const Design& d, const Pole* analog, const Grid& grid, Complex
 }
 
 // One sample through a cascade of S second-order sections followed, when First, by one first-order
-// section. m holds x1, x2 of the input and y1, y2 of each section, as in CutFilter::mMemory.
-template <int S, bool First>
-inline double Step(const Section* c, double* m, double x) {
-    double in = x;
+// section. m holds x1, x2 of the input and y1, y2 of each section, as in CutFilter::mMemory. V is
+// double, or two channels in the lanes of a DoublePair with c's fields pairs of coefficients.
+template <int S, bool First, typename V, typename Coefficients>
+inline V Step(const Coefficients* c, V* m, V x) {
+    V in = x;
     for (int k = 0; k < S; ++k) {
-        const Section& s = c[k];
-        double& x1 = m[2 * k];
-        double& x2 = m[2 * k + 1];
-        double& y1 = m[2 * k + 2];
-        double& y2 = m[2 * k + 3];
-        const double y = (s.b0 * in + s.b1 * x1 + s.b2 * x2) - (s.a1 * y1 + s.a2 * y2);
+        const Coefficients& s = c[k];
+        V& x1 = m[2 * k];
+        V& x2 = m[2 * k + 1];
+        V& y1 = m[2 * k + 2];
+        V& y2 = m[2 * k + 3];
+        const V y = (s.b0 * in + s.b1 * x1 + s.b2 * x2) - (s.a1 * y1 + s.a2 * y2);
         x2 = x1;
         x1 = in;
         in = y;
@@ -355,10 +357,10 @@ inline double Step(const Section* c, double* m, double x) {
         }
     }
     if constexpr (First) {
-        const Section& s = c[S];
-        double& x1 = m[2 * S];
-        double& y1 = m[2 * S + 2];
-        const double y = (s.b0 * in + s.b1 * x1) - s.a1 * y1;
+        const Coefficients& s = c[S];
+        V& x1 = m[2 * S];
+        V& y1 = m[2 * S + 2];
+        const V y = (s.b0 * in + s.b1 * x1) - s.a1 * y1;
         m[2 * S + 1] = x1;
         x1 = in;
         y1 = y;
@@ -382,6 +384,59 @@ void Run(const Design& d, double* memory, float* data, int count) {
         data[i] = static_cast<float>(Step<S, First>(c, m, static_cast<double>(data[i])));
     for (int i = 0; i < kCells; ++i)
         memory[i] = m[i];
+}
+
+using detail::DoublePair;
+
+struct SectionPair {
+    DoublePair b0, b1, b2, a1, a2;
+};
+
+// Two cascades of one shape, one per lane.
+template <int S, bool First>
+void RunPair(const Design& left, const Design& right, double* leftMemory, double* rightMemory, float* x0, float* x1,
+             int count) {
+    constexpr int kSections = S + (First ? 1 : 0);
+    constexpr int kCells = 2 + 2 * kSections;
+    SectionPair c[kSections];
+    DoublePair m[kCells];
+    for (int k = 0; k < kSections; ++k) {
+        const Section& a = left.sections[static_cast<std::size_t>(k)];
+        const Section& b = right.sections[static_cast<std::size_t>(k)];
+        c[k] = {detail::MakePair(a.b0, b.b0), detail::MakePair(a.b1, b.b1), detail::MakePair(a.b2, b.b2),
+                detail::MakePair(a.a1, b.a1), detail::MakePair(a.a2, b.a2)};
+    }
+    for (int i = 0; i < kCells; ++i)
+        m[i] = detail::MakePair(leftMemory[i], rightMemory[i]);
+    for (int i = 0; i < count; ++i)
+        detail::StoreFloats(Step<S, First>(c, m, detail::LoadFloats(x0 + i, x1 + i)), x0 + i, x1 + i);
+    for (int i = 0; i < kCells; ++i) {
+        leftMemory[i] = detail::Left(m[i]);
+        rightMemory[i] = detail::Right(m[i]);
+    }
+}
+
+// f.operator()<S, First>() for the cascade of the given order (8 for anything above 7).
+template <typename F>
+auto ForOrder(int order, F&& f) {
+    switch (order) {
+        case 1:
+            return f.template operator()<0, true>();
+        case 2:
+            return f.template operator()<1, false>();
+        case 3:
+            return f.template operator()<1, true>();
+        case 4:
+            return f.template operator()<2, false>();
+        case 5:
+            return f.template operator()<2, true>();
+        case 6:
+            return f.template operator()<3, false>();
+        case 7:
+            return f.template operator()<3, true>();
+        default:
+            return f.template operator()<4, false>();
+    }
 }
 
 }  // namespace
@@ -496,56 +551,25 @@ void CutFilter::Clear() {
 
 void CutFilter::ProcessInplace(float* data, int count) {
     DenormalGuard guard;  // nests for free under an equaliser's own guard
-    double* m = mMemory.data();
-    switch (mDesign.order) {
-        case 1:
-            Run<0, true>(mDesign, m, data, count);
-            break;
-        case 2:
-            Run<1, false>(mDesign, m, data, count);
-            break;
-        case 3:
-            Run<1, true>(mDesign, m, data, count);
-            break;
-        case 4:
-            Run<2, false>(mDesign, m, data, count);
-            break;
-        case 5:
-            Run<2, true>(mDesign, m, data, count);
-            break;
-        case 6:
-            Run<3, false>(mDesign, m, data, count);
-            break;
-        case 7:
-            Run<3, true>(mDesign, m, data, count);
-            break;
-        default:
-            Run<4, false>(mDesign, m, data, count);
-            break;
+    ForOrder(mDesign.order, [&]<int S, bool First>() { Run<S, First>(mDesign, mMemory.data(), data, count); });
+}
+
+void CutFilter::ProcessPairInplace(CutFilter& left, CutFilter& right, float* x0, float* x1, int count) {
+    if (left.mDesign.order != right.mDesign.order) {
+        left.ProcessInplace(x0, count);
+        right.ProcessInplace(x1, count);
+        return;
     }
+    DenormalGuard guard;
+    ForOrder(left.mDesign.order, [&]<int S, bool First>() {
+        RunPair<S, First>(left.mDesign, right.mDesign, left.mMemory.data(), right.mMemory.data(), x0, x1, count);
+    });
 }
 
 double CutFilter::ProcessSample(double x) {
     const Section* c = mDesign.sections.data();
     double* m = mMemory.data();
-    switch (mDesign.order) {
-        case 1:
-            return Step<0, true>(c, m, x);
-        case 2:
-            return Step<1, false>(c, m, x);
-        case 3:
-            return Step<1, true>(c, m, x);
-        case 4:
-            return Step<2, false>(c, m, x);
-        case 5:
-            return Step<2, true>(c, m, x);
-        case 6:
-            return Step<3, false>(c, m, x);
-        case 7:
-            return Step<3, true>(c, m, x);
-        default:
-            return Step<4, false>(c, m, x);
-    }
+    return ForOrder(mDesign.order, [&]<int S, bool First>() { return Step<S, First>(c, m, x); });
 }
 
 }  // namespace dsp::butterworth

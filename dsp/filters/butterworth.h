@@ -118,6 +118,9 @@ public:
     void Clear();
     // In place on float samples; the arithmetic and the memory are double.
     void ProcessInplace(float* data, int count);
+    // Two channels' filters at once, one in each lane of a vector register: the same bits as
+    // left.ProcessInplace(x0) and right.ProcessInplace(x1), for filters of the same order.
+    static void ProcessPairInplace(CutFilter& left, CutFilter& right, float* x0, float* x1, int count);
     double ProcessSample(double x);
 
 private:

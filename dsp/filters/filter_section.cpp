@@ -8,13 +8,16 @@
 
 #include "dsp/filter_section.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <numbers>
 #include <type_traits>
 
 #include "dsp/core/denormal_guard.h"
+#include "dsp/core/double_pair.h"
 #include "dsp/filters/filter_design.h"
+#include "dsp/filters/section_lanes.h"
 
 namespace dsp {
 
@@ -33,15 +36,38 @@ constexpr Set<T> IdentitySet() {
     return s;
 }
 
-// ---- One sample of each recursion. The block loops call the same functions on local copies, so
-// processInplace is bit-identical to repeated processOneSample.
+// ---- The arithmetic of one sample of each recursion, on any numeric type V (double, float, or a
+// pair of channels in one register), with the coefficient of index i given by k(i). Every path
+// evaluates these same expressions, so the block loops, the per-sample calls and the paired
+// channels give the same bits.
 
+template <typename V, typename K>
+inline V DirectFormOutput(const K& k, V in, V x1, V x2, V y1, V y2) {
+    return (k(FC::b0) * in + k(FC::b1) * x1 + k(FC::b2) * x2) - (k(FC::a1) * y1 + k(FC::a2) * y2);
+}
+
+template <typename V, typename K>
+inline V FirstOrderOutput(const K& k, V in, V x1, V y1) {
+    return (k(FC::b0) * in + k(FC::b1) * x1) - k(FC::a1) * y1;
+}
+
+// Output from the old s1, s2; both states then move on from the old values.
+template <typename V, typename K>
+inline V StateVariableOutput(const K& k, V in, V& s1, V& s2) {
+    const V o1 = s1, o2 = s2;
+    const V y = k(FC::C1) * o1 + k(FC::C2) * o2 + k(FC::D) * in;
+    s1 = k(FC::A11) * o1 + k(FC::A12) * o2 + k(FC::B1) * in;
+    s2 = k(FC::A21) * o1 + k(FC::A22) * o2 + k(FC::B2) * in;
+    return y;
+}
+
+// One sample in the wider of the coefficient type T and the sample type S; the memory keeps T.
 template <typename T, typename S>
 inline S StepDirectForm(const Set<T>& c, T& x1, T& x2, T& y1, T& y2, S x) {
     using C = std::common_type_t<T, S>;
+    const auto k = [&c](int i) { return C(c[i]); };
     const C in = static_cast<C>(x);
-    const C y = (C(c[FC::b0]) * in + C(c[FC::b1]) * C(x1) + C(c[FC::b2]) * C(x2)) -
-                (C(c[FC::a1]) * C(y1) + C(c[FC::a2]) * C(y2));
+    const C y = DirectFormOutput(k, in, C(x1), C(x2), C(y1), C(y2));
     x2 = x1;
     x1 = static_cast<T>(in);
     y2 = y1;
@@ -52,8 +78,9 @@ inline S StepDirectForm(const Set<T>& c, T& x1, T& x2, T& y1, T& y2, S x) {
 template <typename T, typename S>
 inline S StepFirstOrder(const Set<T>& c, T& x1, T& y1, S x) {
     using C = std::common_type_t<T, S>;
+    const auto k = [&c](int i) { return C(c[i]); };
     const C in = static_cast<C>(x);
-    const C y = (C(c[FC::b0]) * in + C(c[FC::b1]) * C(x1)) - C(c[FC::a1]) * C(y1);
+    const C y = FirstOrderOutput(k, in, C(x1), C(y1));
     x1 = static_cast<T>(in);
     y1 = static_cast<T>(y);
     return static_cast<S>(y);
@@ -62,11 +89,11 @@ inline S StepFirstOrder(const Set<T>& c, T& x1, T& y1, S x) {
 template <typename T, typename S>
 inline S StepStateVariable(const Set<T>& c, T& s1, T& s2, S x) {
     using C = std::common_type_t<T, S>;
-    const C in = static_cast<C>(x);
-    const C o1 = C(s1), o2 = C(s2);
-    const C y = C(c[FC::C1]) * o1 + C(c[FC::C2]) * o2 + C(c[FC::D]) * in;
-    s1 = static_cast<T>(C(c[FC::A11]) * o1 + C(c[FC::A12]) * o2 + C(c[FC::B1]) * in);
-    s2 = static_cast<T>(C(c[FC::A21]) * o1 + C(c[FC::A22]) * o2 + C(c[FC::B2]) * in);
+    const auto k = [&c](int i) { return C(c[i]); };
+    C w1 = C(s1), w2 = C(s2);
+    const C y = StateVariableOutput(k, static_cast<C>(x), w1, w2);
+    s1 = static_cast<T>(w1);
+    s2 = static_cast<T>(w2);
     return static_cast<S>(y);
 }
 
@@ -162,6 +189,54 @@ struct Engine {
         if (i < count) RunSteady(mode, running, state, data + i, count - i);
     }
 };
+
+// ---- Two channels in the lanes of one register ------------------------------------------------
+
+using detail::DoublePair;
+
+// One enabled section of both chains: running coefficients and memory, left channel in lane 0.
+struct LaneSection {
+    Mode mode;
+    DoublePair k[FC::Count];
+    DoublePair x1, x2, y1, y2;  // s1, s2 in x1, x2 for the state-variable form
+};
+
+constexpr int kMaxLaneSections = 16;
+
+// Every sample through every section before the next sample: the sections' recursions then run
+// side by side instead of one block loop after another, each waiting on its own feedback.
+void RunLanes(LaneSection* sections, int count, float* x0, float* x1, int n) {
+    for (int i = 0; i < n; ++i) {
+        DoublePair v = detail::LoadFloats(x0 + i, x1 + i);
+        for (int s = 0; s < count; ++s) {
+            LaneSection& l = sections[s];
+            const auto k = [&l](int j) { return l.k[j]; };
+            if (s > 0) v = detail::RoundToFloat(v);  // each section hands on a float
+            switch (l.mode) {
+                case Mode::FirstOrder: {
+                    const DoublePair y = FirstOrderOutput(k, v, l.x1, l.y1);
+                    l.x1 = v;
+                    l.y1 = y;
+                    v = y;
+                    break;
+                }
+                case Mode::StateVariable:
+                    v = StateVariableOutput(k, v, l.x1, l.x2);
+                    break;
+                case Mode::DirectForm: {
+                    const DoublePair y = DirectFormOutput(k, v, l.x1, l.x2, l.y1, l.y2);
+                    l.x2 = l.x1;
+                    l.x1 = v;
+                    l.y2 = l.y1;
+                    l.y1 = y;
+                    v = y;
+                    break;
+                }
+            }
+        }
+        detail::StoreFloats(v, x0 + i, x1 + i);
+    }
+}
 
 // |H(e^jw)| of the target b0 ... a2 times scale, in double. Where the squared denominator
 // vanishes (a pole on the unit circle at this frequency) both squares are replaced by their
@@ -375,5 +450,74 @@ KESTA_DEFINE_SECTION(fFilterSection, float)
 KESTA_DEFINE_SECTION(dFilterSection, double)
 
 #undef KESTA_DEFINE_SECTION
+
+// ---- SectionLanes ---------------------------------------------------------------------------
+
+namespace detail {
+
+void SectionLanes::ProcessPair(FilterSection* const* left, FilterSection* const* right, int count, float* x0, float* x1,
+                               int n) {
+    if (n <= 0) return;
+    auto oneByOne = [&](int from) {
+        for (int k = 0; k < count; ++k) {
+            left[k]->processInplace(x0 + from, n - from);
+            right[k]->processInplace(x1 + from, n - from);
+        }
+    };
+    dFilterSection* l[kMaxLaneSections];
+    dFilterSection* r[kMaxLaneSections];
+    int used = 0;
+    int32_t glide = 0;
+    for (int k = 0; k < count; ++k) {
+        auto* a = dynamic_cast<dFilterSection*>(left[k]);
+        auto* b = dynamic_cast<dFilterSection*>(right[k]);
+        if (a == nullptr || b == nullptr || a->mEnabled != b->mEnabled || used == kMaxLaneSections ||
+            ModeOf(a->mFirstOrder, a->mStateVariable) != ModeOf(b->mFirstOrder, b->mStateVariable))
+            return oneByOne(0);
+        if (!a->mEnabled) continue;  // passes its input on untouched
+        glide = std::max({glide, a->mRampRemaining, b->mRampRemaining});
+        l[used] = a;
+        r[used] = b;
+        ++used;
+    }
+    if (used == 0) return;
+    // A glide's coefficients move every sample: those samples go through the sections' own loops.
+    // A section that stops gliding earlier runs its steady loop there, with the same arithmetic.
+    const int start = static_cast<int>(std::min<int32_t>(glide, n));
+    if (start > 0) {
+        for (int k = 0; k < used; ++k) {
+            l[k]->processInplace(x0, start);
+            r[k]->processInplace(x1, start);
+        }
+        if (start == n) return;
+    }
+
+    DenormalGuard guard;
+    LaneSection lanes[kMaxLaneSections];
+    for (int k = 0; k < used; ++k) {
+        const dFilterSection& a = *l[k];
+        const dFilterSection& b = *r[k];
+        LaneSection& s = lanes[k];
+        s.mode = ModeOf(a.mFirstOrder, a.mStateVariable);
+        for (int j = 0; j < FC::Count; ++j)
+            s.k[j] = MakePair(a.mRunning[j], b.mRunning[j]);
+        s.x1 = MakePair(a.mState.mX1, b.mState.mX1);
+        s.x2 = MakePair(a.mState.mX2, b.mState.mX2);
+        s.y1 = MakePair(a.mState.mY1, b.mState.mY1);
+        s.y2 = MakePair(a.mState.mY2, b.mState.mY2);
+    }
+    RunLanes(lanes, used, x0 + start, x1 + start, n - start);
+    for (int k = 0; k < used; ++k) {
+        const LaneSection& s = lanes[k];
+        FilterState<double>& a = l[k]->mState;
+        FilterState<double>& b = r[k]->mState;
+        a.mX1 = Left(s.x1), b.mX1 = Right(s.x1);
+        a.mX2 = Left(s.x2), b.mX2 = Right(s.x2);
+        a.mY1 = Left(s.y1), b.mY1 = Right(s.y1);
+        a.mY2 = Left(s.y2), b.mY2 = Right(s.y2);
+    }
+}
+
+}  // namespace detail
 
 }  // namespace dsp

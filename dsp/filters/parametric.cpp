@@ -12,6 +12,7 @@
 
 #include "dsp/core/denormal_guard.h"
 #include "dsp/filters/butterworth.h"
+#include "dsp/filters/section_lanes.h"
 
 namespace dsp {
 
@@ -462,6 +463,34 @@ void Parametric::RunChain(int channel, float* data, int n) {
     dPARA* bands = mBands.data() + ch * static_cast<std::size_t>(mBandCount);
     for (int k = 0; k < mBandCount; ++k)
         bands[k].processInplace(data, n);
+    ApplyOutputGain(data, n);
+}
+
+void Parametric::RunChainPair(int channel, float* left, float* right, int n) {
+    const auto ch = static_cast<std::size_t>(channel);
+    if (On(mParams[kHighPassOn]))
+        butterworth::CutFilter::ProcessPairInplace(mHighPass[ch], mHighPass[ch + 1], left, right, n);
+    if (On(mParams[kLowPassOn]))
+        butterworth::CutFilter::ProcessPairInplace(mLowPass[ch], mLowPass[ch + 1], left, right, n);
+    // Shelves then bands, one chain per channel.
+    constexpr int kMaxSections = 2 + kBandCount;
+    FilterSection* sections[2][kMaxSections];
+    int count = 0;
+    for (std::size_t side = 0; side < 2; ++side) {
+        const std::size_t c = ch + side;
+        count = 0;
+        sections[side][count++] = &detail::SectionLanes::Held(mLowShelf[c]);
+        sections[side][count++] = &detail::SectionLanes::Held(mHighShelf[c]);
+        dPARA* bands = mBands.data() + c * static_cast<std::size_t>(mBandCount);
+        for (int k = 0; k < mBandCount && count < kMaxSections; ++k)
+            sections[side][count++] = &bands[k];
+    }
+    detail::SectionLanes::ProcessPair(sections[0], sections[1], count, left, right, n);
+    ApplyOutputGain(left, n);
+    ApplyOutputGain(right, n);
+}
+
+void Parametric::ApplyOutputGain(float* data, int n) const {
     const float gain = mOutputGainLinear;
     if (gain != 1.0f) {
         for (int i = 0; i < n; ++i)
@@ -502,9 +531,18 @@ void Parametric::Process(float** in, float** out, int numChannels, int numFrames
         if (out[c] != in[c]) std::memmove(out[c], in[c], static_cast<std::size_t>(numFrames) * sizeof(float));
     }
     if (On(mParams[kBypass])) return;
+    // Channels two by two in the lanes of one register; an odd last one alone.
     const int channels = std::min(numChannels, mChannelCount);
-    for (int c = 0; c < channels; ++c)
-        RunChain(c, out[c], numFrames);
+    int c = 0;
+    for (; c + 1 < channels; c += 2) {
+        if (out[c] != out[c + 1]) {
+            RunChainPair(c, out[c], out[c + 1], numFrames);
+        } else {  // one buffer given for both: each chain in turn, as the caller asked
+            RunChain(c, out[c], numFrames);
+            RunChain(c + 1, out[c + 1], numFrames);
+        }
+    }
+    if (c < channels) RunChain(c, out[c], numFrames);
 }
 
 // ---- Drawn response -----------------------------------------------------------------------

@@ -88,6 +88,7 @@ public:
     const FilterSection& section() const { return *mSection; }
 
 private:
+    friend struct detail::SectionLanes;
     eFilterKindType mKind;
     std::unique_ptr<FilterSection> mSection;
 };

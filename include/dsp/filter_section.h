@@ -46,6 +46,9 @@
 namespace dsp {
 
 class fDeskFilter;
+namespace detail {
+struct SectionLanes;  // runs two channels' sections side by side (library-internal)
+}
 
 // Indices into a coefficient set: direct form (b0 ... a2), then state-variable form (A11 ... D).
 struct FilterCoefficient {
@@ -264,6 +267,9 @@ protected:
     Coefficients mIncrement;
     Coefficients mTarget;
     FilterState<double> mState;
+
+private:
+    friend struct detail::SectionLanes;
 };
 
 // ---- Shapes --------------------------------------------------------------------------------

@@ -159,6 +159,9 @@ private:
     void ApplyShelf(int channel, bool low);
     // Channel c's whole block chain, in place.
     void RunChain(int channel, float* data, int n);
+    // Channels c and c + 1 side by side (the same bits as RunChain on each).
+    void RunChainPair(int channel, float* left, float* right, int n);
+    void ApplyOutputGain(float* data, int n) const;
     void CopyFilters(const Parametric& other);
 
     bool mNeedsInitialize = true;

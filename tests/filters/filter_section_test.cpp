@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "dsp/core/denormal_guard.h"
+#include "dsp/filters/section_lanes.h"
 #include "support/metrics.h"
 #include "support/signals.h"
 
@@ -419,6 +420,83 @@ TEST(DenormalGuard, FlushesInItsScopeAndDecayingTailsEndInZeros) {
     section.processOneSample(0.5f);
     section.dprocessOneSample(0.5);
     EXPECT_FALSE(DenormalGuard::FlushingEnabled());
+}
+
+// ---- Two channels side by side ------------------------------------------------------------
+
+using Chain = std::vector<std::unique_ptr<FilterSection>>;
+
+// One channel's chain: first- and second-order shelves, a peak, a notch in state-variable form
+// and a peak left off. `variant` picks how the right channel differs from the left.
+enum class Variant { Same, OwnSettingsAndGlides, EnabledDiffers, FormDiffers, PrecisionDiffers };
+
+Chain MakeChain(bool right, Variant variant) {
+    const float shift = right && variant != Variant::Same ? 1.5f : 0.0f;
+    Chain c;
+    c.push_back(std::make_unique<dLOSHELVE>());
+    c.push_back(std::make_unique<dHISHELVE2>());
+    if (right && variant == Variant::PrecisionDiffers) {
+        c.push_back(std::make_unique<fPARA>());
+    } else {
+        c.push_back(std::make_unique<dPARA>());
+    }
+    c.push_back(std::make_unique<dNotch>());
+    c.push_back(std::make_unique<dPARA>());
+    c[3]->setStateVariable(!(right && variant == Variant::FormDiffers));
+    const float settings[][3] = {{200, 6}, {6000, -4}, {1000, 9}, {3000, -20}};  // Hz, dB
+    for (std::size_t k = 0; k < 4; ++k)
+        SetUpSettled(*c[k], 44100.0f, settings[k][0], settings[k][1] + shift, 1.5f);
+    if (right && variant == Variant::EnabledDiffers) c[1]->disable();
+    if (variant == Variant::OwnSettingsAndGlides) {
+        // Glides of different lengths under way in the two channels (the peak's is cut short).
+        c[2]->SetupCoefficients(44100.0f, right ? 1500.0f : 700.0f, 3.0f, 2.0f, 0.0f, 0.0f);
+        if (right) {
+            c[0]->SetupCoefficients(44100.0f, 150.0f, 2.0f, 1.0f, 0.0f, 0.0f);
+            c[2]->setSmoothingTime(0.01f);
+            c[2]->SetupRamp();
+        }
+    }
+    return c;
+}
+
+std::vector<FilterSection*> Pointers(Chain& c) {
+    std::vector<FilterSection*> p;
+    for (auto& s : c)
+        p.push_back(s.get());
+    return p;
+}
+
+// The lanes give the bits of every section run over each channel in turn, whatever the chains
+// hold: settled or gliding by different amounts (lanes after the longest glide), or unlike in
+// enabled state, form or precision (each channel on its own).
+TEST(SectionLanes, PairedChannelsGiveTheBitsOfEachSectionInTurn) {
+    const std::pair<const char*, Variant> cases[] = {{"same", Variant::Same},
+                                                     {"own settings and glides", Variant::OwnSettingsAndGlides},
+                                                     {"enabled differs", Variant::EnabledDiffers},
+                                                     {"form differs", Variant::FormDiffers},
+                                                     {"precision differs", Variant::PrecisionDiffers}};
+    for (const auto& [name, variant] : cases) {
+        SCOPED_TRACE(name);
+        Chain refLeft = MakeChain(false, variant), refRight = MakeChain(true, variant);
+        Chain left = MakeChain(false, variant), right = MakeChain(true, variant);
+        const std::vector<FilterSection*> l = Pointers(left), r = Pointers(right);
+        Signal expected0 = WhiteNoise(5000, 21, 0.7), expected1 = WhiteNoise(5000, 22, 0.7);
+        Signal x0 = expected0, x1 = expected1;
+        kesta::test::Random random(23);
+        for (std::size_t at = 0; at < x0.size();) {
+            const int n = std::min<int>(random.UniformInt(0, 900), static_cast<int>(x0.size() - at));
+            for (std::size_t k = 0; k < refLeft.size(); ++k) {
+                refLeft[k]->processInplace(expected0.data() + at, n);
+                refRight[k]->processInplace(expected1.data() + at, n);
+            }
+            detail::SectionLanes::ProcessPair(l.data(), r.data(), static_cast<int>(l.size()), x0.data() + at,
+                                              x1.data() + at, n);
+            at += static_cast<std::size_t>(n);
+        }
+        EXPECT_EQ(x0, expected0);
+        EXPECT_EQ(x1, expected1);
+        EXPECT_NE(x0, WhiteNoise(5000, 21, 0.7));  // the chain did act
+    }
 }
 
 }  // namespace

@@ -382,6 +382,21 @@ TEST(ParametricStreaming, BlockPartitionDoesNotChangeOutput) {
     }
 }
 
+// Channels run two by two in the lanes of a register (and an odd one alone): each must still be
+// exactly the one-channel chain, through glides, redesigns and a change of realisation.
+TEST(ParametricStreaming, EveryChannelOfAManyChannelRunIsTheOneChannelChain) {
+    const Channels head = NoiseChannels(5, 3001, 31, 0.5), tail = NoiseChannels(5, 4000, 32, 0.5);
+    const std::vector<Channels> all =
+        StreamWithChanges(head, tail, [](Parametric& eq, const Channels& x) { return BlockRun(eq, x, 500, 33); });
+    for (std::size_t c = 0; c < 5; ++c) {
+        SCOPED_TRACE(c);
+        const std::vector<Channels> alone = StreamWithChanges(
+            {head[c]}, {tail[c]}, [](Parametric& eq, const Channels& x) { return BlockRun(eq, x, 400, 34); });
+        EXPECT_EQ(all[0][c], alone[0][0]);
+        EXPECT_EQ(all[1][c], alone[1][0]);
+    }
+}
+
 TEST(ParametricStreaming, OneSamplePathIsTheBlockPathWithoutCutFilters) {
     Parametric block = Shaped(2);
     block.SetParameter(P::kHighShelfSecondOrder, 1.0f);
