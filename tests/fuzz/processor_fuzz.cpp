@@ -145,8 +145,13 @@ Runner DeskFilterRunner(kesta_fuzz::Input& in, int rate, int channels) {
     const bool precise = in.Byte() & 1, stateVariable = in.Byte() & 1;
     // The sections take their settings unclamped (the notch's design is exact for any band), so
     // the host's part is a band inside the spectrum: a centre below Nyquist and a bandwidth
-    // (frequency / q) under half the rate.
-    const float frequency = (1.0f + 0.49f * float(rate) * float(in.Byte()) / 255.0f);
+    // (frequency / q) under half the rate. A single-precision section also needs a design that
+    // float can hold: its coefficients are rounded to float, and a corner or centre below about
+    // 1/1000 of the rate puts a pole within float's resolution of z = 1, where the rounding lands
+    // it on the unit circle (the state-variable form then divides by zero). The double-precision
+    // class takes the whole range.
+    const float lowest = precise ? 1.0f : float(rate) / 500.0f;
+    const float frequency = lowest + (0.49f * float(rate) - lowest) * float(in.Byte()) / 255.0f;
     const float gain = -48.0f + 96.0f * float(in.Byte()) / 255.0f;
     const float q = std::max(0.05f + 100.0f * float(in.Byte()) / 255.0f, frequency / (0.45f * float(rate)));
     for (dsp::fDeskFilter& f : *filters) {
