@@ -208,10 +208,11 @@ long RepairClipping::Repair(long length) {
     return furthest;
 }
 
-// The fill-in reads twice its longest span on each side; with the default rolls every span of a
-// block has that much context in the buffer, with shorter ones a span near its edge may not.
+// The fill-in reads four times its longest span (twice its Init length) on each side; with the
+// default rolls every span of a block has that much context in the buffer, with shorter ones a
+// span near either end of the buffer may not.
 bool RepairClipping::FillInFits(long first, long last) const {
-    const long context = 2L * mFillIn.GetMaxSpan();
+    const long context = 4L * mFillIn.GetMaxSpan();
     return mMargin > 0 && first - context >= 0 && last + context < mBufferLength;
 }
 

@@ -62,9 +62,10 @@ struct Repaired {
 
 // Repairs `ranges` in x in one block, the latency's worth of zeros fed at the end and the output
 // realigned.
-Repaired Repair(NOCLIPPING record, const Channels& x, const std::vector<std::vector<Range>>& ranges) {
+Repaired Repair(NOCLIPPING record, const Channels& x, const std::vector<std::vector<Range>>& ranges, long pre = 320,
+                long post = 320) {
     record.repairClips = ranges;
-    RepairClipping repair(&record);
+    RepairClipping repair(&record, pre, post);
     repair.SetSelection(0, static_cast<long long>(x[0].size()));
     repair.Start();
     const std::size_t latency = static_cast<std::size_t>(repair.GetLatency()), frames = x[0].size();
@@ -286,6 +287,28 @@ TEST(RepairClipping, LatencyAndRangesThatDoNotFitABlock) {
         }
     }
     EXPECT_EQ(longRuns, 1);
+}
+
+// With rolls shorter than the defaults the fill-in's context (twice its length on each side) does
+// not reach past every run of a block: such runs are redrawn without it, and nothing is read from
+// outside the buffer (the sanitizer build checks the reads). The repair still reduces the error,
+// if coarsely where the rolls are much shorter than the low-pass that gives the redraw its slopes.
+TEST(RepairClipping, ShortRollsKeepTheFillInInsideTheBuffer) {
+    const Signal clean = Sine(20000, 440.0, kRate, 0.9, 0.3);
+    const Signal clipped = Clip(clean, 0.45f);
+    const std::pair<long, double> cases[] = {{100, 1.0}, {160, 6.0}, {250, 6.0}};  // roll, dB at least
+    for (const auto& [roll, minimumDb] : cases) {
+        NOCLIPPING r = Record(1);
+        r.gainDb = 0.0f;
+        r.useLimiter = false;
+        const Repaired out = Repair(r, Channels{clipped}, Find(r, Channels{clipped}), roll, roll);
+        double before = 0.0, after = 0.0;
+        for (std::size_t i = 0; i < clean.size(); ++i) {
+            before += std::pow(clipped[i] - clean[i], 2.0);
+            after += std::pow(out.y[0][i] - clean[i], 2.0);
+        }
+        EXPECT_GE(10.0 * std::log10(before / after), minimumDb) << roll;
+    }
 }
 
 TEST(CFillIn, GapInAToneIsFilledFromItsSurroundings) {
