@@ -13,7 +13,9 @@
 //   - the estimate the gains use follows the tracker down at once but rises no faster than
 //     0.2 dB/s unless most of the band rises together (a change of the noise, followed within a
 //     few seconds): music holds some bins well over the noise for long stretches, and without
-//     this limit the tracker would take a sustained chord for noise;
+//     this limit the tracker would take a sustained chord for noise. Bins whose tracker reads far
+//     over the limit hold signal: they do not creep up, and follow the rest of the band only
+//     when it rises or falls together;
 //   - the first quarter second seeds the estimate with its mean power, and a bin whose estimate
 //     stays too high falls back within a few frames, so the audio may start with signal.
 // The gain of every bin is the log-spectral-amplitude estimator with a decision-directed
@@ -21,7 +23,10 @@
 // gain to the rest, G = G_lsa^p · Gmin^(1−p). The a-priori absence probability behind p comes
 // from the a-priori SNR smoothed over frames and over three and over thirty-one neighbouring
 // bins, so an isolated noise peak (the source of "musical noise") is held at the floor while
-// broad, sustained signal opens the gain. Each bin then takes the largest gain of itself and its
+// broad, sustained signal opens the gain. A frame whose mean a-priori SNR over 120 Hz ... 8.6 kHz
+// is low holds no signal at all (a pause between words or notes): there the presence is scaled
+// down, to nothing in a frame well under −10 dB, so every bin falls to the floor, a burst of the
+// noise far over its estimate included. Each bin then takes the largest gain of itself and its
 // two neighbours, so a component keeps its whole main lobe. Gmin = 10^(−reductionDb/20):
 // noise-only bins, hum lines included, fall by close to reductionDb.
 //
@@ -44,7 +49,8 @@ namespace dsp {
 
 namespace adaptive {
 struct AdaptiveKernels;
-}
+struct FrameConstants;
+}  // namespace adaptive
 
 class KESTADSP_API AdaptiveNoise : public OverlapSave {
 public:
@@ -76,6 +82,7 @@ private:
     void OnSpectrum(float** re, float** im, int numChannels, int numBins) override;
     bool ResidualOutput() const override { return mResidual && mReductionDb != 0.0; }
     void ReduceChannel(int channel, float* re, float* im);
+    void FramePresence(const float* xi, adaptive::FrameConstants& constants) const;
 
     // Per bin of every channel, one row each (mBins floats).
     enum Row {
@@ -113,12 +120,13 @@ private:
     float mPowerAlpha = 0.0f;     // smoothing of the power for the minimum search
     float mLogAlpha = 0.0f;       // smoothing of the log-power moments
     float mCreep = 1.0f;          // largest rise per frame of a stuck estimate (power ratio)
-    float mSlowRiseDb = 0.0f;     // rise per frame of the ceiling over a note (dB)
-    float mFastRiseDb = 0.0f;     // and when the whole band rises
-    float mFall = 1.0f;           // fall per frame of the rise limit towards the tracked estimate
-    int mSeedFrames = 0;          // frames averaged into the first estimate
-    int mSubWindowFrames = 0;     // frames per sub-window of the minimum search
-    double mWindowEnergy = 0.0;   // Σ w² of the analysis window
+    float mSlowDb = 0.0f;         // move per frame of a ceiling on its own (dB)
+    float mFastDb = 0.0f;         // and when the whole band moves
+    int mFrameBinLow = 1;         // the band whose mean a-priori SNR says whether a frame holds signal
+    int mFrameBinHigh = 2;
+    int mSeedFrames = 0;         // frames averaged into the first estimate
+    int mSubWindowFrames = 0;    // frames per sub-window of the minimum search
+    double mWindowEnergy = 0.0;  // Σ w² of the analysis window
 
     long long mFrame = 0;                                 // frames since Resume
     std::vector<float> mState;                            // channels × kRows × bins

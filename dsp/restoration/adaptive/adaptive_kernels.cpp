@@ -94,6 +94,7 @@ void Prepare(const float* re, const float* im, const ChannelRows& rows, const Fr
 
 void Apply(float* re, float* im, const ChannelRows& rows, const FrameRows& frame, int bins, const FrameConstants& k) {
     const float floorLog = k.floorLog;
+    const float framePrior = k.framePrior;
     float* prevClean = rows.prevClean;
     const float* power = frame.power;
     const float* xiRow = frame.xi;
@@ -107,10 +108,10 @@ void Apply(float* re, float* im, const ChannelRows& rows, const FrameRows& frame
 #pragma GCC ivdep
 #endif
     for (int b = 0; b < bins; ++b) {
-        const float absence = Min(1.0f - Ramp(local[b]) * Ramp(global[b]), kAbsenceMax);
+        const float absence = Min(1.0f - Ramp(local[b]) * Ramp(global[b]) * framePrior, kAbsenceMax);
         // p = 1 / (1 + q/(1 − q) · (1 + ξ) · e^(−v))
         const float odds = absence / (1.0f - absence) * (1.0f + xiRow[b]) * Exp(-vRow[b]);
-        const float p = 1.0f / (1.0f + odds);
+        const float p = k.frameGate / (1.0f + odds);
         const float gain = Exp(p * lnLsa[b] + (1.0f - p) * floorLog);
         prevClean[b] = Exp(2.0f * lnLsa[b]) * power[b];
         gains[b] = gain;
@@ -193,7 +194,7 @@ void Track(const ChannelRows& rows, const FrameRows& frame, int bins, const Fram
     }
 }
 
-void Limit(const ChannelRows& rows, int bins, float rise, float fall) {
+void Limit(const ChannelRows& rows, int bins, float rise, float fall, float held, float heldScale) {
     const float* tracked = rows.tracked;
     float* applied = rows.noise;
     float* ceiling = rows.ceiling;
@@ -203,7 +204,8 @@ void Limit(const ChannelRows& rows, int bins, float rise, float fall) {
     for (int b = 0; b < bins; ++b) {
         const float t = tracked[b];
         const float c = ceiling[b];
-        const float next = t > c ? Min(t, c * rise) : Max(t, c * fall);
+        const float moved = t > c ? Min(t, c * rise) : Max(t, c * fall);
+        const float next = t > held * c ? c * heldScale : moved;
         ceiling[b] = next;
         applied[b] = Min(t, next);
     }

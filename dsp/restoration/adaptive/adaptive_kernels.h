@@ -70,6 +70,10 @@ struct FrameConstants {
     float powerAlpha;
     float logAlpha;
     float creep;  // largest rise per frame of a stuck estimate (power ratio)
+    // Whether the frame holds signal at all, from 0 to 1: framePrior scales the a-priori presence
+    // of every bin, frameGate (the laxer of the two) the conditional presence.
+    float framePrior = 1.0f;
+    float frameGate = 1.0f;
 };
 
 struct AdaptiveKernels {
@@ -84,8 +88,9 @@ struct AdaptiveKernels {
     // the count including this one).
     void (*track)(const ChannelRows& rows, const FrameRows& frame, int bins, const FrameConstants& k, int seedFrame);
     // The applied estimate: the tracked one, no higher than the ceiling, which moves towards the
-    // tracked estimate by at most `rise` up and `fall` down per frame (power ratios).
-    void (*limit)(const ChannelRows& rows, int bins, float rise, float fall);
+    // tracked estimate by at most `rise` up and `fall` down per frame (power ratios); where the
+    // tracked estimate is over `held` times the ceiling, the ceiling is scaled by `heldScale`.
+    void (*limit)(const ChannelRows& rows, int bins, float rise, float fall, float held, float heldScale);
 };
 
 namespace portable {

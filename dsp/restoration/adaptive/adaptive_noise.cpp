@@ -40,17 +40,30 @@ constexpr double kCreepDbPerSecond = 6;  // rise of an estimate stuck under pers
 // The estimate the gains use follows the tracker down at once but up no faster than a ceiling.
 // Sustained music lifts the tracker in the bins of its partials (their power lies between the
 // noise and the certain-presence level for long stretches); the ceiling lets that through at
-// kSlowRise only, so a held chord is not learned. When the noise itself rises, most of the band
-// lifts together: with more than kBandShareHigh of the bins kAboveCeiling over their ceiling,
-// the ceiling rises at kFastRise (linearly between from kBandShareLow).
+// kSlowDb per second only, so a held chord is not learned. When the noise itself changes, most
+// of the band moves together: with more than kBandShareHigh of the bins that are not held
+// (tracked more than kHeldOverCeiling over the ceiling) kAboveCeiling over or under their
+// ceilings, the ceilings move at kFastDb per second (linearly between from kBandShareLow), the
+// held bins' ceilings with them, so a noise that swells and ebbs is followed under the music too.
 // The ceiling sits near the middle of the tracker's own frame-to-frame wander, so the estimate
 // reads stationary noise about half a decibel low, which costs less than a high one would.
-constexpr double kSlowRiseDbPerSecond = 0.2;
-constexpr double kFastRiseDbPerSecond = 20.0;
-constexpr double kCeilingFallDbPerSecond = 0.2;
-constexpr float kAboveCeiling = 1.4f;  // 1.5 dB
+constexpr double kSlowDbPerSecond = 0.2;
+constexpr double kFastDbPerSecond = 20.0;
+constexpr float kAboveCeiling = 1.4f;     // 1.5 dB
+constexpr float kHeldOverCeiling = 6.3f;  // 8 dB
 constexpr float kBandShareLow = 0.4f;
 constexpr float kBandShareHigh = 0.7f;
+
+// Whether a frame holds signal at all, from its mean a-priori SNR over kFrameLowHz to
+// kFrameHighHz (bins counted up to kFrameCap, 10 dB): the a-priori presence of every bin is scaled
+// by a ramp from −10 to −5 dB of that mean, the conditional presence by one from −20 to −10 dB.
+// Between words and notes every bin then falls to the floor, also where the noise throws up a
+// burst far over its estimate (rumble in the lowest bins), which would otherwise pass as signal.
+constexpr double kFrameLowHz = 120.0;
+constexpr double kFrameHighHz = 8600.0;
+constexpr float kFrameCap = 10.0f;
+constexpr double kFramePriorLow = 0.1, kFramePriorHigh = 0.31622777;
+constexpr double kFrameGateLow = 0.01, kFrameGateHigh = 0.1;
 
 constexpr int kLocalHalf = 1;    // 3 bins
 constexpr int kGlobalHalf = 15;  // 31 bins
@@ -130,9 +143,10 @@ AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb
     mPowerAlpha = PerFrame(kPowerAlpha, hop);
     mLogAlpha = static_cast<float>(std::exp(-hop / kLogSeconds));
     mCreep = static_cast<float>(std::pow(10.0, kCreepDbPerSecond * hop / 10.0));
-    mSlowRiseDb = static_cast<float>(kSlowRiseDbPerSecond * hop);
-    mFastRiseDb = static_cast<float>(kFastRiseDbPerSecond * hop);
-    mFall = static_cast<float>(std::pow(10.0, -kCeilingFallDbPerSecond * hop / 10.0));
+    mSlowDb = static_cast<float>(kSlowDbPerSecond * hop);
+    mFastDb = static_cast<float>(kFastDbPerSecond * hop);
+    mFrameBinLow = std::clamp(static_cast<int>(std::lround(kFrameLowHz * n / sampleRate)), 1, mBins - 2);
+    mFrameBinHigh = std::clamp(static_cast<int>(std::lround(kFrameHighHz * n / sampleRate)), mFrameBinLow + 1, mBins);
     mSeedFrames = std::max(1, static_cast<int>(std::lround(kSeedSeconds / hop)));
     mSubWindowFrames = std::max(1, static_cast<int>(std::ceil(kSearchSeconds / (kSubWindows * hop))));
     mState.assign(std::size_t(numChannels) * kRows * std::size_t(mBins), 0.0f);
@@ -172,6 +186,20 @@ void AdaptiveNoise::OnSpectrum(float** re, float** im, int numChannels, int numB
     ++mFrame;
 }
 
+void AdaptiveNoise::FramePresence(const float* xi, adaptive::FrameConstants& constants) const {
+    // The mean a-priori SNR over the speech band, each bin counted up to kFrameCap: a frame of
+    // speech or music lifts many bins, a noise burst a few, however high.
+    double sum = 0.0;
+    for (int k = mFrameBinLow; k < mFrameBinHigh; ++k)
+        sum += double(std::min(xi[k], kFrameCap));
+    const double lnMean = std::log(std::max(sum / double(mFrameBinHigh - mFrameBinLow), 1e-30));
+    auto ramp = [lnMean](double low, double high) {
+        return static_cast<float>(std::clamp((lnMean - std::log(low)) / (std::log(high) - std::log(low)), 0.0, 1.0));
+    };
+    constants.framePrior = ramp(kFramePriorLow, kFramePriorHigh);
+    constants.frameGate = ramp(kFrameGateLow, kFrameGateHigh);
+}
+
 void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     const int B = mBins;
     const adaptive::ChannelRows rows{
@@ -181,8 +209,8 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     float* scratch = mScratch.data();
     const adaptive::FrameRows frame{scratch,         scratch + B,     scratch + 2 * B, scratch + 3 * B,
                                     scratch + 4 * B, scratch + 5 * B, scratch + 6 * B, scratch + 7 * B};
-    const adaptive::FrameConstants constants{mDdAlpha,    mFloorLog, mNoiseAlpha, mPresenceAlpha,
-                                             mPowerAlpha, mLogAlpha, mCreep};
+    adaptive::FrameConstants constants{mDdAlpha,    mFloorLog, mNoiseAlpha, mPresenceAlpha,
+                                       mPowerAlpha, mLogAlpha, mCreep};
     float* subMin = rows.subMin;
     float* windowMin = RowOf(channel, kWindowMin);
     float* priori = RowOf(channel, kPrioriSmooth);
@@ -204,6 +232,7 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     }
 
     mKernels->prepare(re, im, rows, frame, B, constants);
+    FramePresence(frame.xi, constants);
     const HalfExpintTable& halfExpint = HalfExpint();
     for (int k = 0; k < B; ++k)
         frame.lnLsa[k] = std::min(frame.lnLsa[k] + halfExpint(frame.lnV[k]), 0.0f);
@@ -217,15 +246,28 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
         priori[k] = pa * priori[k] + (1.0f - pa) * frame.xi[k];
     mKernels->track(rows, frame, B, constants, mFrame < mSeedFrames ? int(mFrame) + 1 : 0);
     if (mFrame >= mSeedFrames) {
-        // A change of the noise lifts the tracked estimate over the ceiling across most of the band;
-        // a note or a chord only in its partials. The ceiling rises fast only in the first case.
-        int above = 0;
-        for (int k = 1; k < B - 1; ++k)
-            above += rows.tracked[k] > kAboveCeiling * rows.ceiling[k] ? 1 : 0;
-        const float share = float(above) / float(B - 2);
-        const float w = std::clamp((share - kBandShareLow) / (kBandShareHigh - kBandShareLow), 0.0f, 1.0f);
-        const float riseDb = mSlowRiseDb + w * (mFastRiseDb - mSlowRiseDb);
-        mKernels->limit(rows, B, std::pow(10.0f, riseDb / 10.0f), mFall);
+        // A change of the noise moves the tracked estimate off the ceiling across most of the band
+        // together; a note or a chord lifts only its partials, and far. Bins whose tracked estimate
+        // is far over the ceiling hold signal and are left out of the count; they do not creep up,
+        // and their ceilings move only when the others move together.
+        int above = 0, below = 0, counted = 0;
+        for (int k = 1; k < B - 1; ++k) {
+            const float t = rows.tracked[k], c = rows.ceiling[k];
+            const bool held = t > kHeldOverCeiling * c;
+            counted += held ? 0 : 1;
+            above += !held && t > kAboveCeiling * c ? 1 : 0;
+            below += !held && kAboveCeiling * t < c ? 1 : 0;
+        }
+        auto together = [&](int n) {
+            const float share = counted > 0 ? float(n) / float(counted) : 0.0f;
+            return std::clamp((share - kBandShareLow) / (kBandShareHigh - kBandShareLow), 0.0f, 1.0f);
+        };
+        const float up = together(above), down = together(below);
+        const float riseDb = mSlowDb + up * (mFastDb - mSlowDb);
+        const float fallDb = mSlowDb + down * (mFastDb - mSlowDb);
+        const float heldDb = (up - down) * mFastDb;
+        mKernels->limit(rows, B, std::pow(10.0f, riseDb / 10.0f), std::pow(10.0f, -fallDb / 10.0f), kHeldOverCeiling,
+                        std::pow(10.0f, heldDb / 10.0f));
     }
 
     // The minimum search advances by sub-windows: the finished one joins the history.
