@@ -193,15 +193,6 @@ Figures Measure(Meter& meter, const Channels& x, const Sizes& sizes, long long* 
     return meter.Finish();
 }
 
-// Where two sets of figures first differ ("" when they are the same, bit for bit).
-std::string Difference(const Figures& a, const Figures& b) {
-    if (a.size() != b.size()) return std::to_string(a.size()) + " figures vs " + std::to_string(b.size());
-    const auto at = std::mismatch(a.begin(), a.end(), b.begin(), SameBits<double>);
-    if (at.first == a.end()) return "";
-    return "figure " + std::to_string(at.first - a.begin()) + ": " + std::to_string(*at.first) + " vs " +
-           std::to_string(*at.second);
-}
-
 // ---- The table ---------------------------------------------------------------------------------
 
 void AppendRanges(Figures& f, const std::vector<std::vector<dsp::utils::Range>>& lists) {
@@ -421,16 +412,11 @@ Channels Material() {
 // Every partition gives the figures of one block, and no block allocates.
 TEST_P(AnalyzerProperties, AnyPartitionGivesTheFiguresOfOneBlock) {
     const Row& row = GetParam();
-    const int rate = row.takesRate ? 65537 : 0;
     const Channels x = Material();
-    const auto prototype = row.make(rate, -1, 0.0f);
-    const Figures whole = Measure(*prototype->Copy(), x, {1 << 20});
-    for (uint64_t seed = 1; seed <= kPartitions; ++seed) {
-        long long allocations = 0;
-        ASSERT_EQ(Difference(Measure(*prototype->Copy(), x, Partition(seed), &allocations), whole), "")
-            << "partition " << seed;
-        ASSERT_EQ(allocations, 0) << "partition " << seed;
-    }
+    const auto prototype = row.make(row.takesRate ? 65537 : 0, -1, 0.0f);
+    ExpectEveryPartitionAsOneBlock({1 << 20}, [&](const Sizes& sizes, long long* allocations) {
+        return Measure(*prototype->Copy(), x, sizes, allocations);
+    });
 }
 
 // Two fresh meters agree; copies made mid-measurement by construction and by assignment finish
@@ -464,26 +450,17 @@ TEST_P(AnalyzerProperties, FreshObjectsAgreeAndCopiesFinishTheMeasurement) {
 // and middle, at every rate.
 TEST_P(AnalyzerProperties, FiguresStayMeaningfulAtEverySetting) {
     const Row& row = GetParam();
-    const std::vector<int> rates = row.takesRate ? std::vector<int>{8000, 44100, 192000, 65537} : std::vector<int>{0};
     Channels hostile = Hostile();
     for (auto& s : hostile)  // long enough for the largest capture size
         s.resize(3 * s.size(), 0.25f);
-    for (int rate : rates)
-        for (int knob = -1; knob < static_cast<int>(row.knobs.size()); ++knob) {
-            const std::vector<float> values =
-                knob >= 0 ? KnobValues(row.knobs[static_cast<std::size_t>(knob)]) : std::vector<float>{0.0f};
-            for (float value : values) {
-                const Figures f = Measure(*row.make(rate, knob, value), hostile, {1000, 3, 4096});
-                const std::string where = (knob >= 0 ? row.knobs[static_cast<std::size_t>(knob)].name : "defaults") +
-                                          " = " + std::to_string(value) + " at " + std::to_string(rate) + " Hz";
-                ASSERT_FALSE(f.empty()) << where;
-                for (std::size_t i = 0; i < f.size(); ++i) {
-                    const bool silenceLevel = row.levelsInDb && f[i] == -std::numeric_limits<double>::infinity();
-                    ASSERT_TRUE(std::isfinite(f[i]) || silenceLevel)
-                        << "figure " << i << " = " << f[i] << ", " << where;
-                }
-            }
+    ForEverySetting(row, [&](int rate, int knob, float value, const std::string& where) {
+        const Figures f = Measure(*row.make(rate, knob, value), hostile, {1000, 3, 4096});
+        ASSERT_FALSE(f.empty()) << where;
+        for (std::size_t i = 0; i < f.size(); ++i) {
+            const bool silenceLevel = row.levelsInDb && f[i] == -std::numeric_limits<double>::infinity();
+            ASSERT_TRUE(std::isfinite(f[i]) || silenceLevel) << "figure " << i << " = " << f[i] << ", " << where;
         }
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryClass, AnalyzerProperties, testing::ValuesIn(Table()),

@@ -80,4 +80,48 @@ bool SameBits(T a, T b) {
     return std::bit_cast<Bits>(a) == std::bit_cast<Bits>(b);
 }
 
+// Where two sequences of figures or samples first differ ("" when they are the same, bit for bit).
+template <class T>
+std::string Difference(const std::vector<T>& a, const std::vector<T>& b) {
+    if (a.size() != b.size()) return "lengths " + std::to_string(a.size()) + " and " + std::to_string(b.size());
+    const auto at = std::mismatch(a.begin(), a.end(), b.begin(), SameBits<T>);
+    if (at.first == a.end()) return "";
+    return "entry " + std::to_string(at.first - a.begin()) + ": " + std::to_string(*at.first) + " vs " +
+           std::to_string(*at.second);
+}
+
+inline std::string Difference(const Channels& a, const Channels& b) {
+    if (a.size() != b.size()) return "channel counts differ";
+    for (std::size_t c = 0; c < a.size(); ++c)
+        if (const std::string d = Difference(a[c], b[c]); !d.empty()) return "channel " + std::to_string(c) + ", " + d;
+    return "";
+}
+
+// `run(sizes, &allocations)` over every random partition gives the bits it gives over `whole`
+// sizes, and allocates nothing.
+template <class Run>
+void ExpectEveryPartitionAsOneBlock(const Sizes& whole, Run run) {
+    const auto expected = run(whole, nullptr);
+    for (uint64_t seed = 1; seed <= kPartitions; ++seed) {
+        long long allocations = 0;
+        ASSERT_EQ(Difference(run(Partition(seed), &allocations), expected), "") << "partition " << seed;
+        ASSERT_EQ(allocations, 0) << "partition " << seed;
+    }
+}
+
+// Calls `test(rate, knob, value, where)` for the defaults and for every knob of `row` at its ends and
+// middle, at low, common, high and odd rates (rate 0 when the class takes none).
+template <class Row, class Test>
+void ForEverySetting(const Row& row, Test test) {
+    const std::vector<int> rates = row.takesRate ? std::vector<int>{8000, 44100, 192000, 65537} : std::vector<int>{0};
+    for (int rate : rates)
+        for (int knob = -1; knob < static_cast<int>(row.knobs.size()); ++knob) {
+            const Knob* k = knob >= 0 ? &row.knobs[static_cast<std::size_t>(knob)] : nullptr;
+            for (float value : k ? KnobValues(*k) : std::vector<float>{0.0f})
+                test(
+                    rate, knob, value,
+                    (k ? k->name : "defaults") + " = " + std::to_string(value) + " at " + std::to_string(rate) + " Hz");
+        }
+}
+
 }  // namespace kesta::test::properties
