@@ -15,12 +15,9 @@
 #include <vector>
 
 #include "dsp/loudness.h"
+#include "support/ebur128_reading.h"
 #include "support/music.h"
 #include "support/signals.h"
-
-#if KESTA_HAVE_EBUR128
-#include <ebur128.h>
-#endif
 
 namespace {
 
@@ -44,31 +41,6 @@ Reading Ours(const Channels& x, int rate) {
     }
     return {meter.GetIntegrated(), meter.GetLoudnessRange(), 20.0 * std::log10(peak.GetTruePeak())};
 }
-
-#if KESTA_HAVE_EBUR128
-Reading Theirs(const Channels& x, int rate) {
-    const auto channels = static_cast<unsigned>(x.size());
-    ebur128_state* st = ebur128_init(channels, static_cast<unsigned long>(rate),
-                                     EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK);
-    std::vector<float> interleaved(x[0].size() * channels);
-    for (std::size_t n = 0; n < x[0].size(); ++n)
-        for (unsigned c = 0; c < channels; ++c)
-            interleaved[n * channels + c] = x[c][n];
-    ebur128_add_frames_float(st, interleaved.data(), x[0].size());
-    Reading r{};
-    ebur128_loudness_global(st, &r.integrated);
-    ebur128_loudness_range(st, &r.range);
-    double peak = 0.0;
-    for (unsigned c = 0; c < channels; ++c) {
-        double p = 0.0;
-        ebur128_true_peak(st, c, &p);
-        peak = std::max(peak, p);
-    }
-    r.truePeakDb = 20.0 * std::log10(peak);
-    ebur128_destroy(&st);
-    return r;
-}
-#endif
 
 // Noise low-passed at 16 kHz (a Blackman-windowed sinc of 95 taps) whose level moves in 2 s
 // steps over 12 dB, so the range and both gates have work.
@@ -128,7 +100,8 @@ TEST(LoudnessBesideLibebur128, NoiseTonesAndMusicAgree) {
         else
             std::printf("music skipped: fluidsynth or its soundfont is not installed\n");
         for (const Named& s : signals) {
-            const Reading ours = Ours(s.x, rate), theirs = Theirs(s.x, rate);
+            const Reading ours = Ours(s.x, rate);
+            const Ebur128Reading theirs = MeasureWithEbur128(s.x, rate);
             EXPECT_NEAR(ours.integrated, theirs.integrated, 0.05) << s.name << " at " << rate;
             EXPECT_NEAR(ours.range, theirs.range, 0.1) << s.name << " at " << rate;
             EXPECT_NEAR(ours.truePeakDb, theirs.truePeakDb, 0.1) << s.name << " at " << rate;

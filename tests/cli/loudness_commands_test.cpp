@@ -8,10 +8,7 @@
 #include <sstream>
 
 #include "cli_test.h"
-
-#if KESTA_HAVE_EBUR128
-#include <ebur128.h>
-#endif
+#include "support/ebur128_reading.h"
 
 namespace kesta_test {
 namespace {
@@ -81,33 +78,6 @@ TEST_F(LoudnessCommandsTest, AnalyzeReportsEachFileInTextJsonAndCsv) {
     ExpectOneErrorLine(RunKesta({"analyze", "--csv", "--json", P("tone.wav")}), 2, {"--csv"}, true);
 }
 
-#if KESTA_HAVE_EBUR128
-struct Ebur128Reading {
-    double integrated = 0.0, truePeakDb = 0.0;
-};
-
-Ebur128Reading MeasureWithEbur128(const Audio& a) {
-    ebur128_state* st =
-        ebur128_init(unsigned(a.channels.size()), unsigned(a.rate), EBUR128_MODE_I | EBUR128_MODE_TRUE_PEAK);
-    std::vector<double> interleaved;
-    for (int64_t n = 0; n < a.Frames(); ++n)
-        for (const auto& channel : a.channels)
-            interleaved.push_back(channel[std::size_t(n)]);
-    ebur128_add_frames_double(st, interleaved.data(), std::size_t(a.Frames()));
-    Ebur128Reading r;
-    ebur128_loudness_global(st, &r.integrated);
-    double peak = 0.0;
-    for (unsigned c = 0; c < a.channels.size(); ++c) {
-        double p = 0.0;
-        ebur128_true_peak(st, c, &p);
-        peak = std::max(peak, p);
-    }
-    r.truePeakDb = 20.0 * std::log10(peak);
-    ebur128_destroy(&st);
-    return r;
-}
-#endif
-
 TEST_F(LoudnessCommandsTest, NormalizeMeetsTheTargetUnderTheCeiling) {
 #if !KESTA_HAVE_EBUR128
     GTEST_SKIP() << "libebur128 is not installed";
@@ -143,7 +113,7 @@ TEST_F(LoudnessCommandsTest, NormalizeMeetsTheTargetUnderTheCeiling) {
         const Audio out = ReadAudio(dir / ("n-" + c.name));
         EXPECT_EQ(out.format, input.format);
         ASSERT_EQ(out.Frames(), input.Frames());
-        const Ebur128Reading measured = MeasureWithEbur128(out);
+        const kesta::test::Ebur128Reading measured = kesta::test::MeasureWithEbur128(out.channels, out.rate);
         EXPECT_NEAR(measured.integrated, c.lufs, 0.1);
         EXPECT_LE(measured.truePeakDb, c.ceiling);
     }
