@@ -1,14 +1,11 @@
-// White noise source: the sequences of two seeds against the generator written out here in 64-bit
-// arithmetic (reduced modulo 2^32 after every step), the three read-outs' ranges and statistics,
-// and reproducibility.
+// White noise source: the sequences of two seeds, in all three read-outs, against the generator
+// written out here in 64-bit arithmetic (reduced modulo 2^32 after every step), and reseeding.
 
 #include "dsp/white_noise.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
-#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -55,36 +52,6 @@ TEST(WhiteNoise, SequencesMatchTheGeneratorForTwoSeeds) {
             sum += (std::bit_cast<float>(static_cast<uint32_t>(ref.Next() | 0x40000000u)) - 2.0) * 0.5;
         EXPECT_EQ(noise.fGaussian(3.0), (sum - 6.0) * 0.5 * 3.0);
     }
-}
-
-TEST(WhiteNoise, ReadOutsHaveTheirRangesAndStatistics) {
-    dsp::WhiteNoise noise(77u);
-    const int draws = 1 << 20;
-    double whiteSum = 0.0, uniformSum = 0.0, gaussSum = 0.0;
-    unsigned int whiteMax = 0;
-    double uniformMax = 0.0;
-    std::vector<int> bins(64, 0);
-    for (int i = 0; i < draws; ++i) {
-        const unsigned int w = noise.dwWhite();
-        whiteMax = std::max(whiteMax, w);
-        whiteSum += w;
-        const double u = noise.fRandom();
-        uniformMax = std::max(uniformMax, u);
-        uniformSum += u;
-        ++bins[static_cast<std::size_t>(u * 64.0)];
-    }
-    for (int i = 0; i < draws / 12; ++i)
-        gaussSum += noise.fGaussian(1.0);
-    EXPECT_LT(whiteMax, 1u << 23);
-    EXPECT_NEAR(whiteSum / draws / whiteMax, 0.5, 0.005);
-    EXPECT_LT(uniformMax, 1.0);
-    EXPECT_NEAR(uniformSum / draws, 0.5, 0.005);
-    EXPECT_NEAR(gaussSum / (draws / 12), 0.0, 0.005);
-    const double average = draws / 64.0;
-    double spread = 0.0;
-    for (int b : bins)
-        spread += (b - average) * (b - average);
-    EXPECT_LT(std::sqrt(spread / 64.0) / average, 0.035);
 }
 
 TEST(WhiteNoise, SeedsRepeatAndDiffer) {
