@@ -5,6 +5,7 @@
 #include "dsp/audio_buffer.h"
 #include "dsp/check_registry.h"
 #include "dsp/desk_filter.h"
+#include "dsp/dnz.h"
 #include "dsp/dsp_analyzer.h"
 #include "dsp/dsp_process.h"
 #include "dsp/fades.h"

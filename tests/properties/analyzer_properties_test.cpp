@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "dsp/dnz.h"
 #include "dsp/frequency_analysis.h"
 #include "dsp/levels.h"
 #include "dsp/loudness.h"
@@ -294,6 +295,33 @@ Row CaptureNoisePrintRow() {
     return row;
 }
 
+Row DNZNoisePrintRow() {
+    using dsp::dnz::DNZ;
+    using dsp::dnz::DNZNoisePrint;
+    Row row{"DNZNoisePrint", false, {{"fft size", 256.0f, 4096.0f}, {"noise atoms", 1.0f, 16.0f}}, nullptr};
+    row.make = [](int, int knob, float value) {
+        kesta::test::Owned<DNZ> record(kChannels, knob == 0 ? PowerOfTwoNear(value) : 512);
+        if (knob == 1) {
+            FreeArrays(&record.r);
+            record.r.noiseAtoms = static_cast<int16_t>(value);
+            AllocateArrays(&record.r);
+        }
+        return std::make_unique<AnalyzerMeter<DNZNoisePrint>>(
+            DNZNoisePrint(&record.r), Protocol::kSnapshot, [](DNZNoisePrint& a) {
+                const DNZ& p = *a.GetParam();
+                Figures f{static_cast<double>(p.frameCount)};
+                const std::size_t n =
+                    static_cast<std::size_t>(p.noiseAtoms) * static_cast<std::size_t>(p.fftSize / 2 + 1);
+                for (int c = 0; c < p.channels; ++c) {
+                    f.insert(f.end(), p.noiseDictionary[c], p.noiseDictionary[c] + n);
+                    f.push_back(p.noiseCeiling[c]);
+                }
+                return f;
+            });
+    };
+    return row;
+}
+
 Row CaptureNoiseFloorRow() {
     using dsp::nohiss::CaptureNoiseFloor;
     using dsp::nohiss::NOHISS;
@@ -384,8 +412,8 @@ Row FrequencyAnalysisRow() {
 }
 
 std::vector<Row> Table() {
-    return {FindLevelsRow(),        FindClicksRow(), FindClippingRow(), CaptureNoisePrintRow(),
-            CaptureNoiseFloorRow(), Itu1770Row(),    TruePeakRow(),     FrequencyAnalysisRow()};
+    return {FindLevelsRow(), FindClicksRow(), FindClippingRow(),      CaptureNoisePrintRow(), CaptureNoiseFloorRow(),
+            Itu1770Row(),    TruePeakRow(),   FrequencyAnalysisRow(), DNZNoisePrintRow()};
 }
 
 void PrintTo(const Row& row, std::ostream* out) {

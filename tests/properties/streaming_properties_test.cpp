@@ -21,6 +21,7 @@
 
 #include "dsp/adaptive_noise.h"
 #include "dsp/desk_filter.h"
+#include "dsp/dnz.h"
 #include "dsp/fft_convolver.h"
 #include "dsp/graphic.h"
 #include "dsp/hard_limit.h"
@@ -508,6 +509,33 @@ Row NoHissRow() {
     return row;
 }
 
+Row DNZProcessRow() {
+    using dsp::dnz::DNZ;
+    using dsp::dnz::DNZProcess;
+    Row row{"DNZProcess",
+            false,
+            {{"reduction", 0.0f, 120.0f}, {"smoothing", 0.0f, 99.0f}, {"output mode", 1.0f, 2.0f}},
+            nullptr};
+    row.make = [](int, int knob, float value) {
+        static const std::shared_ptr<kesta::test::Owned<DNZ>> print = [] {
+            auto owned = std::make_shared<kesta::test::Owned<DNZ>>(kChannels, kPrintSize);
+            dsp::dnz::DNZNoisePrint capture(&owned->r);
+            kesta::test::RunCapture(capture, kesta::test::NoiseChannels(kChannels, 20000, 5, 0.05), 0, 20000);
+            dsp::dnz::CopyDNZ(capture.GetParam(), &owned->r, false);
+            return owned;
+        }();
+        auto s = std::make_unique<Held<DNZProcess>>(ProcessOps<DNZProcess>(), &print->r);
+        DNZ* p = s->object().GetParam();
+        if (knob == 0) p->reductionDb = value;
+        if (knob == 1) p->smoothingPercent = value;
+        if (knob == 2) p->outputMode = static_cast<int16_t>(std::lround(value));
+        s->object().ParameterChanged();
+        s->object().Resume();
+        return s;
+    };
+    return row;
+}
+
 Row AdaptiveNoiseRow() {
     using dsp::AdaptiveNoise;
     Row row{"AdaptiveNoise", true, {{"reduction", 0.0f, 120.0f}, {"residual", 0.0f, 1.0f}}, nullptr};
@@ -652,7 +680,7 @@ std::vector<Row> Table() {
     return {HardLimitRow(),      StereoExpanderRow(), ParametricRow(),    GraphicRow(),        DeskFilterRow(),
             SecondOrderIIRRow(), ConvolverRow(),      ResampleRow(),      LinearResampleRow(), WhiteNoiseRow(),
             NoNoiseRow(),        NoHissRow(),         AdaptiveNoiseRow(), ReplaceClicksRow(),  RepairClippingRow(),
-            FindSilenceRow(),    DeleteSilenceRow()};
+            FindSilenceRow(),    DeleteSilenceRow(),  DNZProcessRow()};
 }
 
 void PrintTo(const Row& row, std::ostream* out) {
