@@ -8,6 +8,7 @@
 
 #include "command.h"
 #include "dsp/adaptive_noise.h"
+#include "dsp/dnz.h"
 #include "dsp/nonoise.h"
 #include "errors.h"
 #include "pipeline/command_line.h"
@@ -23,7 +24,7 @@ using dsp::nonoise::NONOISE;
 using dsp::nonoise::NoNoiseProcess;
 
 constexpr const char* kHelpFooter =
-    R"help(Removes steady background noise (hum, hiss, fan, tape and room noise) by one of two methods.
+    R"help(Removes steady background noise (hum, hiss, fan, tape and room noise) by one of three methods.
 
 --method print (the default when a noise source is given) works from a noise print: a portrait
 of the noise, per channel and frequency, taken from a stretch where only the noise is heard.
@@ -40,11 +41,19 @@ while it plays, follows noise that changes slowly, and leaves sustained tones an
 A --noise stretch is then only measured for the report. It takes no --print, --noise-file,
 --save-print, --fft-size, --smoothing or --transition.
 
-  --reduction DB     how far the noise is pushed down (default 40 with print, 30 with adaptive;
+--method nmf takes its noise source like print (--noise, --noise-file) but learns from it a few
+spectral shapes of the noise; while the audio streams it splits every moment into those shapes
+and shapes of its own for the programme, learned as it goes, and keeps what the programme's
+shapes explain. It follows noise that swells and fades, and hum lines, closely. It keeps no
+print file (no --print or --save-print); --fft-size defaults to about 46 ms (2048 at 44.1 kHz).
+
+  --reduction DB     how far the noise is pushed down (default 40 with print, 30 with adaptive
+                     and nmf;
                      0 passes the audio through, changed only by rounding)
   --smoothing PCT    print: how slowly a bin's measured level falls from frame to frame (default
                      65); higher gives fewer warbling artefacts ("musical noise"), lower keeps
-                     quick detail
+                     quick detail; nmf: how long the programme's share of a bin is remembered
+                     (default 40)
   --transition DB    print: widens the soft knee between removed and kept (default 0)
   --residual         writes what would be removed, to hear whether anything wanted goes with it
 
@@ -60,6 +69,7 @@ Exit status: 0 done; 2 wrong command line (also a print that does not fit the in
 Examples:
   kesta denoise take1.wav clean.wav
   kesta denoise take1.wav clean.wav --noise 0:1.5
+  kesta denoise take1.wav clean.wav --method nmf --noise 0:1.5
   kesta denoise take1.wav --noise 0:1.5 --save-print room.knp
   kesta denoise take2.wav clean2.wav --print room.knp --reduction 30
   kesta denoise take1.wav removed.wav --noise-file roomtone.wav --residual)help";
@@ -80,11 +90,13 @@ std::string ResolveMethod(const SpectralOptions& options, const DenoiseSettings&
     if (settings.method.empty())
         return options.printPath.empty() && options.noiseFile.empty() && options.noiseRange.empty() ? "adaptive"
                                                                                                     : "print";
-    if (settings.method == "nmf")
-        throw UsageError("--method nmf is not available yet", "", "give --method print or --method adaptive");
-    if (settings.method != "print" && settings.method != "adaptive")
+    if (settings.method == "nmf" && options.printPath.empty() && options.noiseFile.empty() &&
+        options.noiseRange.empty())
+        throw UsageError("--method nmf needs a noise source", "it learns the noise's shapes from a noise-only stretch",
+                         "give --noise START:END or --noise-file FILE, or --method adaptive");
+    if (settings.method != "print" && settings.method != "adaptive" && settings.method != "nmf")
         throw UsageError("--method " + settings.method + " is not a denoise method", "",
-                         "give --method print or --method adaptive");
+                         "give --method print, adaptive or nmf");
     return settings.method;
 }
 
@@ -172,10 +184,10 @@ public:
 
     void CheckSettings() const override {
         CheckSetting("--reduction", ReductionDb(), 0.0, 120.0, "dB");
-        for (auto [given, name] :
-             {std::pair{mSettings.smoothingGiven, "--smoothing"}, std::pair{mSettings.transitionGiven, "--transition"}})
+        for (auto [given, name] : {std::pair{mSettings.smoothingGiven, "--smoothing applies to --method print and nmf"},
+                                   std::pair{mSettings.transitionGiven, "--transition applies to --method print"}})
             if (given)
-                throw UsageError(std::string(name) + " applies to --method print only", "",
+                throw UsageError(std::string(name) + " only", "",
                                  "leave it out, or give a noise source for the print method");
         if (mOptions.residual && ReductionDb() == 0.0)
             throw UsageError("--residual with --reduction 0 has nothing to write", "",
@@ -212,9 +224,97 @@ private:
     const DenoiseSettings& mSettings;
 };
 
+// The factorisation reducer: a dictionary of noise shapes learned from the noise stretch, the
+// signal's shapes learned while the audio streams.
+class NmfDenoiseTool : public SpectralTool {
+public:
+    NmfDenoiseTool(const SpectralOptions& options, const DenoiseSettings& settings)
+        : mOptions(options), mSettings(settings) {}
+
+    std::string Command() const override { return "denoise"; }
+    PrintKind Kind() const override { return PrintKind::NoisePrint; }
+    std::string Method() const override { return "nmf"; }
+    int DefaultFftSize(int sampleRate) const override { return dsp::dnz::FrameLengthFor(sampleRate); }
+
+    void CheckSettings() const override {
+        CheckSetting("--reduction", ReductionDb(), 0.0, 120.0, "dB");
+        CheckSetting("--smoothing", SmoothingPercent(), 0.0, 99.0, "percent");
+        if (mSettings.transitionGiven)
+            throw UsageError("--transition applies to --method print only", "", "leave it out");
+        if (!mOptions.printPath.empty() || !mOptions.savePrint.empty())
+            throw UsageError("--method nmf keeps no print file", "it learns its noise shapes from the stretch each run",
+                             "give --noise START:END or --noise-file FILE instead");
+        if (mOptions.residual && ReductionDb() == 0.0)
+            throw UsageError("--residual with --reduction 0 has nothing to write", "",
+                             "a reduction of 0 removes nothing; give a reduction above 0");
+    }
+
+    // One spectrum of fftSize frames is the least a dictionary is learned from.
+    int64_t MinimumCaptureFrames(int fftSize) const override { return fftSize; }
+
+    std::unique_ptr<dsp::DSPAnalyzer> MakeCapture(int channels, int, int fftSize) override {
+        dsp::dnz::DNZ record;
+        dsp::dnz::SetDefaultParameter(&record);
+        record.channels = int16_t(channels);
+        record.fftSize = int16_t(fftSize);
+        dsp::dnz::AllocateArrays(&record);
+        auto capture = std::make_unique<dsp::dnz::DNZNoisePrint>(&record);  // takes a copy
+        dsp::dnz::FreeArrays(&record);
+        return capture;
+    }
+
+    void TakeCapture(const dsp::DSPAnalyzer& capture) override {
+        mRecord.reset(dsp::dnz::CloneDNZ(static_cast<const dsp::dnz::DNZNoisePrint&>(capture).GetParam()));
+    }
+
+    // Never asked: the options that would read or keep a print are refused.
+    void TakePrint(PrintFile&&) override {}
+    std::string EncodePrint(int, PrintSpan) const override { return {}; }
+
+    std::unique_ptr<dsp::OverlapSave> MakeProcess(int, int) override {
+        mRecord->reductionDb = ReductionDb();
+        mRecord->smoothingPercent = SmoothingPercent();
+        mRecord->outputMode = mOptions.residual ? 2 : 1;
+        auto process = std::make_unique<dsp::dnz::DNZProcess>(mRecord.get());
+        process->Resume();
+        return process;
+    }
+
+    void WriteSettings(JsonWriter& json) const override {
+        json.Key("reduction_db").Number(ReductionDb());
+        json.Key("smoothing_percent").Number(SmoothingPercent());
+    }
+
+    std::string DescribeSettings() const override {
+        if (ReductionDb() == 0.0) return "reduction 0 dB (unchanged)";
+        return "reduction " + FormatValue(ReductionDb()) + " dB, smoothing " + FormatValue(SmoothingPercent()) + "%";
+    }
+
+private:
+    struct Deleter {
+        void operator()(dsp::dnz::DNZ* record) const {
+            dsp::dnz::FreeArrays(record);
+            delete record;
+        }
+    };
+
+    double ReductionDb() const {
+        return mSettings.reductionGiven ? mSettings.reductionDb : dsp::dnz::DNZ{}.reductionDb;
+    }
+    double SmoothingPercent() const {
+        return mSettings.smoothingGiven ? mSettings.smoothingPercent : dsp::dnz::DNZ{}.smoothingPercent;
+    }
+
+    const SpectralOptions& mOptions;
+    const DenoiseSettings& mSettings;
+    std::unique_ptr<dsp::dnz::DNZ, Deleter> mRecord;
+};
+
 // The tool of the method the command line asks for.
 std::shared_ptr<SpectralTool> MakeDenoiseTool(const SpectralOptions& options, const DenoiseSettings& settings) {
-    if (ResolveMethod(options, settings) == "adaptive") return std::make_shared<AdaptiveDenoiseTool>(options, settings);
+    const std::string method = ResolveMethod(options, settings);
+    if (method == "adaptive") return std::make_shared<AdaptiveDenoiseTool>(options, settings);
+    if (method == "nmf") return std::make_shared<NmfDenoiseTool>(options, settings);
     return std::make_shared<DenoiseTool>(options, settings);
 }
 
@@ -227,15 +327,16 @@ Command AddDenoiseCommand(CLI::App& kesta) {
     app->footer(kHelpFooter);
     AddSpectralOptions(*app, options);
     app->add_option("--method", settings->method,
-                    "print (a print of the noise from --noise, --noise-file or --print) or adaptive (learns the "
-                    "noise as it goes; the default without a noise source)")
+                    "print (a print of the noise from --noise, --noise-file or --print), adaptive (learns the "
+                    "noise as it goes; the default without a noise source) or nmf (noise shapes from --noise or "
+                    "--noise-file, the programme's learned as it goes)")
         ->type_name("METHOD");
     AddNumberOption(*app, "--reduction", settings->reductionDb,
-                    "Reduction in dB, 0 to 120 (default 40 for print, 30 for adaptive; 0: unchanged)")
+                    "Reduction in dB, 0 to 120 (default 40 for print, 30 for adaptive and nmf; 0: unchanged)")
         ->type_name("DB")
         ->each([settings](const std::string&) { settings->reductionGiven = true; });
     AddNumberOption(*app, "--smoothing", settings->smoothingPercent,
-                    "Smoothing of the measured levels, percent, 0 to 99 (default 65; print only)")
+                    "Smoothing, percent, 0 to 99 (default 65 for print, 40 for nmf)")
         ->type_name("PCT")
         ->each([settings](const std::string&) { settings->smoothingGiven = true; });
     AddNumberOption(*app, "--transition", settings->transitionDb,

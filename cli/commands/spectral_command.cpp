@@ -287,7 +287,7 @@ NoisePlan PlanNoise(const SpectralOptions& options, SpectralTool& tool, BlockRea
     const AudioFormat& format = reader.Format();
     const bool fromPrint = !options.printPath.empty();
     NoisePlan plan;
-    plan.fftSize = options.fftSize;
+    plan.fftSize = options.fftSizeGiven ? options.fftSize : tool.DefaultFftSize(format.sampleRate);
     plan.channels = format.channels;
     if (tool.LearnsNoise()) {
         // No print: a --noise stretch is only measured.

@@ -77,6 +77,8 @@ public:
     virtual std::string Method() const { return ""; }
     // Usage errors for settings out of range.
     virtual void CheckSettings() const = 0;
+    // The FFT size when --fft-size is not given.
+    virtual int DefaultFftSize(int /*sampleRate*/) const { return kDefaultFftSize; }
     // The shortest stretch, in frames, the capture can take a print from.
     virtual int64_t MinimumCaptureFrames(int fftSize) const = 0;
 

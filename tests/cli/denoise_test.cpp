@@ -120,6 +120,18 @@ TEST_F(DenoiseTest, WithoutANoiseSourceTheAdaptiveMethodLearnsTheNoiseAndKeepsTh
     ExpectResidualAddsUp("denoise", {"--reduction", "20"});
 }
 
+TEST_F(DenoiseTest, TheNmfMethodLearnsTheNoiseFromTheStretchAndKeepsTheTones) {
+    const JsonValue report =
+        Report({"denoise", P("in.wav"), P("out.wav"), "--method", "nmf", "--noise", "0:1.5", "--reduction", "30"});
+    ExpectCleaned("out.wav", 20.0);
+    EXPECT_EQ(report["method"].string, "nmf");
+    EXPECT_EQ(report["noise"]["frames"].number, double(take.leadIn));
+    for (int c = 0; c < 2; ++c)
+        EXPECT_LE(report["output"]["noise_level_change_db"][c].number, -20.0);
+    EXPECT_LE(report["output"]["pause_level_change_db"].number, -12.0);
+    ExpectResidualAddsUp("denoise", {"--method", "nmf", "--noise", "0:1.5"});
+}
+
 TEST_F(DenoiseTest, ASavedPrintOrAnotherFileReproducesTheRunBitForBit) {
     Ok({"denoise", P("in.wav"), P("a.wav"), "--noise", "0:1.5", "--save-print", P("room.knp"), "-q"});
     Ok({"denoise", P("in.wav"), P("b.wav"), "--print", P("room.knp"), "-q"});
@@ -170,11 +182,17 @@ TEST_F(DenoiseTest, BadCommandLinesOfDenoiseAndDehissSayOneLineAndTouchNothing) 
                                   {{"--noise", "1:x"}, 2, {"'x' is not a number of seconds"}},
                                   {{"--noise", "0:90"}, 2, {"past the end", "4.000 s long"}},
                                   {{"--noise", "0:0.05"}, 2, {"too short", "0.050 s", "at least 0.093 s"}},
-                                  {{"--method", "nmf"}, 2, {"--method nmf", "not available yet"}},
+                                  {{"--method", "nmf"}, 2, {"--method nmf needs a noise source"}},
+                                  {{"--method", "nmf", "--noise", "0:1.5", "--save-print", P("n.knp")},
+                                   2,
+                                   {"--method nmf keeps no print file"}},
+                                  {{"--method", "nmf", "--noise", "0:1.5", "--transition", "3"},
+                                   2,
+                                   {"--transition applies to --method print only"}},
                                   {{"--method", "wiener"}, 2, {"--method wiener", "not a denoise method"}},
                                   {{"--method", "adaptive", "--print", P("small.knp")}, 2, {"takes no noise print"}},
                                   {{"--fft-size", "2048"}, 2, {"--method adaptive", "chooses its own FFT size"}},
-                                  {{"--smoothing", "50"}, 2, {"--smoothing applies to --method print only"}},
+                                  {{"--smoothing", "50"}, 2, {"--smoothing applies to --method print and nmf only"}},
                                   {{"--print", P("small.knp"), "--fft-size", "4096"}, 2, {"FFT size 2048", "4096"}},
                                   {{"--print", P("mono.knp")}, 2, {"1 channel(s)", "has 2"}},
                                   {{"--print", P("hiss.khf")}, 2, {"hiss floor, not a noise print"}},
