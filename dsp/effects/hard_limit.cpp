@@ -87,10 +87,11 @@ void HardLimit::Initialize() {
     mEnvelope.assign(channels, 1.0f);
     mWindowPeak.assign(channels, 0.0f);
     mWindowPeakPosition.assign(channels, 0);
-    mQueues.assign(channels, WindowQueue{});
-    for (WindowQueue& queue : mQueues)
-        queue.indices.assign(static_cast<std::size_t>(mBufferLength), 0);
-    mQueuesStale = true;
+    mTailPeak.assign(cells, -1.0f);
+    mTailAt.assign(cells, -1);
+    mFillingPeak.assign(channels, -1.0f);
+    mFillingAt.assign(channels, -1);
+    mWindowsStale = true;
     mWritePosition = 0;
     mNeedsInitialize = false;
     mParamsDirty = true;
@@ -119,134 +120,188 @@ void HardLimit::Prepare() {
     if (mParamsDirty) {
         const int32_t before = mLookAhead;
         InitializeParameters();
-        if (mLookAhead != before || mQueuesStale) RebuildQueues();
+        if (mLookAhead != before || mWindowsStale) RestartWindows();
     }
 }
 
-// A monotonic queue of ring indices whose entries are non-increasing in value (equal values keep
-// their order), so its front is the earliest largest entry of the window. Each index enters once
-// and leaves once: amortised constant work per frame where a scan would cost lookAhead compares
-// whenever the held peak leaves, which in silence or a steady level is every frame.
-void HardLimit::WindowQueue::Slide(const float* peaks, int32_t leaving, int32_t entering, int32_t B) {
-    if (count > 0 && Front() == leaving) {
-        head = head + 1 == B ? 0 : head + 1;
-        --count;
-    }
-    const float v = peaks[entering];
-    if (!(v >= 0.0f)) return;  // NaN never compares greater: it can never be the held peak
-    while (count > 0) {
-        int32_t back = head + count - 1;
-        if (back >= B) back -= B;
-        if (!(peaks[indices[back]] < v)) break;
-        --count;
-    }
-    int32_t slot = head + count;
-    if (slot >= B) slot -= B;
-    indices[slot] = entering;
-    ++count;
-}
+// The window's earliest largest entry by blocks (van Herk / Gil-Werman): entries enter the window
+// one per frame, and are grouped in the order they enter into blocks of lookAhead. The window, the
+// last lookAhead entries to enter, is a tail of the last full block followed by the head of the
+// block being filled. The head's maximum is kept as entries come in; the maxima of all the tails
+// of a block are taken once, when it fills, from its last entry back. That is a few compares per
+// frame and channel without a data-dependent branch, where a scan would cost lookAhead compares
+// whenever the held peak leaves (every frame of silence or of a falling level). Ties go to the
+// earlier entry on both sides, and NaN never compares greater, as in a scan from the window's
+// start that keeps only strictly greater values.
 
-// Fills every queue with the window p ... p + lookAhead - 2 of its channel; the frame then slides
-// the entry p + lookAhead - 1 in.
-void HardLimit::RebuildQueues() {
-    const int32_t B = mBufferLength;
-    for (int c = 0; c < mChannelCount; ++c) {
-        WindowQueue& queue = mQueues[c];
-        queue.head = 0;
-        queue.count = 0;
-        const float* peaks = mPeakLine.data() + static_cast<std::size_t>(c) * B;
-        int32_t k = mWritePosition;
-        for (int32_t i = 0; i + 1 < mLookAhead; ++i) {
-            queue.Slide(peaks, -1, k, B);
-            if (++k == B) k = 0;
+// The window blocks of every channel, as raw pointers for the frame loop.
+struct HardLimit::Windows {
+    const float* peaks;  // the peak line, channel c at c * B
+    float* tailPeak;
+    int32_t* tailAt;
+    float* fillingPeak;
+    int32_t* fillingAt;
+    int channels;
+    int32_t B, L;
+
+    std::size_t Cell(int c) const { return static_cast<std::size_t>(c) * static_cast<std::size_t>(B); }
+
+    // `entering` enters every channel's window; returns the new count of the block being filled.
+    int32_t Enter(int32_t filled, int32_t entering) const {
+        for (int c = 0; c < channels; ++c) {
+            const float v = peaks[Cell(c) + static_cast<std::size_t>(entering)];
+            const bool greater = v > fillingPeak[c];
+            fillingPeak[c] = greater ? v : fillingPeak[c];
+            fillingAt[c] = greater ? entering : fillingAt[c];
         }
-    }
-    mQueuesStale = false;
-}
-
-void HardLimit::UpdateGains() {
-    const int32_t B = mBufferLength;
-    const int32_t p = mWritePosition;
-    const int32_t previous = p == 0 ? B - 1 : p - 1;
-    int32_t entering = p + mLookAhead - 1;
-    if (entering >= B) entering -= B;
-
-    float largest = 0.0f;
-    for (int c = 0; c < mChannelCount; ++c) {
-        const float* peaks = mPeakLine.data() + static_cast<std::size_t>(c) * B;
-        float& held = mWindowPeak[c];
-        int32_t& heldAt = mWindowPeakPosition[c];
-        WindowQueue& queue = mQueues[c];
-        queue.Slide(peaks, previous, entering, B);
-        if (heldAt == previous) {
-            // The held peak has just left the window: take the window's earliest largest entry,
-            // what a scan from p upward keeping only strictly greater values finds (-1 and the
-            // old position when no entry compares greater, as with NaN throughout).
-            if (queue.count > 0) {
-                heldAt = queue.Front();
-                held = peaks[heldAt];
-            } else {
-                held = -1.0f;
+        if (filled + 1 < L) return filled + 1;
+        // The block is full: the maximum of each of its tails, from its last entry back.
+        for (int c = 0; c < channels; ++c) {
+            const float* line = peaks + Cell(c);
+            float* tp = tailPeak + Cell(c);
+            int32_t* ta = tailAt + Cell(c);
+            float best = -1.0f;
+            int32_t at = -1;
+            int32_t k = entering;
+            for (int32_t j = L - 1; j >= 0; --j) {
+                const float v = line[k];
+                const bool take = v >= best;  // an equal entry further back is earlier
+                best = take ? v : best;
+                at = take ? k : at;
+                tp[j] = best;
+                ta[j] = at;
+                k = k == 0 ? B - 1 : k - 1;
             }
-        } else if (peaks[entering] > held) {
-            held = peaks[entering];
-            heldAt = entering;
+            fillingPeak[c] = -1.0f;
+            fillingAt[c] = -1;
         }
+        return 0;
+    }
 
-        float& e = mEnvelope[c];
-        if (held > e) {
-            // A straight line that meets the peak one frame before it leaves (d = 1 there).
-            int32_t d = heldAt - p;
-            if (d < 0) d += B;
-            if (d < 2) d = 1;
-            e = e + (held - e) / static_cast<float>(d);
+    // The earliest largest entry of channel c's window (ring index -1: none compares greater).
+    void Largest(int c, int32_t filled, float& peak, int32_t& at) const {
+        const std::size_t i = Cell(c) + static_cast<std::size_t>(filled);
+        const bool head = fillingPeak[c] > tailPeak[i];
+        peak = head ? fillingPeak[c] : tailPeak[i];
+        at = head ? fillingAt[c] : tailAt[i];
+    }
+};
+
+HardLimit::Windows HardLimit::WindowView() {
+    return {mPeakLine.data(),  mTailPeak.data(), mTailAt.data(), mFillingPeak.data(),
+            mFillingAt.data(), mChannelCount,    mBufferLength,  mLookAhead};
+}
+
+// Starts the blocks afresh at the window p ... p + lookAhead - 2 (the frame then enters
+// p + lookAhead - 1): after a rebuild or a change of look-ahead.
+void HardLimit::RestartWindows() {
+    std::fill(mFillingPeak.begin(), mFillingPeak.end(), -1.0f);
+    std::fill(mFillingAt.begin(), mFillingAt.end(), -1);
+    const Windows w = WindowView();
+    mFilled = 0;
+    int32_t k = mWritePosition;
+    for (int32_t i = 0; i + 1 < mLookAhead; ++i) {
+        mFilled = w.Enter(mFilled, k);
+        if (++k == mBufferLength) k = 0;
+    }
+    mWindowsStale = false;
+}
+
+// Frame by frame; the frame's input and output sample of channel c are load(c, i) and
+// store(c, i, y). Everything the frames read that only Prepare changes is held in locals.
+template <typename Load, typename Store>
+void HardLimit::Run(int n, const Load& load, const Store& store) {
+    const Windows w = WindowView();
+    const int C = mChannelCount;
+    const int32_t B = mBufferLength, L = mLookAhead;
+    float* delay = mDelayLine.data();
+    float* peaks = mPeakLine.data();
+    float* held = mWindowPeak.data();
+    int32_t* heldAt = mWindowPeakPosition.data();
+    float* envelope = mEnvelope.data();
+    float* gain = mAppliedGain.data();
+    const float ceiling = mCeiling, release = mReleaseFactor, inputGain = mInputGain;
+    const bool linked = !(mParams[kLink] <= 0.5f);
+    int32_t p = mWritePosition, filled = mFilled;
+    for (int i = 0; i < n; ++i) {
+        // 1-2. Window peaks and envelopes.
+        const int32_t previous = p == 0 ? B - 1 : p - 1;
+        int32_t entering = p + L - 1;
+        if (entering >= B) entering -= B;
+        filled = w.Enter(filled, entering);
+        float largest = 0.0f;
+        for (int c = 0; c < C; ++c) {
+            float h = held[c];
+            int32_t at = heldAt[c];
+            if (at == previous) {
+                // The held peak has just left the window: take the window's earliest largest
+                // entry, what a scan from p upward keeping only strictly greater values finds
+                // (-1 and the old position when no entry compares greater, as with NaN throughout).
+                float peak;
+                int32_t where;
+                w.Largest(c, filled, peak, where);
+                h = where >= 0 ? peak : -1.0f;
+                at = where >= 0 ? where : at;
+            } else {
+                const float v = peaks[w.Cell(c) + static_cast<std::size_t>(entering)];
+                if (v > h) {
+                    h = v;
+                    at = entering;
+                }
+            }
+            held[c] = h;
+            heldAt[c] = at;
+            float e = envelope[c];
+            if (h > e) {
+                // A straight line that meets the peak one frame before it leaves (d = 1 there).
+                int32_t d = at - p;
+                if (d < 0) d += B;
+                if (d < 2) d = 1;
+                e = e + (h - e) / static_cast<float>(d);
+            } else {
+                const float released = e * release;
+                if (h <= released) e = released;
+            }
+            envelope[c] = e;
+            largest = std::max(largest, e);
+        }
+        // 3-4. Gains.
+        if (linked) {
+            const float g = largest <= ceiling ? 1.0f : ceiling / largest;
+            for (int c = 0; c < C; ++c)
+                gain[c] = g;
         } else {
-            const float released = e * mReleaseFactor;
-            if (held <= released) e = released;
+            for (int c = 0; c < C; ++c)
+                gain[c] = envelope[c] <= ceiling ? 1.0f : ceiling / envelope[c];
         }
-        largest = std::max(largest, e);
+        // 5. The delayed sample out (gain, clip), the new one in.
+        for (int c = 0; c < C; ++c) {
+            const std::size_t at = w.Cell(c) + static_cast<std::size_t>(p);
+            const float x = load(c, i) * inputGain;
+            float y = delay[at] * gain[c];
+            delay[at] = x;
+            peaks[at] = std::fabs(x);
+            if (std::fabs(y) > ceiling) y = y > 0.0f ? ceiling : -ceiling;
+            store(c, i, y);
+        }
+        // 6.
+        p = p + 1 == B ? 0 : p + 1;
     }
-
-    if (mParams[kLink] <= 0.5f) {
-        for (int c = 0; c < mChannelCount; ++c)
-            mAppliedGain[c] = mEnvelope[c] <= mCeiling ? 1.0f : mCeiling / mEnvelope[c];
-    } else {
-        const float gain = largest <= mCeiling ? 1.0f : mCeiling / largest;
-        std::fill(mAppliedGain.begin(), mAppliedGain.end(), gain);
-    }
-}
-
-inline float HardLimit::Exchange(int channel, float input) {
-    const std::size_t at = static_cast<std::size_t>(channel) * mBufferLength + mWritePosition;
-    const float x = input * mInputGain;
-    float y = mDelayLine[at] * mAppliedGain[channel];
-    mDelayLine[at] = x;
-    mPeakLine[at] = std::fabs(x);
-    if (std::fabs(y) > mCeiling) y = y > 0.0f ? mCeiling : -mCeiling;
-    return y;
-}
-
-void HardLimit::Advance() {
-    mWritePosition = mWritePosition + 1 == mBufferLength ? 0 : mWritePosition + 1;
+    mWritePosition = p;
+    mFilled = filled;
 }
 
 void HardLimit::ProcessOneSample(float* in, float* out) {
     Prepare();
-    UpdateGains();
-    for (int c = 0; c < mChannelCount; ++c)
-        out[c] = Exchange(c, in[c]);
-    Advance();
+    Run(
+        1, [in](int c, int) { return in[c]; }, [out](int c, int, float y) { out[c] = y; });
 }
 
 void HardLimit::Process(float** in, float** out, int n) {
     if (n < 1) return;
     Prepare();
-    for (int i = 0; i < n; ++i) {
-        UpdateGains();
-        for (int c = 0; c < mChannelCount; ++c)
-            out[c][i] = Exchange(c, in[c][i]);
-        Advance();
-    }
+    Run(
+        n, [in](int c, int i) { return in[c][i]; }, [out](int c, int i, float y) { out[c][i] = y; });
 }
 
 }  // namespace dsp

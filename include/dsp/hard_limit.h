@@ -80,11 +80,10 @@ private:
     void InitializeParameters();
     // Rebuild or recompute what the flags ask for; called before a frame.
     void Prepare();
-    // Steps of one frame: window peaks, envelopes and gains; then per channel the delayed sample
-    // out (gain, clip) and the new one in; then the ring index moves on.
-    void UpdateGains();
-    float Exchange(int channel, float input);
-    void Advance();
+    // n frames: window peaks, envelopes and gains; then per channel the delayed sample out (gain,
+    // clip) and the new one in; then the ring index moves on.
+    template <typename Load, typename Store>
+    void Run(int n, const Load& load, const Store& store);
 
     bool mNeedsInitialize = true;
     bool mParamsDirty = true;
@@ -106,18 +105,18 @@ private:
     std::vector<int32_t> mWindowPeakPosition;
     float mReleaseFactor = 0.0f;
 
-    // Per channel, the look-ahead window's candidates for its largest entry (see Slide).
-    struct WindowQueue {
-        std::vector<int32_t> indices;  // a ring of bufferLength slots
-        int32_t head = 0;
-        int32_t count = 0;
-        int32_t Front() const { return indices[static_cast<std::size_t>(head)]; }
-        // The window moves on by one: `leaving` goes out, `entering` comes in.
-        void Slide(const float* peaks, int32_t leaving, int32_t entering, int32_t bufferLength);
-    };
-    void RebuildQueues();
-    std::vector<WindowQueue> mQueues;
-    bool mQueuesStale = true;
+    // The look-ahead window's earliest largest entry, on demand in constant time (see
+    // RestartWindows): blocks of lookAhead entries in the order they enter the window, the
+    // running maximum of the block being filled and the maxima of every tail of the last full block.
+    void RestartWindows();
+    struct Windows;
+    Windows WindowView();
+    std::vector<float> mTailPeak;     // channel c at c * mBufferLength, one per block position
+    std::vector<int32_t> mTailAt;     // ring index of each, -1 where no entry compares greater
+    std::vector<float> mFillingPeak;  // per channel
+    std::vector<int32_t> mFillingAt;  // per channel
+    int32_t mFilled = 0;              // entries of the block being filled
+    bool mWindowsStale = true;
 };
 
 }  // namespace dsp

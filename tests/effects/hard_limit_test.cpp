@@ -1,7 +1,7 @@
 // Look-ahead limiter: the parameter table's rules, latency and silence at several rates, the gain
 // ramp and release around an impulse (linked and unlinked) against the closed-form envelope, and
 // loud streams against a plain frame-by-frame transcription of the limiter's definition (with a
-// full window scan where the class keeps a queue), over block partitions and parameter changes.
+// full window scan where the class keeps block maxima), over block partitions and parameter changes.
 
 #include "dsp/hard_limit.h"
 
@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
+#include <limits>
 #include <vector>
 
 #include "support/signals.h"
@@ -223,6 +225,83 @@ TEST(HardLimit, LoudStreamsFollowTheDefinitionAtAnyBlockSize) {
             for (float v : y[c])
                 ASSERT_LE(std::fabs(v), ceiling);
         }
+    }
+}
+
+// Shapes that a window maximum gets wrong if it gets anything wrong: long falls (the held peak
+// leaves every frame), rises, plateaus of equal values (the earliest must win), sawtooths whose
+// period is near the look-ahead, silence, and NaN and infinity bursts; with the look-ahead moved
+// up and down several times. Compared bit for bit (NaN included) with the definition.
+TEST(HardLimit, AdversarialShapesFollowTheDefinitionBitForBit) {
+    const int rate = 44100, channels = 3;
+    const std::size_t frames = 40000;
+    Channels x(channels, Signal(frames));
+    Random random(77);
+    for (std::size_t i = 0; i < frames; ++i) {
+        const std::size_t stretch = i / 4000, t = i % 4000;
+        const float u = static_cast<float>(t) / 4000.0f;
+        float v = 0.0f;
+        switch (stretch % 8) {
+            case 0:
+                v = 2.0f * (1.0f - u);
+                break;  // long fall
+            case 1:
+                v = 2.0f * u;
+                break;  // rise
+            case 2:
+                v = 0.5f * static_cast<float>(1 + (t / 150) % 3);
+                break;  // plateaus, ties
+            case 3:
+                v = static_cast<float>(t % 308) / 100.0f;
+                break;  // sawtooth near L
+            case 4:
+                v = static_cast<float>(310 - t % 310) / 100.0f;
+                break;  // falling sawtooth
+            case 5:
+                v = 0.0f;
+                break;  // silence
+            case 6:
+                v = static_cast<float>(random.UniformInt(0, 3));
+                break;  // few levels, ties
+            default:
+                v = static_cast<float>(3.0 * random.Uniform() - 1.5);
+                break;
+        }
+        for (int c = 0; c < channels; ++c)
+            x[c][i] = (c == 1 ? -v : v) * (c == 2 ? 0.7f : 1.0f);
+    }
+    for (std::size_t i = 26000; i < 26400; i += 97)
+        x[0][i] = std::numeric_limits<float>::quiet_NaN();
+    for (std::size_t i = 20500; i < 20800; ++i)
+        x[2][i] = std::numeric_limits<float>::quiet_NaN();
+    x[1][23000] = std::numeric_limits<float>::infinity();
+
+    const double looks[] = {7.0, 15.0, 5.0, 20.0, 7.0};  // ms, changed every 8000 frames
+    for (bool link : {true, false}) {
+        SCOPED_TRACE(link ? "linked" : "unlinked");
+        HardLimit limiter;
+        limiter.SetChannels(channels);
+        limiter.SetParameter(HardLimit::kInputGain, 6.0f);
+        limiter.SetParameter(HardLimit::kLink, link ? 1.0f : 0.0f);
+        ReferenceLimiter reference(channels, rate, -0.1, 6.0, looks[0], 100.0, link);
+        Channels expected(channels, Signal(frames)), got(channels, Signal(frames));
+        std::vector<float> in(channels), out(channels);
+        for (std::size_t i = 0; i < frames; ++i) {
+            if (i % 8000 == 0) reference.Set(rate, -0.1, 6.0, looks[i / 8000], 100.0, link);
+            for (int c = 0; c < channels; ++c)
+                in[c] = x[c][i];
+            reference.Frame(in.data(), out.data());
+            for (int c = 0; c < channels; ++c)
+                expected[c][i] = out[c];
+        }
+        for (std::size_t part = 0; part < 5; ++part) {
+            limiter.SetParameter(HardLimit::kLookAhead, static_cast<float>(looks[part]));
+            const Channels y = Limit(limiter, Slice(x, part * 8000, (part + 1) * 8000), 700, 90 + part);
+            for (int c = 0; c < channels; ++c)
+                std::copy(y[c].begin(), y[c].end(), got[c].begin() + static_cast<std::ptrdiff_t>(part * 8000));
+        }
+        for (int c = 0; c < channels; ++c)
+            EXPECT_EQ(std::memcmp(got[c].data(), expected[c].data(), frames * sizeof(float)), 0) << "channel " << c;
     }
 }
 
