@@ -121,7 +121,7 @@ int main(int argc, char** argv) {
 
     // Processor runs: class, rate, channels, then bytes the class reads as settings, then three
     // blocks (size low, size high, kind, level) of noise, a square wave and an impulse.
-    for (int cls = 0; cls < 11; ++cls) {
+    for (int cls = 0; cls < 14; ++cls) {
         std::string seed = {char(cls), char(3), char(1)};
         for (int i = 0; i < 40; ++i)
             seed += char(0x80 + ((i * 37) & 0x3F));

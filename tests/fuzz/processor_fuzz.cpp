@@ -3,7 +3,8 @@
 // classes with indexed parameters, values across and beyond their ranges for record fields), then
 // a run of blocks: each a size of 1 to 4096 frames and a kind of audio (noise of any level up to
 // full scale, a full-scale square wave, DC, silence, denormals, an impulse). The output of finite
-// input must be finite, and the limiter's never above its ceiling.
+// input must be finite, and never above the ceiling of a class that has one (the limiter's, full
+// scale for linear interpolation, sqrt 2 of it for an equal-power crossfade).
 
 #include <algorithm>
 #include <cmath>
@@ -16,6 +17,7 @@
 
 #include "dsp/adaptive_noise.h"
 #include "dsp/desk_filter.h"
+#include "dsp/frequency_analysis.h"
 #include "dsp/graphic.h"
 #include "dsp/hard_limit.h"
 #include "dsp/noclick.h"
@@ -24,6 +26,7 @@
 #include "dsp/nonoise.h"
 #include "dsp/parametric.h"
 #include "dsp/resample.h"
+#include "dsp/silence.h"
 #include "dsp/stereo_expander.h"
 #include "fuzz_input.h"
 
@@ -169,6 +172,17 @@ Runner DeskFilterRunner(kesta_fuzz::Input& in, int rate, int channels) {
     return r;
 }
 
+// One single-channel converter per channel; every one writes the same number of frames.
+template <class T>
+void ProcessEach(Runner& r, std::shared_ptr<std::vector<T>> converters) {
+    r.run = [converters](float** x, float** y, int n) {
+        int written = 0;
+        for (std::size_t c = 0; c < converters->size(); ++c)
+            written = (*converters)[c].Process(x[c], y[c], n);
+        return written;
+    };
+}
+
 Runner ResampleRunner(kesta_fuzz::Input& in, int rate, int channels) {
     Runner r;
     auto converters = Keep(r, std::make_shared<std::vector<dsp::Resample>>(std::size_t(channels)));
@@ -182,12 +196,7 @@ Runner ResampleRunner(kesta_fuzz::Input& in, int rate, int channels) {
         c.SetNyquistShift(shift);
         c.Initialize();
     }
-    r.run = [converters](float** x, float** y, int n) {
-        int written = 0;
-        for (std::size_t c = 0; c < converters->size(); ++c)
-            written = (*converters)[c].Process(x[c], y[c], n);
-        return written;
-    };
+    ProcessEach(r, converters);
     r.room = [converters](int n) { return (*converters)[0].GetOutputBufferSize(n); };
     return r;
 }
@@ -315,10 +324,66 @@ Runner RepairClippingRunner(kesta_fuzz::Input& in, int rate, int channels) {
     return r;
 }
 
+// Linear interpolation between samples never leaves their range, so full-scale input is a ceiling.
+Runner LinearResampleRunner(kesta_fuzz::Input& in, int rate, int channels) {
+    Runner r;
+    auto converters =
+        Keep(r, std::make_shared<std::vector<dsp::LinearResample>>(
+                    std::size_t(channels), dsp::LinearResample(rate, kRates[in.Byte() % std::size(kRates)])));
+    const bool eat = in.Byte() & 1;
+    const double fraction = Spread(in, 0.0f, 1.0f);
+    for (dsp::LinearResample& c : *converters) {
+        c.SetEatLatency(eat);
+        c.SetState(fraction);
+    }
+    r.ceiling = 1.0f;
+    ProcessEach(r, converters);
+    r.room = [converters](int n) { return (*converters)[0].GetProducedFramesByConversion(n); };
+    return r;
+}
+
+// A drawn curve of raw points: any frequency or gain, the class ignores or holds what is out of
+// range. A short filter mostly, now and then the long default.
+Runner FFTFiltRunner(kesta_fuzz::Input& in, int rate, int channels) {
+    Runner r;
+    auto p = Keep(r, std::make_shared<dsp::FFTFilt>());
+    std::vector<dsp::FFTFiltPoint> curve(in.Byte() % 8);
+    for (dsp::FFTFiltPoint& point : curve) {
+        point.frequency = in.Float();
+        point.gainDb = in.Float();
+    }
+    const int taps = 8 * int(in.Byte());
+    p->Init(channels, rate, curve, taps);
+    r.run = [p, channels](float** x, float** y, int n) {
+        p->Process(x, y, channels, n);
+        return n;
+    };
+    return r;
+}
+
+// Ranges anywhere in (and beyond) the stream, crossfades of any length: the equal-power fade
+// a cos + b sin never leaves sqrt(2) of full scale.
+Runner DeleteSilenceRunner(kesta_fuzz::Input& in, int, int channels) {
+    Runner r;
+    const std::vector<dsp::utils::Range> ranges = Ranges(in, 1).front();
+    const int fade = int(Spread(in, 0.0f, 2048.0f));
+    auto p =
+        Keep(r, std::make_shared<dsp::nosilence::DeleteSilence>(ranges, 0, kMaxFrames + kMaxBlock, fade, channels));
+    p->Start();
+    r.ceiling = 1.4143f;
+    r.run = [p, channels](float** x, float** y, int n) {
+        p->Process(x, y, channels, n);
+        return p->GetLastOutputFrames();
+    };
+    return r;
+}
+
 using Make = Runner (*)(kesta_fuzz::Input&, int rate, int channels);
-constexpr Make kClasses[] = {HardLimitRunner,  StereoExpanderRunner, ParametricRunner,    GraphicRunner,
-                             DeskFilterRunner, ResampleRunner,       AdaptiveRunner,      NoNoiseRunner,
-                             NoHissRunner,     ReplaceClicksRunner,  RepairClippingRunner};
+// New classes go at the end, so the kept inputs keep driving the classes they were found on.
+constexpr Make kClasses[] = {HardLimitRunner,  StereoExpanderRunner, ParametricRunner,     GraphicRunner,
+                             DeskFilterRunner, ResampleRunner,       AdaptiveRunner,       NoNoiseRunner,
+                             NoHissRunner,     ReplaceClicksRunner,  RepairClippingRunner, LinearResampleRunner,
+                             FFTFiltRunner,    DeleteSilenceRunner};
 
 // One block of the kind the byte names.
 void FillBlock(std::vector<std::vector<float>>& x, int frames, uint8_t kind, uint8_t level, uint32_t seed) {
