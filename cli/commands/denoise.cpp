@@ -47,9 +47,8 @@ and shapes of its own for the programme, learned as it goes, and keeps what the 
 shapes explain. It follows noise that swells and fades, and hum lines, closely. It keeps no
 print file (no --print or --save-print); --fft-size defaults to about 46 ms (2048 at 44.1 kHz).
 
-  --reduction DB     how far the noise is pushed down (default 40 with print, 30 with adaptive
-                     and nmf;
-                     0 passes the audio through, changed only by rounding)
+  --reduction DB     how far the noise is pushed down (default 40 with print and adaptive, 30
+                     with nmf; 0 passes the audio through, changed only by rounding)
   --smoothing PCT    print: how slowly a bin's measured level falls from frame to frame (default
                      65); higher gives fewer warbling artefacts ("musical noise"), lower keeps
                      quick detail; nmf: how long the programme's share of a bin is remembered
@@ -332,7 +331,7 @@ Command AddDenoiseCommand(CLI::App& kesta) {
                     "--noise-file, the programme's learned as it goes)")
         ->type_name("METHOD");
     AddNumberOption(*app, "--reduction", settings->reductionDb,
-                    "Reduction in dB, 0 to 120 (default 40 for print, 30 for adaptive and nmf; 0: unchanged)")
+                    "Reduction in dB, 0 to 120 (default 40 for print and adaptive, 30 for nmf; 0: unchanged)")
         ->type_name("DB")
         ->each([settings](const std::string&) { settings->reductionGiven = true; });
     AddNumberOption(*app, "--smoothing", settings->smoothingPercent,

@@ -54,7 +54,7 @@ struct FrameConstants;
 
 class KESTADSP_API AdaptiveNoise : public OverlapSave {
 public:
-    static constexpr double kDefaultReductionDb = 30.0;
+    static constexpr double kDefaultReductionDb = 40.0;
 
     // The FFT length for a sample rate: the power of two nearest 23 ms, from 256 to 8192.
     static int FrameLengthFor(int sampleRate);
