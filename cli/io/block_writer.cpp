@@ -12,6 +12,18 @@
 
 namespace kesta {
 
+namespace {
+
+// The integer nearest to `v`, ties to even (as llrint in the default rounding mode), without a
+// library call: adding 1.5 * 2^52 leaves no fraction bits, so the sum rounds in the FPU. Exact for
+// |v| < 2^51.
+inline double RoundToEven(double v) {
+    constexpr double kShift = 6755399441055744.0;
+    return (v + kShift) - kShift;
+}
+
+}  // namespace
+
 BlockWriter::BlockWriter(int fd, std::string displayPath, const AudioFormat& format)
     : mPath(std::move(displayPath)), mFormat(format), mFd(fd) {
     SF_INFO info{};
@@ -111,9 +123,10 @@ void BlockWriter::Write(const AudioBlock& block) {
             const float* in = block.Channel(c);
             int32_t* out = mInterleavedInt.data() + c;
             for (std::size_t i = 0; i < frames; ++i) {
+                // Every sample is finite here, so plain compares limit it as fmin/fmax would.
                 const double x = in[i];
-                if (!(std::fabs(x) <= 1.0)) ++mClipped;  // beyond full scale
-                int64_t q = int64_t(std::llrint(std::fmax(-2.0, std::fmin(2.0, x)) * scale));
+                mClipped += std::fabs(x) > 1.0;  // beyond full scale
+                int64_t q = int64_t(RoundToEven((x > 2.0 ? 2.0 : (x < -2.0 ? -2.0 : x)) * scale));
                 q = q > top ? top : (q < bottom ? bottom : q);
                 out[i * channels] = int32_t(q * justify);
             }

@@ -133,8 +133,11 @@ void AudioOutput::Write(AudioBlock& block) {
     for (int c = 0; c < block.Channels(); ++c) {
         float* x = block.Channel(c);
         for (std::size_t i = 0; i < block.Frames(); ++i) {
-            mUnclippedPeak = std::fmax(mUnclippedPeak, std::fabs(double(x[i])));
-            if (mClips) x[i] = std::fmax(-1.0f, std::fmin(1.0f, x[i]));  // what the encoding saturated to
+            // The writer has refused any NaN, so plain compares give fmax's and fmin's results
+            // (a -0 stays -0).
+            const double magnitude = std::fabs(double(x[i]));
+            mUnclippedPeak = magnitude > mUnclippedPeak ? magnitude : mUnclippedPeak;
+            if (mClips) x[i] = x[i] > 1.0f ? 1.0f : (x[i] < -1.0f ? -1.0f : x[i]);  // what the encoding saturated to
         }
     }
     mWritten.Add(block);
