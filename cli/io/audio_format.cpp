@@ -217,6 +217,32 @@ bool IsFloatEncoding(int sndfileFormat) {
     return encoding == SF_FORMAT_FLOAT || encoding == SF_FORMAT_DOUBLE;
 }
 
+std::optional<SampleLayout> PlainLayout(int sndfileFormat) {
+    switch (sndfileFormat & SF_FORMAT_TYPEMASK) {
+        case SF_FORMAT_WAV:
+        case SF_FORMAT_WAVEX:
+        case SF_FORMAT_RF64:
+        case SF_FORMAT_W64:
+        case SF_FORMAT_AIFF:
+        case SF_FORMAT_CAF:
+            break;
+        default:
+            return std::nullopt;
+    }
+    switch (sndfileFormat & SF_FORMAT_SUBMASK) {
+        case SF_FORMAT_PCM_16:
+            return SampleLayout::Int16;
+        case SF_FORMAT_PCM_24:
+            return SampleLayout::Int24;
+        case SF_FORMAT_PCM_32:
+            return SampleLayout::Int32;
+        case SF_FORMAT_FLOAT:
+            return SampleLayout::Float;
+        default:
+            return std::nullopt;
+    }
+}
+
 int BytesPerSample(int sndfileFormat) {
     switch (sndfileFormat & SF_FORMAT_SUBMASK) {
         case SF_FORMAT_FLOAT:

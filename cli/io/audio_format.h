@@ -2,7 +2,10 @@
 // The format of an audio file (a libsndfile container and encoding, a sample rate and a channel
 // count), its names for people, and the choice of an output's format.
 
+#include <optional>
 #include <string>
+
+#include "sample_kernels.h"
 
 namespace kesta {
 
@@ -32,6 +35,10 @@ bool Writable(int sndfileFormat, const AudioFormat& like);
 int BytesPerSample(int sndfileFormat);
 // True for 32- and 64-bit float encodings, which keep samples beyond full scale.
 bool IsFloatEncoding(int sndfileFormat);
+// How the samples of a container that stores them uncoded (WAV, AIFF, CAF, ...) lie in its data, for
+// 16-, 24-, 32-bit PCM and 32-bit float; nullopt otherwise. Their byte order is libsndfile's to tell
+// (SFC_RAW_DATA_NEEDS_ENDSWAP).
+std::optional<SampleLayout> PlainLayout(int sndfileFormat);
 
 // The format an output gets: the input's when the output's name has no extension, else the
 // container its extension names (out.flac, out.wav, out.aiff, out.ogg, ...), with the input's

@@ -17,8 +17,6 @@ namespace kesta {
 
 namespace {
 
-constexpr float kInt32ToFloat = 1.0f / 2147483648.0f;  // exact: a power of two
-
 // How messages name an input: 'take.wav', or standard input for "-".
 std::string Shown(const std::string& path) {
     return path == "-" ? "standard input" : Quoted(path);
@@ -102,7 +100,18 @@ BlockReader::BlockReader(std::string path) : mPath(std::move(path)), mShown(Show
             mHeaderFrames = announced.frames;
         mEndMissing = announced.endMissing;
     }
-    mIntegerBits = IntegerSampleBits(sfinfo.format);
+    ChooseLayout();
+}
+
+void BlockReader::ChooseLayout() {
+    const int bits = IntegerSampleBits(mFormat.sndfileFormat);
+    mLayout = bits > 0 ? SampleLayout::Int32 : SampleLayout::Float;
+    const std::optional<SampleLayout> raw = PlainLayout(mFormat.sndfileFormat);
+    if (raw && sf_command(mFile, SFC_RAW_DATA_NEEDS_ENDSWAP, nullptr, 0) == SF_FALSE) {
+        mRaw = true;
+        mLayout = *raw;
+    }
+    mDecode = PickSampleKernels().decode[int(mLayout)];
 }
 
 BlockReader::~BlockReader() {
@@ -125,14 +134,17 @@ AudioMetadata BlockReader::Metadata() const {
 bool BlockReader::Read(AudioBlock& block) {
     const int channels = mFormat.channels;
     const std::size_t wanted = block.Capacity();
-    const std::size_t samples = wanted * std::size_t(channels);
+    const std::size_t frameBytes = std::size_t(channels) * std::size_t(LayoutBytes(mLayout));
+    const std::size_t bytes = wanted * frameBytes;
+    if (mInterleaved.size() * sizeof(int32_t) < bytes) mInterleaved.resize((bytes + 3) / 4);
     sf_count_t got = 0;
-    if (mIntegerBits > 0) {
-        if (mInterleavedInt.size() < samples) mInterleavedInt.resize(samples);
-        got = sf_readf_int(mFile, mInterleavedInt.data(), sf_count_t(wanted));
+    if (mRaw) {
+        got = sf_read_raw(mFile, mInterleaved.data(), sf_count_t(bytes));
+        got = got > 0 ? got / sf_count_t(frameBytes) : got;
+    } else if (mLayout == SampleLayout::Int32) {
+        got = sf_readf_int(mFile, mInterleaved.data(), sf_count_t(wanted));
     } else {
-        if (mInterleavedFloat.size() < samples) mInterleavedFloat.resize(samples);
-        got = sf_readf_float(mFile, mInterleavedFloat.data(), sf_count_t(wanted));
+        got = sf_readf_float(mFile, reinterpret_cast<float*>(mInterleaved.data()), sf_count_t(wanted));
     }
     if (got < sf_count_t(wanted) && sf_error(mFile) != SF_ERR_NO_ERROR)
         throw InputError("cannot read " + mShown + " after frame " + std::to_string(mFramesRead), SndfileReason(mFile),
@@ -145,18 +157,10 @@ bool BlockReader::Read(AudioBlock& block) {
     if (got == 0 && !mFramesInFile) mFramesInFile = mFramesRead;
 
     const std::size_t frames = std::size_t(got);
-    for (int c = 0; c < channels; ++c) {
-        float* out = block.Channel(c);
-        if (mIntegerBits > 0) {
-            const int32_t* in = mInterleavedInt.data() + c;
-            for (std::size_t i = 0; i < frames; ++i)
-                out[i] = float(in[i * channels]) * kInt32ToFloat;
-        } else {
-            const float* in = mInterleavedFloat.data() + c;
-            for (std::size_t i = 0; i < frames; ++i)
-                out[i] = in[i * channels];
-        }
-    }
+    mChannels.resize(std::size_t(channels));
+    for (int c = 0; c < channels; ++c)
+        mChannels[std::size_t(c)] = block.Channel(c);
+    mDecode(mInterleaved.data(), mChannels.data(), channels, frames);
     block.SetFrames(frames);
     mFramesRead += int64_t(frames);
     return frames > 0;

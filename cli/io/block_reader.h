@@ -14,6 +14,7 @@
 #include "audio_format.h"
 #include "audio_metadata.h"
 #include "file_identity.h"
+#include "sample_kernels.h"
 
 namespace kesta {
 
@@ -55,6 +56,8 @@ public:
     void Rewind();
 
 private:
+    void ChooseLayout();
+
     std::string mPath;
     std::string mShown;  // the file as messages name it
     SNDFILE* mFile = nullptr;
@@ -63,13 +66,17 @@ private:
     std::optional<int64_t> mHeaderFrames;
     bool mSeekable = false;
     bool mEndMissing = false;
-    int mIntegerBits = 0;  // > 0: read integers and scale exactly
+    // How blocks are read: raw bytes decoded here where the file's samples lie plainly in the
+    // machine's byte order (no conversion in libsndfile), else libsndfile's int or float frames.
+    bool mRaw = false;
+    SampleLayout mLayout = SampleLayout::Float;
+    DecodeSamples mDecode = nullptr;
     int64_t mFramesRead = 0;
     // Frames the first pass found; a later pass that finds another count throws (a damaged header
     // can make a rewound file read differently).
     std::optional<int64_t> mFramesInFile;
-    std::vector<float> mInterleavedFloat;
-    std::vector<int32_t> mInterleavedInt;
+    std::vector<int32_t> mInterleaved;  // a block of the file's frames as read
+    std::vector<float*> mChannels;
 };
 
 }  // namespace kesta

@@ -12,18 +12,6 @@
 
 namespace kesta {
 
-namespace {
-
-// The integer nearest to `v`, ties to even (as llrint in the default rounding mode), without a
-// library call: adding 1.5 * 2^52 leaves no fraction bits, so the sum rounds in the FPU. Exact for
-// |v| < 2^51.
-inline double RoundToEven(double v) {
-    constexpr double kShift = 6755399441055744.0;
-    return (v + kShift) - kShift;
-}
-
-}  // namespace
-
 BlockWriter::BlockWriter(int fd, std::string displayPath, const AudioFormat& format)
     : mPath(std::move(displayPath)), mFormat(format), mFd(fd) {
     SF_INFO info{};
@@ -47,6 +35,16 @@ BlockWriter::BlockWriter(int fd, std::string displayPath, const AudioFormat& for
     mFrameLimit = FrameLimit(format);
     mIntegerBits = IntegerSampleBits(format.sndfileFormat);
     mFloatEncoding = IsFloatEncoding(format.sndfileFormat);
+    // Integer samples that lie plainly in the file in the machine's byte order are encoded here and
+    // written raw; float data goes through libsndfile, which keeps the PEAK chunk of float files.
+    mLayout = mIntegerBits > 0 ? SampleLayout::Int32 : SampleLayout::Float;
+    const std::optional<SampleLayout> plain = PlainLayout(format.sndfileFormat);
+    if (plain && *plain != SampleLayout::Float &&
+        sf_command(mFile, SFC_RAW_DATA_NEEDS_ENDSWAP, nullptr, 0) == SF_FALSE) {
+        mRaw = true;
+        mLayout = *plain;
+    }
+    mKernels = &PickSampleKernels();
     // Float data converted by libsndfile itself (companded and lossy encodings) must saturate, not wrap.
     sf_command(mFile, SFC_SET_CLIPPING, nullptr, mFloatEncoding ? SF_FALSE : SF_TRUE);
 }
@@ -99,53 +97,46 @@ CliError NonFiniteSampleError::ForCommand(const std::string& command) const {
                     "this with the command line");
 }
 
-void BlockWriter::Write(const AudioBlock& block) {
+void BlockWriter::Write(AudioBlock& block) {
     const int channels = mFormat.channels;
     const std::size_t frames = block.Frames();
     if (frames == 0) return;
     ExpectFrames(mFramesWritten + int64_t(frames));
-    for (int c = 0; c < channels; ++c) {
-        const float* in = block.Channel(c);
-        for (std::size_t i = 0; i < frames; ++i)
-            if (!std::isfinite(in[i]))
-                throw NonFiniteSampleError(mPath, mFramesWritten + int64_t(i), c, mFormat.sampleRate, in[i]);
+    const std::size_t bytes = frames * std::size_t(channels) * std::size_t(LayoutBytes(mLayout));
+    if (mInterleaved.size() * sizeof(int32_t) < bytes) mInterleaved.resize((bytes + 3) / 4);
+    mChannels.resize(std::size_t(channels));
+    for (int c = 0; c < channels; ++c)
+        mChannels[std::size_t(c)] = block.Channel(c);
+
+    EncodeTally tally{mUnclippedPeak};
+    mKernels->encode[int(mLayout)](mChannels.data(), mInterleaved.data(), channels, frames, mIntegerBits, tally);
+    if (tally.nonFinite) {
+        for (int c = 0; c < channels; ++c) {
+            const float* in = block.Channel(c);
+            for (std::size_t i = 0; i < frames; ++i)
+                if (!std::isfinite(in[i]))
+                    throw NonFiniteSampleError(mPath, mFramesWritten + int64_t(i), c, mFormat.sampleRate, in[i]);
+        }
     }
-    const std::size_t samples = frames * std::size_t(channels);
 
     sf_count_t written = 0;
-    if (mIntegerBits > 0) {
-        // Round to the encoding's own depth, saturate, then left-justify as libsndfile expects.
-        const double scale = std::ldexp(1.0, mIntegerBits - 1);
-        const int64_t top = int64_t(scale) - 1, bottom = -int64_t(scale);
-        const int64_t justify = int64_t(1) << (32 - mIntegerBits);
-        if (mInterleavedInt.size() < samples) mInterleavedInt.resize(samples);
-        for (int c = 0; c < channels; ++c) {
-            const float* in = block.Channel(c);
-            int32_t* out = mInterleavedInt.data() + c;
-            for (std::size_t i = 0; i < frames; ++i) {
-                // Every sample is finite here, so plain compares limit it as fmin/fmax would.
-                const double x = in[i];
-                mClipped += std::fabs(x) > 1.0;  // beyond full scale
-                int64_t q = int64_t(RoundToEven((x > 2.0 ? 2.0 : (x < -2.0 ? -2.0 : x)) * scale));
-                q = q > top ? top : (q < bottom ? bottom : q);
-                out[i * channels] = int32_t(q * justify);
-            }
-        }
-        written = sf_writef_int(mFile, mInterleavedInt.data(), sf_count_t(frames));
-    } else {
-        if (mInterleavedFloat.size() < samples) mInterleavedFloat.resize(samples);
-        for (int c = 0; c < channels; ++c) {
-            const float* in = block.Channel(c);
-            float* out = mInterleavedFloat.data() + c;
-            for (std::size_t i = 0; i < frames; ++i) {
-                if (!mFloatEncoding && !(std::fabs(in[i]) <= 1.0f)) ++mClipped;
-                out[i * channels] = in[i];
-            }
-        }
-        written = sf_writef_float(mFile, mInterleavedFloat.data(), sf_count_t(frames));
-    }
+    if (mRaw)
+        written =
+            sf_write_raw(mFile, mInterleaved.data(), sf_count_t(bytes)) == sf_count_t(bytes) ? sf_count_t(frames) : 0;
+    else if (mLayout == SampleLayout::Int32)
+        written = sf_writef_int(mFile, mInterleaved.data(), sf_count_t(frames));
+    else
+        written = sf_writef_float(mFile, reinterpret_cast<const float*>(mInterleaved.data()), sf_count_t(frames));
     if (written != sf_count_t(frames)) ThrowWriteFailure();
     mFramesWritten += int64_t(frames);
+    mUnclippedPeak = tally.peak;
+    // Integer and lossy encodings saturate at full scale (libsndfile clips the lossy ones): the block
+    // is left as they keep it.
+    if (!mFloatEncoding) {
+        mClipped += tally.beyond;
+        for (int c = 0; c < channels; ++c)
+            mKernels->saturate(block.Channel(c), frames);
+    }
 }
 
 void BlockWriter::Finish() {

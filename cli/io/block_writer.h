@@ -17,6 +17,7 @@
 #include "audio_format.h"
 #include "audio_metadata.h"
 #include "errors.h"
+#include "sample_kernels.h"
 
 namespace kesta {
 
@@ -55,13 +56,16 @@ public:
 
     // Throws an output error if the data does not fit (see ExpectFrames) or cannot be written, and
     // NonFiniteSampleError, writing nothing of the block, if it holds a NaN or infinite sample.
-    void Write(const AudioBlock& block);
+    // Leaves the block as the file keeps it: limited to full scale unless the encoding is float.
+    void Write(AudioBlock& block);
     // Completes the file (header, trailing data). The file is whole only once this returns.
     void Finish();
 
     int64_t FramesWritten() const { return mFramesWritten; }
     // Samples beyond full scale that an integer or lossy encoding had to saturate.
     uint64_t ClippedSamples() const { return mClipped; }
+    // The largest magnitude written, before any saturation.
+    double UnclippedPeak() const { return mUnclippedPeak; }
 
 private:
     [[noreturn]] void ThrowWriteFailure() const;
@@ -74,11 +78,16 @@ private:
     SNDFILE* mFile = nullptr;
     int mIntegerBits = 0;
     bool mFloatEncoding = false;
+    // Raw: integers encoded here in the file's own layout; else libsndfile's int or float frames.
+    bool mRaw = false;
+    SampleLayout mLayout = SampleLayout::Float;
+    const SampleKernels* mKernels = nullptr;
     std::optional<int64_t> mFrameLimit;
     int64_t mFramesWritten = 0;
     uint64_t mClipped = 0;
-    std::vector<float> mInterleavedFloat;
-    std::vector<int32_t> mInterleavedInt;
+    double mUnclippedPeak = 0.0;
+    std::vector<int32_t> mInterleaved;  // a block as the file gets it
+    std::vector<float*> mChannels;
 };
 
 }  // namespace kesta

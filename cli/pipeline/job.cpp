@@ -5,7 +5,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <mutex>
+#include <thread>
 
 #include "command_line.h"
 #include "console.h"
@@ -113,7 +118,6 @@ AudioOutput::AudioOutput(const std::string& path, const Shape& shape, const std:
     : mPath(path),
       mOutput((CheckSingleRun(options.batch), path), inputs, options.force),
       mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(shape.format, path, options)),
-      mClips(!IsFloatEncoding(mWriter.Format().sndfileFormat)),
       mWritten(shape.format.channels) {
     mMetadataLost = mWriter.SetMetadata(shape.metadata);
     if (shape.frames) mWriter.ExpectFrames(*shape.frames);
@@ -130,16 +134,6 @@ AudioOutput::AudioOutput(const std::string& path, const AudioFormat& basis, int6
 
 void AudioOutput::Write(AudioBlock& block) {
     mWriter.Write(block);
-    for (int c = 0; c < block.Channels(); ++c) {
-        float* x = block.Channel(c);
-        for (std::size_t i = 0; i < block.Frames(); ++i) {
-            // The writer has refused any NaN, so plain compares give fmax's and fmin's results
-            // (a -0 stays -0).
-            const double magnitude = std::fabs(double(x[i]));
-            mUnclippedPeak = magnitude > mUnclippedPeak ? magnitude : mUnclippedPeak;
-            if (mClips) x[i] = x[i] > 1.0f ? 1.0f : (x[i] < -1.0f ? -1.0f : x[i]);  // what the encoding saturated to
-        }
-    }
     mWritten.Add(block);
 }
 
@@ -195,6 +189,9 @@ public:
 
     // Runs the block's frames through every stage.
     void Run() { RunFrom(0, mBlock, mBlock.Frames()); }
+    // The same for a block of another owner (of at most the capacity the runner was made for); the
+    // stages work in it in place.
+    void RunOn(AudioBlock& block) { RunFrom(0, block, block.Frames()); }
 
     // Brings every stage's delayed tail out, through the stages after it. Returns the frames delivered.
     int64_t Finish() {
@@ -292,15 +289,193 @@ int64_t StreamFile(BlockReader& reader, const std::vector<Stage*>& stages, Progr
     return runner.Finish();
 }
 
+// A fixed ring of blocks handed from one thread to the next in order: the producer fills the next
+// free block and pushes it, the consumer takes the oldest, uses it and releases it. Nothing is
+// allocated after construction.
+class BlockRing {
+public:
+    BlockRing(int channels, std::size_t frames, std::size_t depth) {
+        mBlocks.reserve(depth);
+        for (std::size_t i = 0; i < depth; ++i)
+            mBlocks.emplace_back(channels, frames);
+    }
+
+    // The next block to fill; null once the consumer has stopped.
+    AudioBlock* Acquire() {
+        std::unique_lock lock(mMutex);
+        mChanged.wait(lock, [this] { return mCount < mBlocks.size() || mStopped; });
+        return mStopped ? nullptr : &mBlocks[(mStart + mCount) % mBlocks.size()];
+    }
+    void Push() {
+        Update([this] { ++mCount; });
+    }
+    // No more blocks will come.
+    void End() {
+        Update([this] { mEnded = true; });
+    }
+
+    // The oldest filled block; null at the end of the stream or once stopped.
+    AudioBlock* Take() {
+        std::unique_lock lock(mMutex);
+        mChanged.wait(lock, [this] { return mCount > 0 || mEnded || mStopped; });
+        return mStopped || mCount == 0 ? nullptr : &mBlocks[mStart];
+    }
+    void Release() {
+        Update([this] {
+            mStart = (mStart + 1) % mBlocks.size();
+            --mCount;
+        });
+    }
+    // The consumer takes no more: wakes a producer waiting for room.
+    void Stop() {
+        Update([this] { mStopped = true; });
+    }
+
+private:
+    template <typename Change>
+    void Update(Change change) {
+        {
+            const std::lock_guard lock(mMutex);
+            change();
+        }
+        mChanged.notify_all();
+    }
+
+    std::vector<AudioBlock> mBlocks;
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::size_t mStart = 0, mCount = 0;
+    bool mEnded = false, mStopped = false;
+};
+
+// Thrown inside a pipeline thread whose consumer has stopped (it failed): not an error of its own.
+struct PipelineStopped {};
+
+// Blocks in flight between two threads: enough to ride out uneven block times, few enough that the
+// memory stays that of a handful of blocks.
+constexpr std::size_t kRingDepth = 4;
+
+// Whether streams run reading, processing and writing on threads of their own. KESTA_THREADS=1 runs
+// them in one thread (the output is the same bit for bit).
+bool Overlapped() {
+    const char* threads = std::getenv("KESTA_THREADS");
+    return threads == nullptr || std::strcmp(threads, "1") != 0;
+}
+
+// StreamStages on threads: this thread reads; each group of stages runs on a thread of its own (a
+// chain's steps one after another, as a pipeline); one more thread encodes and writes. Every object
+// is used by one thread at a time, in the same order as in one thread, so the output is the same.
+// An error stops the threads before it and lets the ones after it finish the blocks before it, so
+// the error reported is the one a single thread would have met first.
+int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages,
+                         Progress& progress, const StreamWatchers& watchers) {
+    const int channels = reader.Format().channels;
+    // Watchers may share state between them: with both, the stages stay on one thread.
+    std::vector<std::vector<Stage*>> groups;
+    if (stages.size() <= 1 || (watchers.input && watchers.output))
+        groups.push_back(stages);
+    else
+        for (Stage* stage : stages)
+            groups.push_back({stage});
+
+    // rings[k] feeds group k; the last feeds the writer. Each holds the largest block its producer makes.
+    std::vector<std::unique_ptr<BlockRing>> rings;
+    std::vector<std::size_t> frames{BlockReader::kDefaultBlockFrames};
+    rings.push_back(std::make_unique<BlockRing>(channels, frames.back(), kRingDepth));
+    for (const auto& group : groups) {
+        std::size_t largest = frames.back();
+        for (Stage* stage : group)
+            if (const auto* resizing = dynamic_cast<ResizingStage*>(stage))
+                largest = std::max(largest, resizing->MaxOutputFrames(largest));
+        frames.push_back(largest);
+        rings.push_back(std::make_unique<BlockRing>(channels, largest, kRingDepth));
+    }
+
+    // errors[0]: reading; errors[k + 1]: group k; errors.back(): writing.
+    std::vector<std::exception_ptr> errors(groups.size() + 2);
+    int64_t written = 0;
+    auto fail = [&](std::size_t at, std::exception_ptr error) {
+        errors[at] = std::move(error);
+        rings[at]->End();  // the threads after it finish what came before
+        if (at > 0) rings[at - 1]->Stop();
+    };
+
+    std::vector<std::thread> threads;
+    for (std::size_t k = 0; k < groups.size(); ++k) {
+        threads.emplace_back([&, k] {
+            BlockRing& in = *rings[k];
+            BlockRing& out = *rings[k + 1];
+            const bool last = k + 1 == groups.size();
+            try {
+                StageRunner runner(channels, frames[k], groups[k], [&](AudioBlock& block, int64_t position) {
+                    if (last && watchers.output) watchers.output(block, position);
+                    AudioBlock* next = out.Acquire();
+                    if (next == nullptr) throw PipelineStopped{};
+                    for (int c = 0; c < channels; ++c)
+                        std::copy_n(block.Channel(c), block.Frames(), next->Channel(c));
+                    next->SetFrames(block.Frames());
+                    out.Push();
+                });
+                int64_t position = 0;
+                while (AudioBlock* block = in.Take()) {
+                    if (k == 0 && watchers.input) watchers.input(*block, position);
+                    position += int64_t(block->Frames());
+                    runner.RunOn(*block);
+                    in.Release();
+                }
+                const int64_t made = runner.Finish();
+                if (last) written = made;
+                out.End();
+            } catch (const PipelineStopped&) {
+                in.Stop();
+                out.End();
+            } catch (...) {
+                fail(k + 1, std::current_exception());
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        BlockRing& in = *rings.back();
+        try {
+            while (AudioBlock* block = in.Take()) {
+                output.Write(*block);
+                in.Release();
+            }
+        } catch (...) {
+            errors.back() = std::current_exception();
+            in.Stop();
+        }
+    });
+
+    try {
+        BlockRing& out = *rings.front();
+        while (AudioBlock* block = out.Acquire()) {
+            if (!reader.Read(*block)) break;
+            const int64_t got = int64_t(block->Frames());
+            out.Push();
+            progress.Advance(got);
+        }
+        out.End();
+    } catch (...) {
+        fail(0, std::current_exception());
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (auto error = errors.rbegin(); error != errors.rend(); ++error)
+        if (*error) std::rethrow_exception(*error);
+    return written;
+}
+
 }  // namespace
 
 int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
                      const StreamWatchers& watchers) {
     const int64_t written =
-        StreamFile(reader, stages, progress, watchers.input, [&](AudioBlock& block, int64_t position) {
-            if (watchers.output) watchers.output(block, position);
-            output.Write(block);
-        });
+        Overlapped() ? StreamOverlapped(reader, output, stages, progress, watchers)
+                     : StreamFile(reader, stages, progress, watchers.input, [&](AudioBlock& block, int64_t position) {
+                           if (watchers.output) watchers.output(block, position);
+                           output.Write(block);
+                       });
     output.Finish();
     return written;
 }

@@ -142,7 +142,7 @@ public:
     // Levels of what was written, and the largest magnitude before clipping.
     std::vector<ChannelLevels> Levels() const { return mWritten.Levels(); }
     double Peak() const;
-    double UnclippedPeak() const { return mUnclippedPeak; }
+    double UnclippedPeak() const { return mWriter.UnclippedPeak(); }
 
     // "Wrote PATH: WAV (PCM 16-bit), 44100 Hz, 2 channel(s), 0:01.500"
     std::string Summary() const;
@@ -158,9 +158,7 @@ private:
     std::string mPath;
     SafeOutput mOutput;
     BlockWriter mWriter;
-    bool mClips;
     LevelMeter mWritten;
-    double mUnclippedPeak = 0.0;
     std::vector<std::string> mMetadataLost;
 };
 
