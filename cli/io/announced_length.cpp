@@ -116,6 +116,24 @@ bool OggEndMissing(int fd, off_t fileSize) {
     return true;  // no page ends where the file does: cut inside a page
 }
 
+// The AU header is 24 bytes: magic, data offset, data size, encoding, rate, channels, big-endian
+// (".snd") or little-endian ("dns.").
+std::optional<uint32_t> AuDataOffsetInsideHeader(int fd) {
+    constexpr uint32_t kHeaderBytes = 24;
+    unsigned char header[8];
+    if (!ReadAt(fd, 0, header, sizeof(header))) return std::nullopt;
+    uint32_t offset = 0;
+    if (std::memcmp(header, ".snd", 4) == 0)
+        for (int i = 4; i < 8; ++i)
+            offset = offset << 8 | header[i];
+    else if (std::memcmp(header, "dns.", 4) == 0)
+        offset = uint32_t(Little(header + 4, 4));
+    else
+        return std::nullopt;
+    if (offset >= kHeaderBytes) return std::nullopt;
+    return offset;
+}
+
 }  // namespace
 
 AnnouncedLength ReadAnnouncedLength(int fd, off_t fileSize, const AudioFormat& format) {
@@ -131,6 +149,9 @@ AnnouncedLength ReadAnnouncedLength(int fd, off_t fileSize, const AudioFormat& f
             break;
         case SF_FORMAT_OGG:
             announced.endMissing = OggEndMissing(fd, fileSize);
+            break;
+        case SF_FORMAT_AU:
+            announced.dataOffsetInsideHeader = AuDataOffsetInsideHeader(fd);
             break;
         default:
             break;

@@ -19,6 +19,10 @@ struct AnnouncedLength {
     std::optional<int64_t> frames;
     // An Ogg file whose last page is incomplete or does not mark the end of the stream.
     bool endMissing = false;
+    // An AU header whose data offset points inside the header itself. libsndfile starts the first
+    // reading after the header but a rewound one at the offset, so two passes would see different
+    // frames: such a file is refused.
+    std::optional<uint32_t> dataOffsetInsideHeader;
 };
 
 // Reads the header (and, for Ogg, the tail) of the open file `fd` of `fileSize` bytes with pread,

@@ -99,6 +99,14 @@ BlockReader::BlockReader(std::string path) : mPath(std::move(path)), mShown(Show
         if (announced.frames && (!mHeaderFrames || *announced.frames > *mHeaderFrames))
             mHeaderFrames = announced.frames;
         mEndMissing = announced.endMissing;
+        if (announced.dataOffsetInsideHeader) {
+            sf_close(mFile);
+            mFile = nullptr;
+            throw InputError("cannot read " + mShown + " as audio",
+                             "its header puts the audio at byte " + std::to_string(*announced.dataOffsetInsideHeader) +
+                                 ", inside the 24-byte header",
+                             "the file is damaged; convert it with another tool and use the copy");
+        }
     }
     ChooseLayout();
 }

@@ -343,27 +343,28 @@ TEST_F(StreamTest, AnalysisPassesReadTheRegionAsTheAnalyzerAsks) {
     }
 }
 
-// An AU header that puts its data at offset 0, inside the header: the first reading starts after
-// the header, a rewound one at the offset, so the two passes hold different frames.
-TEST_F(StreamTest, AFileThatReadsDifferentlyAfterARewindIsRefused) {
-    std::string bytes = ".snd";
-    for (const uint32_t field : {0u, 0x00290258u, 1u, 44100u, 1u})
-        for (int shift = 24; shift >= 0; shift -= 8)
-            bytes += char((field >> shift) & 0xFF);
-    bytes += std::string(17, char(0x9A));
-    WriteBytes(dir / "odd.au", bytes);
-    BlockReader reader(P("odd.au"));
-    AudioBlock block = reader.MakeBlock();
-    while (reader.Read(block)) {
-    }
-    const int64_t first = reader.FramesRead();
-    reader.Rewind();
-    try {
-        while (reader.Read(block)) {
+// AU headers that put their data inside the header: libsndfile starts the first reading after the
+// header and a rewound one at the offset, so two passes would hold different frames (with 14
+// channels, the same number of them). Both byte orders; refused when opened.
+TEST_F(StreamTest, AnAuFileWithItsDataInsideTheHeaderIsRefused) {
+    struct Case {
+        const char* magic;
+        bool bigEndian;
+        uint32_t offset, channels;
+    };
+    for (const Case c : {Case{".snd", true, 0, 1}, Case{".snd", true, 11, 14}, Case{"dns.", false, 8, 2}}) {
+        std::string bytes = c.magic;
+        for (const uint32_t field : {c.offset, 0x00290258u, 1u, 44100u, c.channels})
+            for (int i = 0; i < 4; ++i)
+                bytes += char((field >> (c.bigEndian ? 24 - 8 * i : 8 * i)) & 0xFF);
+        bytes += std::string(17 * c.channels, char(0x9A));
+        WriteBytes(dir / "odd.au", bytes);
+        try {
+            BlockReader reader(P("odd.au"));
+            ADD_FAILURE() << "offset " << c.offset << " was opened";
+        } catch (const kesta::CliError& refused) {
+            EXPECT_NE(refused.Message().find("inside the 24-byte header"), std::string::npos) << refused.Message();
         }
-        EXPECT_EQ(reader.FramesRead(), first) << "a second pass read other frames without a word";
-    } catch (const kesta::CliError& refused) {
-        EXPECT_NE(refused.Message().find("a second time"), std::string::npos) << refused.Message();
     }
 }
 
