@@ -106,7 +106,6 @@ private:
         return mState.data() + (std::size_t(channel) * kRows + row) * mBins;
     }
 
-    int mSampleRate = 0;
     int mBins = 0;
     double mReductionDb = kDefaultReductionDb;
     bool mResidual = false;

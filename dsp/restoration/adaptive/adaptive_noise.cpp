@@ -129,8 +129,7 @@ int AdaptiveNoise::FrameLengthFor(int sampleRate) {
     return n;
 }
 
-AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb)
-    : mSampleRate(sampleRate), mReductionDb(reductionDb) {
+AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb) : mReductionDb(reductionDb) {
     assert(sampleRate > 0);
     const int n = FrameLengthFor(sampleRate);
     Init(n, numChannels, n / 2, n / 4, Hann);
