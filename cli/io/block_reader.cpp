@@ -184,9 +184,31 @@ std::optional<std::string> BlockReader::LengthWarning() const {
 }
 
 void BlockReader::Rewind() {
-    if (!mSeekable || sf_seek(mFile, 0, SEEK_SET) != 0)
-        throw InputError("cannot read " + mShown + " a second time", "it cannot be rewound (a pipe or stream)",
-                         "give kesta a regular file");
+    const auto refuse = [&](const std::string& why) {
+        throw InputError("cannot read " + mShown + " a second time", why, "give kesta a regular file that stays put");
+    };
+    if (!mSeekable) refuse("it cannot be rewound (a pipe or stream)");
+    if (mPath == "-") {
+        if (sf_seek(mFile, 0, SEEK_SET) != 0) refuse("it cannot be rewound (a pipe or stream)");
+        mFramesRead = 0;
+        return;
+    }
+    // A fresh open rather than a seek: a decoder seeking back in a damaged compressed stream can
+    // resynchronise elsewhere and give other samples, where a new one decodes as the first did.
+    const int fd = ::open(mPath.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info {};
+    if (fd < 0 || ::fstat(fd, &info) != 0 || !(FileIdentity::Of(info) == mIdentity)) {
+        if (fd >= 0) ::close(fd);
+        refuse("it was moved, replaced or made unreadable during the first pass");
+    }
+    SF_INFO sfinfo{};
+    SNDFILE* again = sf_open_fd(fd, SFM_READ, &sfinfo, SF_TRUE);
+    if (again == nullptr || sfinfo.format != mFormat.sndfileFormat || sfinfo.channels != mFormat.channels) {
+        if (again != nullptr) sf_close(again);
+        refuse("it reads differently when opened again");
+    }
+    sf_close(mFile);
+    mFile = again;
     mFramesRead = 0;
 }
 
