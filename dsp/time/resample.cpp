@@ -369,7 +369,12 @@ int Resample::ProduceByRows(float* out) {
     const int64_t stepSamples = step / L;
     const auto stepPhases = static_cast<int32_t>(step % L);
     const int span = mOrder - 1;
-    const bool alignedSteps = step % kAlign == 0;
+    // With an even step, windows `classStride` apart start at the same offset from an aligned
+    // index, so they are taken class by class: each class reads its windows aligned and shares one
+    // moved row. An odd step would leave eight classes of too few windows each to share the row's
+    // loads well; its windows are read where they start.
+    const bool moveRow = step % 2 == 0;
+    const int64_t classStride = moveRow ? kAlign / std::gcd(step, kAlign) : 1;
     // Visits take windows ending in [end, end + step), so each makes `first` outputs or one fewer:
     // `first` up to some visit v*, one fewer from there on, and output v* + (first - 1) L is the
     // first one this input does not complete.
@@ -390,11 +395,13 @@ int Resample::ProduceByRows(float* out) {
         const int64_t start = end - span;  // the window's oldest tap
         if (mTableSingle != nullptr) {
             const float* row = mTableSingle + static_cast<std::size_t>(phase) * SingleStride() + kRowLead;
-            // With a step that keeps the alignment, the windows are read from the aligned index
-            // before them and the row moved to match.
-            const auto r = static_cast<int>(alignedSteps ? start - AlignDown(start) : 0);
-            kernels.dotWindowsSingle(row - r, mHistory + (start - r - mHistoryStart), step, static_cast<int>(count),
-                                     (r + mOrder + 7) / 8 * 8, out + v, L);
+            for (int64_t c = 0; c < std::min(classStride, count); ++c) {
+                const int64_t from = start + c * step;
+                const auto r = static_cast<int>(moveRow ? from - AlignDown(from) : 0);
+                const auto members = static_cast<int>((count - c + classStride - 1) / classStride);
+                kernels.dotWindowsSingle(row - r, mHistory + (from - r - mHistoryStart), step * classStride, members,
+                                         (r + mOrder + 7) / 8 * 8, out + v + c * L, L * classStride);
+            }
         } else {
             kernels.dotWindows(mTable + static_cast<std::size_t>(phase) * static_cast<std::size_t>(mStride),
                                mHistory + (start - mHistoryStart), step, static_cast<int>(count), mStride, out + v, L);

@@ -201,7 +201,8 @@ TEST(Resample, TonesComeOutDelayedByExactlyTheLatency) {
           Case{96000, 44100, 1023, 150.0, 5000.0, 1e-7, 2e-8}, Case{44100, 96000, 255, 150.0, 15000.0, 1e-6, 1e-7},
           Case{44100, 47999, 255, 150.0, 1000.0, 3e-6, 1e-6}, Case{48000, 8000, 255, 150.0, 440.0, 1e-7, 2e-8},
           Case{48000, 44100, 185, 130.0, 1000.0, 3e-7, 4e-8}, Case{44100, 48000, 171, 130.0, 1000.0, 3e-7, 4e-8},
-          Case{96000, 44100, 371, 140.0, 5000.0, 3e-7, 4e-8}, Case{44100, 96000, 171, 90.0, 1000.0, 1e-5, 1e-5}}) {
+          Case{96000, 44100, 371, 140.0, 5000.0, 3e-7, 4e-8}, Case{96000, 48000, 341, 130.0, 5000.0, 3e-7, 4e-8},
+          Case{32000, 48000, 171, 130.0, 1000.0, 3e-7, 4e-8}, Case{44100, 96000, 171, 90.0, 1000.0, 1e-5, 1e-5}}) {
         Resample r = Configured(c.source, c.dest, c.order, c.floor);
         const ToneError e = DelayedToneError(r, c.source, c.dest, c.frequency, static_cast<std::size_t>(c.source / 5));
         EXPECT_LT(e.worst, c.worst) << c.source << " -> " << c.dest << " floor " << c.floor;
@@ -210,9 +211,9 @@ TEST(Resample, TonesComeOutDelayedByExactlyTheLatency) {
 }
 
 TEST(Resample, BlocksOfAnySizeGiveTheSameBits) {
-    // Every inner loop: single precision with aligned and unaligned windows, double, and blended
-    // phases; the block sizes change which windows are computed together and where the held
-    // input starts.
+    // Every inner loop: single precision with aligned, unaligned and even steps, double, and
+    // blended phases; the block sizes change which windows are computed together and where the
+    // held input starts.
     struct Case {
         int source, dest, order;
         double floor;
@@ -220,7 +221,8 @@ TEST(Resample, BlocksOfAnySizeGiveTheSameBits) {
     const Signal x = WhiteNoise(30000, 31, 0.5);
     for (const Case& c :
          {Case{48000, 44100, 185, 130.0}, Case{44100, 48000, 171, 130.0}, Case{96000, 44100, 371, 90.0},
-          Case{44100, 96000, 171, 140.0}, Case{48000, 44100, 241, 150.0}, Case{44100, 47999, 171, 130.0}}) {
+          Case{44100, 96000, 171, 140.0}, Case{48000, 44100, 241, 150.0}, Case{44100, 47999, 171, 130.0},
+          Case{96000, 48000, 341, 130.0}, Case{96000, 16000, 89, 90.0}}) {
         Resample whole = Configured(c.source, c.dest, c.order, c.floor);
         const Signal expected = Convert(whole, x, 100000);
         for (int block : {1, 17, 4096}) {
