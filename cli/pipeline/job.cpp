@@ -4,12 +4,14 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "command_line.h"
@@ -362,6 +364,19 @@ bool Overlapped() {
     return threads == nullptr || std::strcmp(threads, "1") != 0;
 }
 
+// Starts `body` on a thread of its own. KESTA_THREAD_LIMIT=N (for tests) lets only the first N
+// threads of the process start, the rest failing as when the system has no thread to give.
+std::thread StartThread(std::function<void()> body) {
+    static std::atomic<long> started{0};
+    static const long limit = [] {
+        const char* text = std::getenv("KESTA_THREAD_LIMIT");
+        return text == nullptr ? -1 : std::strtol(text, nullptr, 10);
+    }();
+    if (limit >= 0 && started.fetch_add(1) >= limit)
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    return std::thread(std::move(body));
+}
+
 // StreamStages on threads: this thread reads; each group of stages runs on a thread of its own (a
 // chain's steps one after another, as a pipeline); one more thread encodes and writes. Every object
 // is used by one thread at a time, in the same order as in one thread, so the output is the same.
@@ -401,8 +416,22 @@ int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::ve
     };
 
     std::vector<std::thread> threads;
+    auto start = [&](std::function<void()> body) {
+        try {
+            threads.push_back(StartThread(std::move(body)));
+        } catch (const std::system_error& error) {
+            // The threads already started wait for blocks that will never come: stop them first.
+            for (const auto& ring : rings)
+                ring->Stop();
+            for (std::thread& thread : threads)
+                thread.join();
+            throw CliError(kExitFault, "cannot start a thread to process " + Quoted(reader.Path()),
+                           SystemReason(error.code().value()),
+                           "free some system resources, or run on one thread with KESTA_THREADS=1");
+        }
+    };
     for (std::size_t k = 0; k < groups.size(); ++k) {
-        threads.emplace_back([&, k] {
+        start([&, k] {
             BlockRing& in = *rings[k];
             BlockRing& out = *rings[k + 1];
             const bool last = k + 1 == groups.size();
@@ -434,7 +463,7 @@ int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::ve
             }
         });
     }
-    threads.emplace_back([&] {
+    start([&] {
         BlockRing& in = *rings.back();
         try {
             while (AudioBlock* block = in.Take()) {

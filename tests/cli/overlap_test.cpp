@@ -1,7 +1,7 @@
 // Reading, processing and writing on threads of their own (the default) against one thread
 // (KESTA_THREADS=1): the same files bit for bit, over formats read raw and through libsndfile,
 // chains whose steps run as a pipeline (a resampler among them), and the same one-line refusal
-// when a stage fails part-way.
+// when a stage fails part-way or a thread cannot start.
 
 #include <cstdlib>
 #include <limits>
@@ -69,6 +69,24 @@ TEST_F(OverlapTest, AFailurePartWayIsOneLineWithNothingLeftBehind) {
         ::unsetenv("KESTA_THREADS");
         EXPECT_NE(run.exitCode, 0);
         ExpectOneErrorLine(run, run.exitCode, {"stopped at frame 30000", "channel 2", "inf"});
+        EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
+        EXPECT_EQ(dir.Names(), names);
+    }
+}
+
+// The system refuses the first, a middle or the last thread of a three-step chain (its steps and the
+// writer run on four threads): one line, the earlier output kept, and no temporary left.
+TEST_F(OverlapTest, AThreadThatCannotStartIsOneLineWithNothingLeftBehind) {
+    WriteAudio(dir / "in.wav", StereoTone16());
+    WriteBytes(dir / "out.wav", "keep me");
+    const std::vector<std::string> names = dir.Names();
+    for (const char* limit : {"0", "2", "3"}) {
+        SCOPED_TRACE(limit);
+        ::setenv("KESTA_THREAD_LIMIT", limit, 1);
+        const RunResult run =
+            RunKesta({"chain", P("in.wav"), P("out.wav"), "gain:db=-1", "eq:highpass=80", "limit", "--force"});
+        ::unsetenv("KESTA_THREAD_LIMIT");
+        ExpectOneErrorLine(run, 1, {"cannot start a thread", "in.wav", "KESTA_THREADS=1"});
         EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
         EXPECT_EQ(dir.Names(), names);
     }
