@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <vector>
 
@@ -69,13 +70,32 @@ private:
 
 // What happens between the programme's phrases: per window of 50 ms the energy of the input and
 // of the output (all channels), and from them the level change over the windows more than 20 dB
-// below the programme's level (the 95th percentile of the windows' levels).
+// below the programme's level (the 95th percentile of the windows' levels). The windows are kept
+// by input level in steps of 0.05 dB, each step holding its windows' count and energies in and
+// out, so the meter's memory stays the same for any length of programme; the percentile and the
+// 20 dB line are found to within one step.
 class PauseMeter {
 public:
-    explicit PauseMeter(int rate) : mWindow(std::max(1, rate / 20)), mSeconds(double(mWindow) / rate) {}
+    explicit PauseMeter(int rate)
+        : mWindow(std::max(1, rate / 20)), mSeconds(double(mWindow) / rate), mSteps(std::size_t(kSteps)) {}
 
-    void AddInput(const AudioBlock& block, int64_t position) { Add(mInput, block, position); }
-    void AddOutput(const AudioBlock& block, int64_t position) { Add(mOutput, block, position); }
+    // The input's windows wait for the output's, which come later by the processing delay.
+    void AddInput(const AudioBlock& block) {
+        Accumulate(mIn, block, [this](double energy) { mPending.push_back(energy); });
+    }
+    void AddOutput(const AudioBlock& block) {
+        Accumulate(mOut, block, [this](double energy) {
+            if (mPending.empty()) return;
+            const double in = mPending.front();
+            mPending.pop_front();
+            if (in <= 0.0) return;
+            Step& step = mSteps[StepOf(in)];
+            ++step.windows;
+            step.in += in;
+            step.out += energy;
+            ++mWindows;
+        });
+    }
 
     struct Pauses {
         bool found = false;  // false when the programme has no such windows (or no level at all)
@@ -83,47 +103,70 @@ public:
         double seconds = 0.0;
     };
     Pauses Measure() const {
-        // Whole windows only: the last one may be short.
-        const std::size_t windows = std::min(mInput.size(), mOutput.size()) - (mInput.empty() ? 0 : 1);
-        std::vector<double> levels;
-        for (std::size_t w = 0; w < windows; ++w)
-            if (mInput[w] > 0.0) levels.push_back(mInput[w]);
-        if (levels.empty()) return {};
-        std::sort(levels.begin(), levels.end());
-        const double threshold = levels[levels.size() * 95 / 100] * 0.01;  // 20 dB below, in energy
+        if (mWindows == 0) return {};
+        const int64_t rank = mWindows * 95 / 100;  // the percentile's window, counted from the quietest
+        int64_t below = 0;
+        int top = 0;
+        while (below + mSteps[std::size_t(top)].windows <= rank)
+            below += mSteps[std::size_t(top++)].windows;
         double in = 0.0, out = 0.0;
-        int count = 0;
-        for (std::size_t w = 0; w < windows; ++w)
-            if (mInput[w] > 0.0 && mInput[w] < threshold) {
-                in += mInput[w];
-                out += mOutput[w];
-                ++count;
-            }
+        int64_t count = 0;
+        for (int k = 0; k < top - kStepsIn20Db; ++k) {
+            in += mSteps[std::size_t(k)].in;
+            out += mSteps[std::size_t(k)].out;
+            count += mSteps[std::size_t(k)].windows;
+        }
         if (count == 0) return {};
-        return {true, std::max(10.0 * std::log10(out / in), -200.0), count * mSeconds};
+        return {true, std::max(10.0 * std::log10(out / in), -200.0), double(count) * mSeconds};
     }
 
 private:
-    void Add(std::vector<double>& energy, const AudioBlock& block, int64_t position) {
+    static constexpr double kLowestDb = -300.0, kStepDb = 0.05;
+    static constexpr int kSteps = 8000;  // to +100 dB: beyond any window of float samples near full scale
+    static constexpr int kStepsIn20Db = 400;
+
+    struct Step {
+        int64_t windows = 0;
+        double in = 0.0, out = 0.0;
+    };
+    struct Window {
+        int64_t frames = 0;
+        double energy = 0.0;
+    };
+
+    static std::size_t StepOf(double energy) {
+        const double step = std::floor((10.0 * std::log10(energy) - kLowestDb) / kStepDb);
+        return std::size_t(std::clamp(step, 0.0, double(kSteps - 1)));
+    }
+
+    // Adds the block to the open window, handing each completed window's energy to `done`.
+    template <typename Done>
+    void Accumulate(Window& window, const AudioBlock& block, Done done) {
         const int64_t frames = int64_t(block.Frames());
         for (int64_t i = 0; i < frames;) {
-            const std::size_t w = std::size_t((position + i) / mWindow);
-            const int64_t end = std::min(frames, int64_t(w + 1) * mWindow - position);
-            double sum = 0.0;
+            const int64_t end = std::min(frames, i + mWindow - window.frames);
             for (int c = 0; c < block.Channels(); ++c) {
                 const float* x = block.Channel(c);
+                double sum = 0.0;
                 for (int64_t j = i; j < end; ++j)
                     sum += double(x[j]) * double(x[j]);
+                window.energy += sum;
             }
-            if (energy.size() <= w) energy.resize(w + 1, 0.0);
-            energy[w] += sum;
+            window.frames += end - i;
             i = end;
+            if (window.frames == mWindow) {
+                done(window.energy);
+                window = {};
+            }
         }
     }
 
     int64_t mWindow;
     double mSeconds;
-    std::vector<double> mInput, mOutput;
+    std::vector<Step> mSteps;
+    int64_t mWindows = 0;
+    Window mIn, mOut;
+    std::deque<double> mPending;  // input windows whose output has not come yet
 };
 
 // Where the print comes from, once resolved.
@@ -209,11 +252,11 @@ void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, AudioOutput& 
     StreamWatchers watchers;
     watchers.input = [&](const AudioBlock& block, int64_t position) {
         measures.input.Add(block);
-        measures.pauses.AddInput(block, position);
+        measures.pauses.AddInput(block);
         if (measures.noiseIn) measures.noiseIn->Add(block, position);
     };
     watchers.output = [&](const AudioBlock& block, int64_t position) {
-        measures.pauses.AddOutput(block, position);
+        measures.pauses.AddOutput(block);
         if (measures.noiseOut) measures.noiseOut->Add(block, position);
     };
     const std::unique_ptr<Stage> stage =
