@@ -4,10 +4,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <limits>
 #include <memory>
-#include <sstream>
+#include <optional>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "command.h"
 #include "dsp/noclick.h"
@@ -107,31 +113,6 @@ void CheckOptions(const DeclickOptions& o) {
         throw UsageError("--report and OUTPUT name the same file " + Quoted(o.report), "", "give two names");
 }
 
-// One detection pass over the whole file, 2048 frames at a time (silence after its end).
-std::vector<std::vector<Range>> FindAll(BlockReader& reader, const NOCLICK& record, int64_t frames,
-                                        Progress& progress) {
-    dsp::noclick::FindClicks find(&record);
-    const int channels = reader.Format().channels;
-    AudioBlock block = reader.MakeBlock(std::size_t(find.GetDesiredBlockSize()));
-    std::vector<float*> pointers(static_cast<std::size_t>(channels));
-    for (int c = 0; c < channels; ++c)
-        pointers[std::size_t(c)] = block.Channel(c);
-    find.SetSelection(0, frames);
-    find.Start(nullptr);
-    while (!find.IsCompleted()) {
-        const bool more = reader.Read(block);
-        const std::size_t got = more ? block.Frames() : 0;
-        for (int c = 0; c < channels; ++c)
-            std::fill(block.Channel(c) + got, block.Channel(c) + block.Capacity(), 0.0f);
-        progress.Advance(int64_t(got));
-        find.Analyze(pointers.data(), channels, int(block.Capacity()));
-        if (got < block.Capacity() && reader.FramesRead() < frames)
-            throw InputError("cannot read all of " + Quoted(reader.Path()), "it ended early", "");
-    }
-    find.Done();
-    return find.GetParam()->foundClicks;
-}
-
 // Appends a found click to a channel's repair list: with its tail, inside the file, and joined
 // with the last range when it overlaps or touches it (blocks of the detector overlap, so a click
 // may be reported twice). Clicks must come in order of start.
@@ -144,27 +125,95 @@ void AddToRepairList(std::vector<Range>& list, Range r, int tail, int64_t frames
         list.push_back(r);
 }
 
-std::vector<std::vector<Range>> RepairList(const std::vector<std::vector<Range>>& found, int tail, int64_t frames) {
-    std::vector<std::vector<Range>> lists(found.size());
-    for (std::size_t c = 0; c < found.size(); ++c)
-        for (const Range& r : found[c])
-            AddToRepairList(lists[c], r, tail, frames);
+// The detector over a stream of `frames` frames, fed a hop at a time (silence after the end): each
+// click found goes to the repair lists in order of start, as the sorted list of the whole pass would
+// give it, as soon as no click found later can start before it. The detector reports every click
+// that starts before the end of its latest analysed block's first hop (later blocks start there);
+// what it has reported is taken from its list at once, so only the clicks near its frontier are held.
+class ClickCollector {
+public:
+    ClickCollector(const NOCLICK& record, int64_t frames, int tail)
+        : mFind(&record), mFrames(frames), mTail(tail), mWaiting(std::size_t(record.channels)) {
+        mFind.SetSelection(0, frames);
+        mFind.Start(nullptr);
+    }
+    bool Finished() const { return mFinished; }
+
+    // Analyses the next hop of every channel and adds to `lists` the clicks now known to be in order.
+    void Analyze(float** hop, std::vector<std::vector<Range>>& lists) {
+        using dsp::noclick::FindClicks;
+        if (mFinished) return;
+        const int channels = int(mWaiting.size());
+        mFind.Analyze(hop, channels, FindClicks::kHop);
+        mFed += FindClicks::kHop;
+        const int64_t blocks = (FindClicks::kLeadIn + mFed - FindClicks::kRead) / FindClicks::kHop;
+        int64_t frontier = -FindClicks::kLeadIn + blocks * FindClicks::kHop + FindClicks::kOffset + FindClicks::kHop;
+        if (mFind.IsCompleted()) {
+            mFind.Done();
+            mFinished = true;
+            frontier = std::numeric_limits<int64_t>::max();
+        }
+        for (int c = 0; c < channels; ++c) {
+            std::vector<Range>& found = mFind.GetParam()->foundClicks[std::size_t(c)];
+            std::vector<Range>& waiting = mWaiting[std::size_t(c)];
+            for (const Range& r : found)  // the last ones, sorted by Done, may reach back before mFinal
+                if (!mFinished || r.start >= mFinal) waiting.push_back(r);
+            found.clear();
+            std::stable_sort(waiting.begin(), waiting.end(), dsp::utils::CompareLowerBound);
+            auto ready = waiting.begin();
+            while (ready != waiting.end() && ready->start < frontier)
+                ++ready;
+            for (auto r = waiting.begin(); r != ready; ++r)
+                AddToRepairList(lists[std::size_t(c)], *r, mTail, mFrames);
+            waiting.erase(waiting.begin(), ready);
+        }
+        mFinal = frontier;
+    }
+
+private:
+    dsp::noclick::FindClicks mFind;
+    int64_t mFrames;
+    int mTail;
+    int64_t mFed = 0;
+    bool mFinished = false;
+    int64_t mFinal = std::numeric_limits<int64_t>::min();  // clicks starting before it are in the lists
+    std::vector<std::vector<Range>> mWaiting;              // found, but not yet known to be in order
+};
+
+// One detection pass over the whole file, a hop at a time (silence after its end): the repair list
+// of every channel.
+std::vector<std::vector<Range>> FindAll(BlockReader& reader, const NOCLICK& record, int64_t frames, int tail,
+                                        Progress& progress) {
+    ClickCollector collector(record, frames, tail);
+    const int channels = reader.Format().channels;
+    AudioBlock block = reader.MakeBlock(std::size_t(dsp::noclick::FindClicks::kHop));
+    std::vector<float*> pointers(static_cast<std::size_t>(channels));
+    for (int c = 0; c < channels; ++c)
+        pointers[std::size_t(c)] = block.Channel(c);
+    std::vector<std::vector<Range>> lists(static_cast<std::size_t>(channels));
+    while (!collector.Finished()) {
+        const bool more = reader.Read(block);
+        const std::size_t got = more ? block.Frames() : 0;
+        for (int c = 0; c < channels; ++c)
+            std::fill(block.Channel(c) + got, block.Channel(c) + block.Capacity(), 0.0f);
+        progress.Advance(int64_t(got));
+        collector.Analyze(pointers.data(), lists);
+        if (got < block.Capacity() && reader.FramesRead() < frames)
+            throw InputError("cannot read all of " + Quoted(reader.Path()), "it ended early", "");
+    }
     return lists;
 }
 
 // Detection and repair in one stream, for a chain: the same samples as the two passes of the
-// command. The detector reports every click that starts before the end of its latest analysed
-// block's first hop (later blocks start there), and a repair list entry is final once every click
-// that could join it is known. The repair runs kDelay frames behind the detector, which keeps the
-// detector's frontier more than a block beyond every range the repair takes, so each range it
-// takes is the one the command's list holds (or one too long to repair either way).
+// command. A repair list entry is final once every click that could join it is known. The repair
+// runs kDelay frames behind the detector, which keeps the detector's frontier more than a block
+// beyond every range the repair takes, so each range it takes is the one the command's list holds
+// (or one too long to repair either way).
 class DeclickStage : public Stage {
 public:
     DeclickStage(const NOCLICK& record, int64_t frames, int tail)
-        : mFind(&record), mFix(&record), mFrames(frames), mTail(tail), mChannels(record.channels) {
+        : mFind(record, frames, tail), mFix(&record), mChannels(record.channels) {
         using dsp::noclick::FindClicks;
-        mFind.SetSelection(0, frames);
-        mFind.Start(nullptr);
         mFix.GetParam()->repairClicks.assign(std::size_t(mChannels), {});
         // The repair hears kDelay frames of silence first, and its blocks keep their places.
         mFix.SetSelection(-kDelay, frames + kDelay);
@@ -174,8 +223,6 @@ public:
         for (int c = 0; c < mChannels; ++c)
             mChunkPointers[std::size_t(c)] = mChunk.data() + std::size_t(c) * FindClicks::kHop;
         mDelay.assign(std::size_t(mChannels) * kDelay, 0.0f);
-        mSeen.assign(std::size_t(mChannels), 0);
-        mWaiting.resize(std::size_t(mChannels));
     }
     int64_t Latency() const override { return kDelay + mFix.GetLatency(); }
     void Process(float** channels, int, int frames) override {
@@ -186,7 +233,10 @@ public:
                 std::copy_n(channels[c] + done, n, mChunkPointers[std::size_t(c)] + mChunkFill);
             mChunkFill += n;
             done += n;
-            if (mChunkFill == FindClicks::kHop) Detect();
+            if (mChunkFill == FindClicks::kHop) {
+                mChunkFill = 0;
+                mFind.Analyze(mChunkPointers.data(), mFix.GetParam()->repairClicks);
+            }
         }
         for (int c = 0; c < mChannels; ++c) {
             float* delay = mDelay.data() + std::size_t(c) * kDelay;
@@ -202,64 +252,20 @@ public:
 private:
     static constexpr int kDelay = 2 * dsp::noclick::FindClicks::kHop;
 
-    void Detect() {
-        using dsp::noclick::FindClicks;
-        mChunkFill = 0;
-        if (mFinished) return;
-        mFind.Analyze(mChunkPointers.data(), mChannels, FindClicks::kHop);
-        mFed += FindClicks::kHop;
-        // Every click that starts before the first hop of the latest block analysed is reported.
-        const int64_t blocks = (FindClicks::kLeadIn + mFed - FindClicks::kRead) / FindClicks::kHop;
-        int64_t frontier = -FindClicks::kLeadIn + blocks * FindClicks::kHop + FindClicks::kOffset + FindClicks::kHop;
-        if (mFind.IsCompleted()) {
-            mFind.Done();
-            mFinished = true;
-            frontier = std::numeric_limits<int64_t>::max();
-        }
-        for (int c = 0; c < mChannels; ++c) {
-            const std::vector<Range>& found = mFind.GetParam()->foundClicks[std::size_t(c)];
-            std::vector<Range>& waiting = mWaiting[std::size_t(c)];
-            std::size_t& seen = mSeen[std::size_t(c)];
-            if (mFinished) {  // Done sorted the list: take what is new from the whole of it
-                waiting.clear();
-                for (const Range& r : found)
-                    if (r.start >= mFinal) waiting.push_back(r);
-            } else {
-                waiting.insert(waiting.end(), found.begin() + std::ptrdiff_t(seen), found.end());
-            }
-            seen = found.size();
-            std::stable_sort(waiting.begin(), waiting.end(), dsp::utils::CompareLowerBound);
-            auto ready = waiting.begin();
-            while (ready != waiting.end() && ready->start < frontier)
-                ++ready;
-            for (auto r = waiting.begin(); r != ready; ++r)
-                AddToRepairList(mFix.GetParam()->repairClicks[std::size_t(c)], *r, mTail, mFrames);
-            waiting.erase(waiting.begin(), ready);
-        }
-        mFinal = frontier;
-    }
-
-    dsp::noclick::FindClicks mFind;
+    ClickCollector mFind;
     dsp::noclick::ReplaceClicks mFix;
-    int64_t mFrames;
-    int mTail;
     int mChannels;
     std::vector<float> mChunk;  // the detector's next hop, per channel
     std::vector<float*> mChunkPointers;
     int mChunkFill = 0;
-    int64_t mFed = 0;
-    bool mFinished = false;
-    int64_t mFinal = std::numeric_limits<int64_t>::min();  // clicks starting before it are in the repair list
-    std::vector<std::size_t> mSeen;                        // found clicks taken, per channel
-    std::vector<std::vector<Range>> mWaiting;              // found, but not yet known to be in order
     std::vector<float> mDelay;
     int mDelayAt = 0;
 };
 
 class ReplaceStage : public Stage {
 public:
-    ReplaceStage(const NOCLICK& record, const std::vector<std::vector<Range>>& ranges, int64_t frames) : mFix(&record) {
-        mFix.GetParam()->repairClicks = ranges;
+    ReplaceStage(const NOCLICK& record, std::vector<std::vector<Range>> ranges, int64_t frames) : mFix(&record) {
+        mFix.GetParam()->repairClicks = std::move(ranges);
         mFix.SetSelection(0, frames);
         mFix.Start();
     }
@@ -267,50 +273,94 @@ public:
     void Process(float** channels, int channelCount, int frames) override {
         mFix.Process(channels, channels, channelCount, frames);
     }
+    // The ranges it repairs, per channel (the only copy of the list).
+    const std::vector<std::vector<Range>>& Ranges() { return mFix.GetParam()->repairClicks; }
 
 private:
     dsp::noclick::ReplaceClicks mFix;
 };
 
-std::string ReportText(ReportKind kind, const std::vector<std::vector<Range>>& ranges, int rate, bool repaired) {
-    struct Row {
-        int channel;
-        Range r;
+// Text for a file descriptor, handed on 64 KiB at a time, so a long report is never held whole.
+// A stream swallows its buffer's exceptions: a failed write is kept and thrown by Flush.
+class DescriptorBuffer : public std::streambuf {
+public:
+    DescriptorBuffer(int fd, std::string target) : mFd(fd), mTarget(std::move(target)), mBuffer(1 << 16) {
+        setp(mBuffer.data(), mBuffer.data() + mBuffer.size());
+    }
+    // Writes what is buffered; throws the first failure.
+    void Flush() {
+        if (!mFailure) Drain();
+        if (mFailure) std::rethrow_exception(mFailure);
+    }
+
+private:
+    int_type overflow(int_type c) override {
+        if (!mFailure) Drain();
+        if (mFailure) return traits_type::eof();
+        if (!traits_type::eq_int_type(c, traits_type::eof())) sputc(traits_type::to_char_type(c));
+        return traits_type::not_eof(c);
+    }
+    void Drain() {
+        try {
+            WriteAll(mFd, std::string(pbase(), pptr()), mTarget);
+        } catch (...) {
+            mFailure = std::current_exception();
+        }
+        setp(mBuffer.data(), mBuffer.data() + mBuffer.size());
+    }
+
+    int mFd;
+    std::string mTarget;
+    std::vector<char> mBuffer;
+    std::exception_ptr mFailure;
+};
+
+// Every range of every channel, in order of start (the lower channel first at equal starts), into
+// the report `fd`.
+void WriteReport(int fd, const std::string& path, ReportKind kind, const std::vector<std::vector<Range>>& ranges,
+                 int rate, bool repaired) {
+    DescriptorBuffer buffer(fd, path);
+    std::ostream text(&buffer);
+    std::vector<std::size_t> next(ranges.size(), 0);
+    // Calls `row` with each channel (from 1) and range in turn.
+    const auto merge = [&](const auto& row) {
+        for (;;) {
+            std::size_t first = ranges.size();
+            for (std::size_t c = 0; c < ranges.size(); ++c)
+                if (next[c] < ranges[c].size() &&
+                    (first == ranges.size() || ranges[c][next[c]].start < ranges[first][next[first]].start))
+                    first = c;
+            if (first == ranges.size()) return;
+            row(int(first) + 1, ranges[first][next[first]++]);
+        }
     };
-    std::vector<Row> rows;
-    for (std::size_t c = 0; c < ranges.size(); ++c)
-        for (const Range& r : ranges[c])
-            rows.push_back({int(c) + 1, r});
-    std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) { return a.r.start < b.r.start; });
-    std::ostringstream text;
     if (kind == ReportKind::Csv) {
         text << "channel,start_frame,start_seconds,length_frames,length_ms,repaired\n";
-        char line[160];
-        for (const Row& row : rows) {
-            std::snprintf(line, sizeof line, "%d,%lld,%.6f,%d,%.3f,%s\n", row.channel, (long long)row.r.start,
-                          double(row.r.start) / rate, row.r.length, 1000.0 * row.r.length / rate,
-                          repaired ? "yes" : "no");
+        merge([&](int channel, const Range& r) {
+            char line[160];
+            std::snprintf(line, sizeof line, "%d,%lld,%.6f,%d,%.3f,%s\n", channel, (long long)r.start,
+                          double(r.start) / rate, r.length, 1000.0 * r.length / rate, repaired ? "yes" : "no");
             text << line;
-        }
+        });
     } else {
         JsonWriter json(text);
         json.BeginObject();
         json.Key("sample_rate").Int(rate);
         json.Key("clicks").BeginArray();
-        for (const Row& row : rows) {
+        merge([&](int channel, const Range& r) {
             json.BeginObject();
-            json.Key("channel").Int(row.channel);
-            json.Key("start_frame").Int(row.r.start);
-            json.Key("start_seconds").Number(double(row.r.start) / rate);
-            json.Key("length_frames").Int(row.r.length);
-            json.Key("length_ms").Number(1000.0 * row.r.length / rate);
+            json.Key("channel").Int(channel);
+            json.Key("start_frame").Int(r.start);
+            json.Key("start_seconds").Number(double(r.start) / rate);
+            json.Key("length_frames").Int(r.length);
+            json.Key("length_ms").Number(1000.0 * r.length / rate);
             json.Key("repaired").Bool(repaired);
             json.EndObject();
-        }
+        });
         json.EndArray();
         json.EndObject();
     }
-    return text.str();
+    buffer.Flush();
 }
 
 NOCLICK MakeRecord(const DeclickOptions& options, const AudioFormat& format) {
@@ -364,20 +414,22 @@ int RunDeclick(const DeclickOptions& options) {
             options.report, std::vector<SafeOutput::Input>{{options.input, reader.Identity()}}, options.out.force);
 
     const NOCLICK record = MakeRecord(options, format);
-    std::vector<std::vector<Range>> ranges;
+    std::vector<std::vector<Range>> found;
     {
         Progress progress(options.detectOnly ? "declick: detect" : "declick: 1/2 detect", header, format.sampleRate,
                           console.ShowsProgress());
-        ranges = RepairList(FindAll(reader, record, frames, progress), TailFrames(format), frames);
+        found = FindAll(reader, record, frames, TailFrames(format), progress);
     }
+    std::optional<ReplaceStage> stage;
     if (output) {
         reader.Rewind();
-        ReplaceStage stage(record, ranges, frames);
+        stage.emplace(record, std::move(found), frames);
         Progress progress("declick: 2/2 repair", header, format.sampleRate, console.ShowsProgress());
-        StreamStages(reader, *output, {&stage}, progress);
+        StreamStages(reader, *output, {&*stage}, progress);
     }
+    const std::vector<std::vector<Range>>& ranges = stage ? stage->Ranges() : found;
     if (reportFile) {
-        WriteAll(reportFile->Descriptor(), ReportText(kind, ranges, format.sampleRate, bool(output)), options.report);
+        WriteReport(reportFile->Descriptor(), options.report, kind, ranges, format.sampleRate, bool(output));
         reportFile->Commit();
     }
     if (output) {
