@@ -73,7 +73,26 @@ private:
     std::vector<ClickModel*> mModels;
 };
 
-class KESTADSP_API FindClicks : public DSPMultiPassAnalyzer {
+// Everything FindClicks keeps besides its base class. FindClicks has no data members of its own:
+// its copy operations copy this whole and then reserve the lists again (a copied vector holds only
+// its elements), so a member added here is copied without anyone having to list it.
+struct KESTADSP_API FindClicksData {
+    NOCLICK mRecord;
+    ClickModels mModels;
+    RingBuffer mRing;
+    std::vector<float> mBlockStore;  // kRead frames per channel
+    std::vector<float*> mBlocks;
+    // Per channel: runs in the part of the last block that the next block analyses again, held
+    // back until it has, and the absolute starts of the last block's runs that were part of a
+    // regular train (see Detect).
+    std::vector<std::vector<utils::Range>> mPending;
+    std::vector<std::vector<long long>> mTrain;
+    std::vector<long long> mTrainNow;
+    int mNewSamples = 0;
+    long long mRingPosition = 0;  // absolute index of the ring's next read
+};
+
+class KESTADSP_API FindClicks : public DSPMultiPassAnalyzer, private FindClicksData {
 public:
     explicit FindClicks(const NOCLICK* record);
     FindClicks(const FindClicks& other);
@@ -104,20 +123,6 @@ private:
     void Report(int channel, const utils::Range& click);
     // Room for the lists detection appends to.
     void Reserve();
-
-    NOCLICK mRecord;
-    ClickModels mModels;
-    RingBuffer mRing;
-    std::vector<float> mBlockStore;  // kRead frames per channel
-    std::vector<float*> mBlocks;
-    // Per channel: runs in the part of the last block that the next block analyses again, held
-    // back until it has, and the absolute starts of the last block's runs that were part of a
-    // regular train (see Detect).
-    std::vector<std::vector<utils::Range>> mPending;
-    std::vector<std::vector<long long>> mTrain;
-    std::vector<long long> mTrainNow;
-    int mNewSamples = 0;
-    long long mRingPosition = 0;  // absolute index of the ring's next read
 };
 
 class KESTADSP_API ReplaceClicks : public DSPProcess {

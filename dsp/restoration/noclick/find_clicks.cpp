@@ -19,27 +19,25 @@ FindClicks::FindClicks(const NOCLICK* record) : DSPMultiPassAnalyzer(1) {
         mBlocks[c] = mBlockStore.data() + static_cast<std::size_t>(c) * kRead;
 }
 
-// A copied vector holds only its elements, so a copy reserves again: detection then appends to
-// the lists without allocating, in the copy as in the original.
-FindClicks::FindClicks(const FindClicks& other) : DSPMultiPassAnalyzer(other) {
-    *this = other;
+// Detection appends to the lists without allocating, in a copy as in the original: the copy
+// takes the base and the whole state, then reserves again.
+FindClicks::FindClicks(const FindClicks& other) : DSPMultiPassAnalyzer(other), FindClicksData(other) {
+    Reserve();
 }
 
 FindClicks& FindClicks::operator=(const FindClicks& other) {
     DSPMultiPassAnalyzer::operator=(other);
-    mRecord = other.mRecord;
-    mModels = other.mModels;
-    mRing = other.mRing;
-    mBlockStore = other.mBlockStore;
-    mBlocks = other.mBlocks;
-    mPending = other.mPending;
-    mTrain = other.mTrain;
-    mTrainNow = other.mTrainNow;
-    mNewSamples = other.mNewSamples;
-    mRingPosition = other.mRingPosition;
+    FindClicksData::operator=(other);
     Reserve();
     return *this;
 }
+
+namespace {
+// FindClicks with its bases and nothing else: a data member declared in FindClicks itself would
+// escape the copy above.
+struct BareFindClicks : DSPMultiPassAnalyzer, FindClicksData {};
+static_assert(sizeof(FindClicks) == sizeof(BareFindClicks), "FindClicks keeps its data in FindClicksData");
+}  // namespace
 
 void FindClicks::Reserve() {
     for (auto& list : mRecord.foundClicks)
