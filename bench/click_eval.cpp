@@ -1,12 +1,14 @@
 // Click evaluation on real recordings, for bench/declick_eval.
 //
-//   click_eval make OUT_DIR LABEL:SOURCE.wav...   builds the programme (same rate throughout) and
-//       writes clean.wav, damaged.wav (100 clicks of 1 to 20 samples whose largest sample is 6 to 30
-//       times the clean RMS over the 1024 frames around it), truth.csv (channel, start, length;
-//       channels from 1) and sources.csv (where each source lies). Mono sources are laid side by
-//       side, the first on the left, the next on the right and so on, each channel ending in
-//       silence where its side is shorter: no recording is in the programme twice, so an event in
-//       it is counted once. Stereo sources follow as they are.
+//   click_eval make OUT_DIR [--click-free] LABEL:SOURCE.wav...   builds the programme (same rate
+//       throughout) and writes clean.wav, damaged.wav (100 clicks of 1 to 20 samples whose largest
+//       sample is 6 to 30 times the clean RMS over the 1024 frames around it), truth.csv (channel,
+//       start, length; channels from 1) and sources.csv (where each source lies). Mono sources are
+//       laid side by side, stereo ones follow (see Assemble). With --click-free the recordings fade
+//       in and out and the impulses the detector finds in them are cut out until the clean
+//       programme gives no detection at the default threshold, which is checked and printed (see
+//       ClickFree): every range reported on the damaged programme is then either on an inserted
+//       click or a false detection.
 //   click_eval header                              prints the header of the comparison table
 //   click_eval score OUT_DIR TOOL SECONDS REPAIRED.wav [REPORT.csv]   prints the tool's row: clicks
 //       found and the share of listed ranges on a click, also counting those on an event of the
@@ -124,42 +126,149 @@ struct Source {
     int channel;  // 0 or 1
     long long start, end;
     std::string label;
+    std::size_t piece = 0;  // which recording (Make only)
 };
 
-int Make(const std::string& dir, const std::vector<std::string>& args) {
-    Wav all{0, Channels(2)};
-    std::vector<Source> sources;
-    std::vector<std::pair<std::string, Wav>> stereo;
+RangeLists CleanDetections(const Wav& clean, double threshold) {
+    return kesta::test::MergeOverlapping(
+        kesta::test::FindAllClicks(clean.x, kesta::test::ClickRecord(2, clean.rate, threshold)));
+}
+
+// One recording as read: a mono one uses x[0] only.
+struct Piece {
+    std::string label;
+    bool mono;
+    Channels x;
+};
+
+// Mono pieces side by side, the first on the left, the next on the right and so on, each channel
+// ending in silence where its side is shorter: no recording is in the programme twice, so an event
+// in it is counted once. Stereo pieces follow as they are.
+Wav Assemble(const std::vector<Piece>& pieces, int rate, std::vector<Source>& sources) {
+    Wav all{rate, Channels(2)};
+    sources.clear();
     int side = 0;
-    for (const std::string& arg : args) {
-        const std::size_t colon = arg.find(':');
-        if (colon == std::string::npos) throw std::runtime_error(arg + ": give sources as LABEL:FILE");
-        const std::string label = arg.substr(0, colon);
-        int channels = 0;
-        Wav w = Read(arg.substr(colon + 1), &channels);
-        if (all.rate != 0 && w.rate != all.rate) throw std::runtime_error(arg + ": another sample rate");
-        all.rate = w.rate;
-        if (channels != 1) {
-            stereo.push_back({label, std::move(w)});
-            continue;
-        }
+    for (std::size_t p = 0; p < pieces.size(); ++p) {
+        if (!pieces[p].mono) continue;
         kesta::test::Signal& s = all.x[side];
-        sources.push_back(
-            {side, static_cast<long long>(s.size()), static_cast<long long>(s.size() + w.x[0].size()), label});
-        s.insert(s.end(), w.x[0].begin(), w.x[0].end());
+        const auto start = static_cast<long long>(s.size());
+        s.insert(s.end(), pieces[p].x[0].begin(), pieces[p].x[0].end());
+        sources.push_back({side, start, static_cast<long long>(s.size()), pieces[p].label, p});
         side = 1 - side;
     }
     const std::size_t sideBySide = std::max(all.x[0].size(), all.x[1].size());
     for (auto& s : all.x)
         s.resize(sideBySide, 0.0f);
-    for (const auto& [label, w] : stereo) {
+    for (std::size_t p = 0; p < pieces.size(); ++p) {
+        if (pieces[p].mono) continue;
         for (int c = 0; c < 2; ++c) {
-            sources.push_back({c, static_cast<long long>(all.x[c].size()),
-                               static_cast<long long>(all.x[c].size() + w.x[c].size()), label});
-            all.x[c].insert(all.x[c].end(), w.x[c].begin(), w.x[c].end());
+            const auto start = static_cast<long long>(all.x[c].size());
+            all.x[c].insert(all.x[c].end(), pieces[p].x[c].begin(), pieces[p].x[c].end());
+            sources.push_back({c, start, static_cast<long long>(all.x[c].size()), pieces[p].label, p});
         }
     }
     Quantise(all.x);
+    return all;
+}
+
+// Raised-cosine fade of n samples from `from`: rising when `in`, falling otherwise.
+void Fade(kesta::test::Signal& s, std::size_t from, std::size_t n, bool in) {
+    for (std::size_t i = 0; i < n && from + i < s.size(); ++i) {
+        const double up = 0.5 - 0.5 * std::cos(3.14159265358979323846 * (i + 0.5) / static_cast<double>(n));
+        s[from + i] = static_cast<float>(s[from + i] * (in ? up : 1.0 - up));
+    }
+}
+
+// Takes [from, to) out of every channel of the piece, the audio before it fading out and the audio
+// after it fading in over `fade` samples, so that the join is a short smooth dip.
+void CutOut(Piece& piece, std::size_t from, std::size_t to, std::size_t fade) {
+    for (auto& s : piece.x) {
+        if (s.empty()) continue;
+        to = std::min(to, s.size());
+        Fade(s, from >= fade ? from - fade : 0, std::min(from, fade), false);
+        Fade(s, to, fade, true);
+        s.erase(s.begin() + static_cast<std::ptrdiff_t>(from), s.begin() + static_cast<std::ptrdiff_t>(to));
+    }
+}
+
+// The click-free programme: every recording fades in and out (20 ms) instead of starting and
+// ending abruptly, and wherever the detector, at the default threshold, reports a range in the
+// assembled clean programme (an impulse the recording itself holds: a plosive's burst, a mouth
+// click), 20 ms on either side of it are cut out of that recording with 10 ms fades. The programme
+// is assembled and checked again until the detector reports nothing in it.
+Wav ClickFree(std::vector<Piece>& pieces, int rate, std::vector<Source>& sources) {
+    const auto ms = static_cast<std::size_t>(rate / 1000);
+    for (Piece& p : pieces)
+        for (auto& s : p.x) {
+            Fade(s, 0, 20 * ms, true);
+            Fade(s, s.size() >= 20 * ms ? s.size() - 20 * ms : 0, 20 * ms, false);
+        }
+    for (int round = 1;; ++round) {
+        Wav all = Assemble(pieces, rate, sources);
+        const RangeLists found = CleanDetections(all, 55.0);
+        std::size_t count = 0, cutSamples = 0;
+        std::vector<std::vector<std::pair<std::size_t, std::size_t>>> cuts(pieces.size());
+        std::vector<std::pair<std::string, int>> byLabel;  // detections per source label
+        for (int c = 0; c < 2; ++c)
+            for (const Range& r : found[c]) {
+                ++count;
+                const auto at = std::find_if(sources.begin(), sources.end(), [&](const Source& s) {
+                    return s.channel == c && r.start < s.end && r.start + r.length > s.start;
+                });
+                if (at == sources.end())
+                    throw std::runtime_error("the detector reports a range in silence at frame " +
+                                             std::to_string(r.start));
+                const long long from = std::max(r.start - 20 * static_cast<long long>(ms) - at->start, 0LL);
+                const long long to = r.start + r.length + 20 * static_cast<long long>(ms) - at->start;
+                cuts[at->piece].push_back({static_cast<std::size_t>(from), static_cast<std::size_t>(to)});
+                const auto label =
+                    std::find_if(byLabel.begin(), byLabel.end(), [&](const auto& l) { return l.first == at->label; });
+                if (label == byLabel.end())
+                    byLabel.push_back({at->label, 1});
+                else
+                    ++label->second;
+            }
+        std::string where;
+        for (const auto& [label, n] : byLabel)
+            where += (where.empty() ? " (" : ", ") + label + " " + std::to_string(n);
+        std::printf("click-free programme, check %d: %zu ranges detected in the clean programme%s%s\n", round, count,
+                    where.empty() ? "" : (where + ")").c_str(),
+                    count == 0 ? " (verified click-free)" : ", cut out of their recordings");
+        if (count == 0) return all;
+        if (round == 10) throw std::runtime_error("the clean programme still holds detections after 10 checks");
+        for (std::size_t p = 0; p < pieces.size(); ++p) {
+            auto& list = cuts[p];
+            // From the last cut back, overlapping ones joined, so earlier positions stay valid.
+            std::sort(list.begin(), list.end());
+            for (std::size_t i = list.size(); i-- > 0;) {
+                std::size_t from = list[i].first, to = list[i].second;
+                while (i > 0 && list[i - 1].second >= from)
+                    from = std::min(from, list[--i].first), to = std::max(to, list[i].second);
+                cutSamples += std::min(to, pieces[p].x[0].size()) - std::min(from, pieces[p].x[0].size());
+                CutOut(pieces[p], from, to, 10 * ms);
+            }
+        }
+        std::printf("  %.2f s of audio cut\n", static_cast<double>(cutSamples) / rate);
+    }
+}
+
+int Make(const std::string& dir, std::vector<std::string> args) {
+    const bool clickFree = !args.empty() && args[0] == "--click-free";
+    if (clickFree) args.erase(args.begin());
+    std::vector<Piece> pieces;
+    int rate = 0;
+    for (const std::string& arg : args) {
+        const std::size_t colon = arg.find(':');
+        if (colon == std::string::npos) throw std::runtime_error(arg + ": give sources as LABEL:FILE");
+        int channels = 0;
+        Wav w = Read(arg.substr(colon + 1), &channels);
+        if (rate != 0 && w.rate != rate) throw std::runtime_error(arg + ": another sample rate");
+        rate = w.rate;
+        if (channels == 1) w.x.resize(1);
+        pieces.push_back({arg.substr(0, colon), channels == 1, std::move(w.x)});
+    }
+    std::vector<Source> sources;
+    Wav all = clickFree ? ClickFree(pieces, rate, sources) : Assemble(pieces, rate, sources);
     Write(dir + "/clean.wav", all);
     const std::vector<InsertedClick> clicks = kesta::test::InsertClicks(all.x, 100, 2024, 4096, 1500);
     Quantise(all.x);
@@ -172,6 +281,9 @@ int Make(const std::string& dir, const std::vector<std::string>& args) {
     where << "channel,start,end,label\n";
     for (const Source& s : sources)
         where << s.channel + 1 << "," << s.start << "," << s.end << "," << s.label << "\n";
+    std::size_t sideBySide = 0;
+    for (const Source& s : sources)
+        if (pieces[s.piece].mono) sideBySide = std::max(sideBySide, static_cast<std::size_t>(s.end));
     std::printf("programme: %.1f s stereo at %d Hz (mono sources side by side for %.1f s), 100 clicks\n",
                 static_cast<double>(all.x[0].size()) / all.rate, all.rate, static_cast<double>(sideBySide) / all.rate);
     return 0;
@@ -203,11 +315,6 @@ Figures DetectionFigures(const std::vector<InsertedClick>& truth, const RangeLis
                         [&](const InsertedClick& k) { return k.channel == static_cast<int>(c) && Overlaps(k, r); }) ||
                     OverlapsAny(inClean[c], r);
     return {100.0 * s.recall, 100.0 * s.precision, s.found == 0 ? 100.0 : 100.0 * real / s.found};
-}
-
-RangeLists CleanDetections(const Wav& clean, double threshold) {
-    return kesta::test::MergeOverlapping(
-        kesta::test::FindAllClicks(clean.x, kesta::test::ClickRecord(2, clean.rate, threshold)));
 }
 
 void Header() {
