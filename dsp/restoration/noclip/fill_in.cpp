@@ -21,9 +21,9 @@ void CFillIn::Init(int length, int /*reserved*/) {
         mHann[static_cast<std::size_t>(j)] = 0.5 - 0.5 * std::cos(2.0 * 3.14159265358979323846 * (j + 0.5) / mContext);
     mAutocorrelation.assign(p1, 0.0);
     mCoefficients.assign(p1, 0.0);
-    mScratch.assign(p1, 0.0);
+    mScratch.assign(static_cast<std::size_t>(fillin::BandStride(mOrder)), 0.0);
     mCoefCorrelation.assign(p1, 0.0);
-    mBand.assign(span * p1, 0.0);
+    mBand.assign(span * static_cast<std::size_t>(fillin::BandStride(mOrder)), 0.0);
     mModelContext.assign(2 * static_cast<std::size_t>(mContext), 0.0f);
     mModelValid = false;
     mRhs.assign(span, 0.0);
@@ -66,8 +66,7 @@ bool CFillIn::FitModel(int first, int last, const float* samples) {
     for (const float* from : {before, after}) {
         for (int j = 0; j < K; ++j)
             mWindow[j] = mHann[j] * from[j];
-        for (int k = 0; k <= p; ++k)
-            mAutocorrelation[k] += Dot(mWindow.data() + k, mWindow.data(), K - k);
+        fillin::FillInKernelsFor().autocorrelation(mWindow.data(), K, p + 1, mAutocorrelation.data());
     }
     if (!(mAutocorrelation[0] > 1e-20)) return false;
     mAutocorrelation[0] *= 1.0 + 1e-7;
@@ -104,7 +103,8 @@ bool CFillIn::FillInNow(int first, int last, float* samples, float* /*reservedBu
     const float* base = samples + first - K;
 
     // Unknowns: the span's samples (those the mask names); everything else in the window is known.
-    for (int j = 0; j < W; ++j)
+    // Only the samples within the order of the span take part.
+    for (int j = K - p; j < K + n + p; ++j)
         mWindow[j] = base[j];
     int count = 0;
     for (int i = 0; i < n; ++i)
@@ -120,7 +120,6 @@ bool CFillIn::FillInNow(int first, int last, float* samples, float* /*reservedBu
     // matrix is c[|u - v|] on the unknowns (the context is at least the order wide, so no output is
     // cut off by the window); the known samples move to the right-hand side. Without a mask only
     // the unknowns within the order of the span's ends see a known sample.
-    const int p1 = p + 1;
     const double* c = mCoefCorrelation.data();
     for (int a = 0; a < count; ++a) {
         const int u = mUnknown[a];
@@ -139,15 +138,17 @@ bool CFillIn::FillInNow(int first, int last, float* samples, float* /*reservedBu
         }
         mRhs[a] = rhs;
     }
-    // The matrix, row a holding L[a][k] for k = a - p ... a at mBand[a * p1 + k - a + p] so that
-    // rows run forwards; then the banded Cholesky solve.
+    // The matrix, row a holding L[a][k] for k = a - p ... a at mBand[a * stride + k - a + p] so that
+    // rows run forwards (the room after each row zeroed); then the banded Cholesky solve.
+    const int stride = fillin::BandStride(p);
     double* L = mBand.data();
     for (int a = 0; a < count; ++a) {
-        double* la = L + a * p1 + p - a;
+        double* la = L + a * stride + p - a;
         for (int k = std::max(0, a - p); k <= a; ++k) {
             const int gap = mUnknown[a] - mUnknown[k];
             la[k] = gap <= p ? c[gap] : 0.0;
         }
+        std::fill(la + a + 1, L + (a + 1) * stride, 0.0);
     }
     if (!fillin::FillInKernelsFor().solveBanded(L, mScratch.data(), mRhs.data(), count, p)) return false;
     const double share = static_cast<double>(strength) / 100.0;

@@ -360,7 +360,7 @@ TEST(CFillIn, BandedSolveMatchesADenseSolveInEveryBuild) {
                 sum += filter[static_cast<std::size_t>(i)] * filter[static_cast<std::size_t>(i + gap)];
             return sum;
         };
-        const int n = k.count, p1 = k.p + 1;
+        const int n = k.count;
         std::vector<double> rhs(static_cast<std::size_t>(n));
         for (double& v : rhs)
             v = random.Gaussian();
@@ -389,10 +389,11 @@ TEST(CFillIn, BandedSolveMatchesADenseSolveInEveryBuild) {
         std::vector<std::vector<double>> solutions;
         for (const Isa isa : {Isa::Portable, Isa::Avx2Fma}) {
             if (!dsp::detail::IsaAvailable(isa)) continue;
-            std::vector<double> band(static_cast<std::size_t>(n * p1)), column(static_cast<std::size_t>(p1));
+            const int stride = dsp::fillin::BandStride(k.p);
+            std::vector<double> band(static_cast<std::size_t>(n * stride)), column(static_cast<std::size_t>(stride));
             for (int a = 0; a < n; ++a)
                 for (int j = std::max(0, a - k.p); j <= a; ++j)
-                    band[static_cast<std::size_t>(a * p1 + j - a + k.p)] = c(a - j);
+                    band[static_cast<std::size_t>(a * stride + j - a + k.p)] = c(a - j);
             std::vector<double> x = rhs;
             ASSERT_TRUE(dsp::fillin::FillInKernelsFor(isa).solveBanded(band.data(), column.data(), x.data(), n, k.p));
             long double largest = 0.0L, worst = 0.0L;
@@ -408,13 +409,23 @@ TEST(CFillIn, BandedSolveMatchesADenseSolveInEveryBuild) {
             EXPECT_TRUE(solutions[0] == solutions[1]) << n << " unknowns";
         }
 
-        // The dot product, whose four running sums every build keeps alike.
+        // The dot product, whose four running sums every build keeps alike, and the autocorrelation,
+        // each lag of which is summed as the dot product sums it.
         std::vector<double> a(static_cast<std::size_t>(n) + 3), b(a.size());
         for (std::size_t i = 0; i < a.size(); ++i)
             a[i] = random.Gaussian(), b[i] = random.Gaussian();
-        if (dsp::detail::IsaAvailable(Isa::Avx2Fma)) {
-            EXPECT_EQ(dsp::fillin::FillInKernelsFor(Isa::Portable).dot(a.data(), b.data(), int(a.size())),
-                      dsp::fillin::FillInKernelsFor(Isa::Avx2Fma).dot(a.data(), b.data(), int(a.size())));
+        const int size = static_cast<int>(a.size()), lags = std::min(size + 2, 2 * k.p + 3);
+        const auto& portable = dsp::fillin::FillInKernelsFor(Isa::Portable);
+        std::vector<double> byDot(static_cast<std::size_t>(lags), 0.5);
+        for (int lag = 0; lag < lags; ++lag)
+            byDot[static_cast<std::size_t>(lag)] += portable.dot(a.data() + std::min(lag, size), a.data(), size - lag);
+        for (const Isa isa : {Isa::Portable, Isa::Avx2Fma}) {
+            if (!dsp::detail::IsaAvailable(isa)) continue;
+            const auto& kernels = dsp::fillin::FillInKernelsFor(isa);
+            EXPECT_EQ(portable.dot(a.data(), b.data(), size), kernels.dot(a.data(), b.data(), size));
+            std::vector<double> r(static_cast<std::size_t>(lags), 0.5);
+            kernels.autocorrelation(a.data(), size, lags, r.data());
+            EXPECT_TRUE(r == byDot) << size << " samples, " << lags << " lags";
         }
     }
 }
