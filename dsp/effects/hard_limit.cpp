@@ -147,8 +147,11 @@ struct HardLimit::Windows {
     std::size_t Cell(int c) const { return static_cast<std::size_t>(c) * static_cast<std::size_t>(B); }
 
     // `entering` enters every channel's window; returns the new count of the block being filled.
+    // kChannels: the channel count when it is known where this is built, else 0.
+    template <int kChannels = 0>
     int32_t Enter(int32_t filled, int32_t entering) const {
-        for (int c = 0; c < channels; ++c) {
+        const int C = kChannels > 0 ? kChannels : channels;
+        for (int c = 0; c < C; ++c) {
             const float v = peaks[Cell(c) + static_cast<std::size_t>(entering)];
             const bool greater = v > fillingPeak[c];
             fillingPeak[c] = greater ? v : fillingPeak[c];
@@ -156,7 +159,7 @@ struct HardLimit::Windows {
         }
         if (filled + 1 < L) return filled + 1;
         // The block is full: the maximum of each of its tails, from its last entry back.
-        for (int c = 0; c < channels; ++c) {
+        for (int c = 0; c < C; ++c) {
             const float* line = peaks + Cell(c);
             float* tp = tailPeak + Cell(c);
             int32_t* ta = tailAt + Cell(c);
@@ -209,10 +212,11 @@ void HardLimit::RestartWindows() {
 
 // Frame by frame; the frame's input and output sample of channel c are load(c, i) and
 // store(c, i, y). Everything the frames read that only Prepare changes is held in locals.
-template <typename Load, typename Store>
+// kChannels: the channel count when the caller knows it (the loops over channels then unroll), else 0.
+template <int kChannels, typename Load, typename Store>
 void HardLimit::Run(int n, const Load& load, const Store& store) {
     const Windows w = WindowView();
-    const int C = mChannelCount;
+    const int C = kChannels > 0 ? kChannels : mChannelCount;
     const int32_t B = mBufferLength, L = mLookAhead;
     float* delay = mDelayLine.data();
     float* peaks = mPeakLine.data();
@@ -228,7 +232,7 @@ void HardLimit::Run(int n, const Load& load, const Store& store) {
         const int32_t previous = p == 0 ? B - 1 : p - 1;
         int32_t entering = p + L - 1;
         if (entering >= B) entering -= B;
-        filled = w.Enter(filled, entering);
+        filled = w.Enter<kChannels>(filled, entering);
         float largest = 0.0f;
         for (int c = 0; c < C; ++c) {
             float h = held[c];
@@ -293,15 +297,21 @@ void HardLimit::Run(int n, const Load& load, const Store& store) {
 
 void HardLimit::ProcessOneSample(float* in, float* out) {
     Prepare();
-    Run(
+    Run<0>(
         1, [in](int c, int) { return in[c]; }, [out](int c, int, float y) { out[c] = y; });
 }
 
 void HardLimit::Process(float** in, float** out, int n) {
     if (n < 1) return;
     Prepare();
-    Run(
-        n, [in](int c, int i) { return in[c][i]; }, [out](int c, int i, float y) { out[c][i] = y; });
+    const auto load = [in](int c, int i) { return in[c][i]; };
+    const auto store = [out](int c, int i, float y) { out[c][i] = y; };
+    if (mChannelCount == 2)
+        Run<2>(n, load, store);
+    else if (mChannelCount == 1)
+        Run<1>(n, load, store);
+    else
+        Run<0>(n, load, store);
 }
 
 }  // namespace dsp

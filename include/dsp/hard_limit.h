@@ -82,7 +82,7 @@ private:
     void Prepare();
     // n frames: window peaks, envelopes and gains; then per channel the delayed sample out (gain,
     // clip) and the new one in; then the ring index moves on.
-    template <typename Load, typename Store>
+    template <int kChannels, typename Load, typename Store>
     void Run(int n, const Load& load, const Store& store);
 
     bool mNeedsInitialize = true;

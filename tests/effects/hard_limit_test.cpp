@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "support/signals.h"
@@ -233,9 +235,9 @@ TEST(HardLimit, LoudStreamsFollowTheDefinitionAtAnyBlockSize) {
 // period is near the look-ahead, silence, and NaN and infinity bursts; with the look-ahead moved
 // up and down several times. Compared bit for bit (NaN included) with the definition.
 TEST(HardLimit, AdversarialShapesFollowTheDefinitionBitForBit) {
-    const int rate = 44100, channels = 3;
+    const int rate = 44100;
     const std::size_t frames = 40000;
-    Channels x(channels, Signal(frames));
+    Channels all(3, Signal(frames));
     Random random(77);
     for (std::size_t i = 0; i < frames; ++i) {
         const std::size_t stretch = i / 4000, t = i % 4000;
@@ -267,18 +269,19 @@ TEST(HardLimit, AdversarialShapesFollowTheDefinitionBitForBit) {
                 v = static_cast<float>(3.0 * random.Uniform() - 1.5);
                 break;
         }
-        for (int c = 0; c < channels; ++c)
-            x[c][i] = (c == 1 ? -v : v) * (c == 2 ? 0.7f : 1.0f);
+        for (int c = 0; c < 3; ++c)
+            all[c][i] = (c == 1 ? -v : v) * (c == 2 ? 0.7f : 1.0f);
     }
     for (std::size_t i = 26000; i < 26400; i += 97)
-        x[0][i] = std::numeric_limits<float>::quiet_NaN();
+        all[0][i] = std::numeric_limits<float>::quiet_NaN();
     for (std::size_t i = 20500; i < 20800; ++i)
-        x[2][i] = std::numeric_limits<float>::quiet_NaN();
-    x[1][23000] = std::numeric_limits<float>::infinity();
+        all[2][i] = std::numeric_limits<float>::quiet_NaN();
+    all[1][23000] = std::numeric_limits<float>::infinity();
 
     const double looks[] = {7.0, 15.0, 5.0, 20.0, 7.0};  // ms, changed every 8000 frames
-    for (bool link : {true, false}) {
-        SCOPED_TRACE(link ? "linked" : "unlinked");
+    for (const auto& [channels, link] : {std::pair{3, true}, {3, false}, {2, true}, {2, false}}) {
+        SCOPED_TRACE(std::to_string(channels) + (link ? " channels, linked" : " channels, unlinked"));
+        const Channels x(all.begin(), all.begin() + channels);
         HardLimit limiter;
         limiter.SetChannels(channels);
         limiter.SetParameter(HardLimit::kInputGain, 6.0f);
