@@ -233,7 +233,9 @@ private:
     std::vector<std::size_t> mDrawn;  // per channel: ranges before this one are drawn in mContext
     long long mSelectionStart = 0;
     long long mBlockStart = 0;
-    std::valarray<bool> mMask;  // which samples of a span the second fill-in pass re-synthesises
+    std::valarray<bool> mMask;     // which samples of a span the second fill-in pass re-synthesises
+    std::vector<double> mBasis;    // the polynomial redraw's basis functions over a run
+    std::vector<float> mDrawnRun;  // a run as a pass of the redraw draws it
 };
 
 }  // namespace noclip

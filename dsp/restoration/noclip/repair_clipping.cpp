@@ -78,6 +78,8 @@ RepairClipping::RepairClipping(const NOCLIPPING* record, long pre, long post)
     if (mMargin <= 16) mMargin = 0;
     if (mMargin > 0) mFillIn.Init(std::min(2 * mMargin, mPre), 0);
     mMask.resize(static_cast<std::size_t>(2 * mPost + 1), false);
+    mBasis.assign(4 * static_cast<std::size_t>(mBufferLength), 0.0);
+    mDrawnRun.assign(static_cast<std::size_t>(mBufferLength), 0.0f);
 
     mLimiter.SetChannels(std::max(mChannels, 1));
     mLimiter.SetSampleRate(static_cast<int>(mParam.sampleRate + 0.5f));
@@ -319,18 +321,12 @@ double EdgeFade(double d) {
     return 1.0 - 3.0 * q * q + 2.0 * q * q * q;
 }
 
-// Cubic Hermite at u in [0, 1] over a span of D samples: values and slopes (per sample) at both ends.
-double Cubic(double u, double D, double v0, double s0, double v1, double s1) {
-    const double u2 = u * u, u3 = u2 * u;
-    return v0 * (2.0 * u3 - 3.0 * u2 + 1.0) + D * s0 * (u3 - 2.0 * u2 + u) + v1 * (3.0 * u2 - 2.0 * u3) +
-           D * s1 * (u3 - u2);
-}
-
 }  // namespace
 
 void RepairClipping::DoPolyNomialInterpolation(float** buffers, long channel, long first, long last, long length) {
     float* x = buffers[channel];
     const int c = static_cast<int>(channel);
+    const long n = last - first + 1;
     const double D = static_cast<double>(length + 2);  // from the sample before the run to the one after
     const double v0 = x[first - 1], v1 = x[last + 1];
     const double s0 = (3.0 * x[first - 1] - 4.0 * x[first - 2] + x[first - 3]) / 2.0;
@@ -341,6 +337,19 @@ void RepairClipping::DoPolyNomialInterpolation(float** buffers, long channel, lo
         level = std::max(level, std::fabs(static_cast<double>(x[i])));
     const double bound = 3.0 * level;
     const int passes = trend > 0.0 ? kTrendPasses : 1;
+    // The cubic's four basis functions at each sample of the run, shared by the passes.
+    double* h00 = mBasis.data();
+    double* h10 = h00 + n;
+    double* h01 = h10 + n;
+    double* h11 = h01 + n;
+    const double perSample = 1.0 / D;  // a multiplication per sample rather than a division
+    for (long j = 0; j < n; ++j) {
+        const double u = static_cast<double>(j + 1) * perSample, u2 = u * u, u3 = u2 * u;
+        h00[j] = 2.0 * u3 - 3.0 * u2 + 1.0;
+        h10[j] = u3 - 2.0 * u2 + u;
+        h01[j] = 3.0 * u2 - 2.0 * u3;
+        h11[j] = u3 - u2;
+    }
     // A pass changes only the run's samples, so the low-passed slopes of the next pass are those of
     // this one plus what the change adds through the slope kernel's taps over the run (the kernel
     // is stored reversed: sample j weighs entry j - index + 321 at the slope taken at index).
@@ -348,23 +357,33 @@ void RepairClipping::DoPolyNomialInterpolation(float** buffers, long channel, lo
     const auto tap = [&](long q) { return q >= 0 && q < taps ? mSlopeKernel[static_cast<std::size_t>(q)] : 0.0; };
     double lowS0 = 0.0, lowS1 = 0.0;
     if (trend > 0.0) FindFIRLowPassedSlopes(c, first, last, &lowS0, &lowS1);
-    const double perSample = 1.0 / D;  // a multiplication per sample rather than a division
+    float* drawn = mDrawnRun.data();
+    // The edge fades are 0 from 3 samples on: samples 3 or more from both edges take the cubic alone.
+    const long inner0 = std::min(n, 2L);
+    long inner1 = n;
+    while (inner1 > inner0 && D - static_cast<double>(inner1) < 3.0)
+        --inner1;
     for (int pass = 0; pass < passes; ++pass) {
         const double ts0 = s0 + trend * (lowS0 - s0), ts1 = s1 + trend * (lowS1 - s1);
-        const bool again = pass + 1 < passes;
-        for (long i = first; i <= last; ++i) {
-            const double t = static_cast<double>(i - first + 1), tr = D - t;
-            double y = Cubic(t * perSample, D, v0, ts0, v1, ts1);
-            if (t < 3.0) y += (s0 - ts0) * t * EdgeFade(t);  // the fades are 0 from 3 samples on
+        const double ds0 = D * ts0, ds1 = D * ts1;
+        const auto cubic = [&](long j) { return v0 * h00[j] + ds0 * h10[j] + v1 * h01[j] + ds1 * h11[j]; };
+        for (long j = inner0; j < inner1; ++j)
+            drawn[j] = static_cast<float>(std::clamp(cubic(j), -bound, bound));
+        for (long j = 0; j < n; j = j + 1 == inner0 ? std::max(inner1, j + 1) : j + 1) {
+            const double t = static_cast<double>(j + 1), tr = D - t;
+            double y = cubic(j);
+            if (t < 3.0) y += (s0 - ts0) * t * EdgeFade(t);
             if (tr < 3.0) y -= (s1 - ts1) * tr * EdgeFade(tr);
-            const float drawn = static_cast<float>(std::clamp(y, -bound, bound));
-            if (again) {
-                const double change = static_cast<double>(drawn) - static_cast<double>(x[i]);
-                lowS0 += tap(i - first + 1 + kLowPassHalf + 1) * change;
-                lowS1 += tap(i - last - 2 + kLowPassHalf + 1) * change;
-            }
-            x[i] = drawn;
+            drawn[j] = static_cast<float>(std::clamp(y, -bound, bound));
         }
+        if (pass + 1 < passes) {
+            for (long j = 0; j < n; ++j) {
+                const double change = static_cast<double>(drawn[j]) - static_cast<double>(x[first + j]);
+                lowS0 += tap(j + kLowPassHalf + 2) * change;
+                lowS1 += tap(j - n + kLowPassHalf) * change;
+            }
+        }
+        std::copy(drawn, drawn + n, x + first);
     }
 }
 
