@@ -144,9 +144,14 @@ bool CFillIn::FillInNow(int first, int last, float* samples, float* /*reservedBu
     double* L = mBand.data();
     for (int a = 0; a < count; ++a) {
         double* la = L + a * stride + p - a;
-        for (int k = std::max(0, a - p); k <= a; ++k) {
-            const int gap = mUnknown[a] - mUnknown[k];
-            la[k] = gap <= p ? c[gap] : 0.0;
+        if (mask == nullptr) {  // the span's samples in a row: entry k is c[a - k]
+            for (int k = std::max(0, a - p); k <= a; ++k)
+                la[k] = c[a - k];
+        } else {
+            for (int k = std::max(0, a - p); k <= a; ++k) {
+                const int gap = mUnknown[a] - mUnknown[k];
+                la[k] = gap <= p ? c[gap] : 0.0;
+            }
         }
         std::fill(la + a + 1, L + (a + 1) * stride, 0.0);
     }

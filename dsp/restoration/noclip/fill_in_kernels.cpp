@@ -15,27 +15,46 @@ namespace dsp::fillin::KESTADSP_ISA {
 
 namespace {
 
-double Dot(const double* a, const double* b, int n) {
+#if defined(__AVX__)
+__m256d Load4(const double* x) {
+    return _mm256_loadu_pd(x);
+}
+__m256d Load4(const float* x) {
+    return _mm256_cvtps_pd(_mm_loadu_ps(x));
+}
+#endif
+
+// The sum of a[i] b[i], b in double or single precision (taken exactly as a double).
+template <typename B>
+double DotOf(const double* a, const B* b, int n) {
     int i = 0;
     double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
 #if defined(__AVX__)
     __m256d sum = _mm256_setzero_pd();
     for (; i + 4 <= n; i += 4)
-        sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(a + i), _mm256_loadu_pd(b + i)));
+        sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(a + i), Load4(b + i)));
     alignas(32) double lanes[4];
     _mm256_store_pd(lanes, sum);
     s0 = lanes[0], s1 = lanes[1], s2 = lanes[2], s3 = lanes[3];
 #else
     for (; i + 4 <= n; i += 4) {
-        s0 += a[i] * b[i];
-        s1 += a[i + 1] * b[i + 1];
-        s2 += a[i + 2] * b[i + 2];
-        s3 += a[i + 3] * b[i + 3];
+        s0 += a[i] * static_cast<double>(b[i]);
+        s1 += a[i + 1] * static_cast<double>(b[i + 1]);
+        s2 += a[i + 2] * static_cast<double>(b[i + 2]);
+        s3 += a[i + 3] * static_cast<double>(b[i + 3]);
     }
 #endif
     for (; i < n; ++i)
-        s0 += a[i] * b[i];
+        s0 += a[i] * static_cast<double>(b[i]);
     return (s0 + s1) + (s2 + s3);
+}
+
+double Dot(const double* a, const double* b, int n) {
+    return DotOf(a, b, n);
+}
+
+double DotFloat(const double* a, const float* b, int n) {
+    return DotOf(a, b, n);
 }
 
 // r[k] += Dot(w + k, w, n - k) for k < lags, summed exactly as Dot sums. With AVX four lags at a
@@ -120,7 +139,7 @@ bool SolveBanded(double* band, double* column, double* rhs, int count, int p) {
 }  // namespace
 
 const FillInKernels& FillInKernelTable() {
-    static const FillInKernels table{Dot, Autocorrelation, SolveBanded};
+    static const FillInKernels table{Dot, DotFloat, Autocorrelation, SolveBanded};
     return table;
 }
 

@@ -19,6 +19,8 @@ constexpr int BandStride(int p) {
 struct FillInKernels {
     // The sum of a[i] b[i] for i < n.
     double (*dot)(const double* a, const double* b, int n);
+    // The same with b in single precision (each b[i] taken exactly as a double).
+    double (*dotFloat)(const double* a, const float* b, int n);
     // r[k] += dot(w + k, w, n - k) for k < lags: the autocorrelation of w, each lag summed as dot
     // sums it.
     void (*autocorrelation)(const double* w, int n, int lags, double* r);

@@ -5,6 +5,7 @@
 #include <numbers>
 
 #include "dsp/noclip.h"
+#include "dsp/restoration/noclip/fill_in_kernels.h"
 
 namespace dsp::noclip {
 
@@ -15,21 +16,6 @@ constexpr int kLowPassHalf = 320;  // the low-pass has 2 x 320 + 1 taps
 // Cut-off of that low-pass in cycles per sample (2756 Hz at 44.1 kHz): it keeps the trend a run
 // interrupts and drops the detail that makes a slope taken from three samples jump about.
 constexpr double kLowPassCutoff = 1.0 / 16.0;
-
-#if defined(__GNUC__) || defined(__clang__)
-typedef double Lanes __attribute__((vector_size(16)));
-#else
-struct Lanes {  // the same arithmetic, lane by lane
-    double lane[2];
-    double operator[](int i) const { return lane[i]; }
-    Lanes operator*(const Lanes& o) const { return {{lane[0] * o.lane[0], lane[1] * o.lane[1]}}; }
-    Lanes& operator+=(const Lanes& o) {
-        lane[0] += o.lane[0];
-        lane[1] += o.lane[1];
-        return *this;
-    }
-};
-#endif
 
 bool IsSpectralSize(int n) {
     return n >= 8 && n <= 256 && (n & (n - 1)) == 0;
@@ -262,22 +248,8 @@ double RepairClipping::LowPassedAt(int channel, long index, const std::vector<do
     const float* x = mContext.GetBuffersAsRaw()[channel];
     const long size = static_cast<long>(kernel.size()), origin = index + kLowPassHalf - (size - 1);
     const long from = std::max(0L, -origin), to = std::min(size, static_cast<long>(mBufferLength) - origin);
-    const double* k = kernel.data();
-    const float* v = x + origin;
-    // Four running sums, each of every fourth product, added in a fixed order: two lanes of two,
-    // which every target's baseline vector unit runs with the same rounding as four scalars.
-    Lanes s01 = {0.0, 0.0}, s23 = {0.0, 0.0};
-    long q = from;
-    for (; q + 4 <= to; q += 4) {
-        const Lanes k01 = {k[q], k[q + 1]}, k23 = {k[q + 2], k[q + 3]};
-        const Lanes v01 = {v[q], v[q + 1]}, v23 = {v[q + 2], v[q + 3]};
-        s01 += k01 * v01;
-        s23 += k23 * v23;
-    }
-    double s0 = s01[0];
-    for (; q < to; ++q)
-        s0 += k[q] * v[q];
-    return (s0 + s01[1]) + (s23[0] + s23[1]);
+    // Four running sums, each of every fourth product, added in a fixed order, in every build.
+    return fillin::FillInKernelsFor().dotFloat(kernel.data() + from, x + origin + from, static_cast<int>(to - from));
 }
 
 void RepairClipping::FindFIRLowPassedSlopes(int channel, long first, long last, double* left, double* right) {
