@@ -201,7 +201,7 @@ struct LaneSection {
     DoublePair x1, x2, y1, y2;  // s1, s2 in x1, x2 for the state-variable form
 };
 
-constexpr int kMaxLaneSections = 16;
+using detail::kMaxLaneSections;
 
 // Every sample through every section before the next sample: the sections' recursions then run
 // side by side instead of one block loop after another, each waiting on its own feedback.
@@ -235,6 +235,28 @@ void RunLanes(LaneSection* sections, int count, float* x0, float* x1, int n) {
             }
         }
         detail::StoreFloats(v, x0 + i, x1 + i);
+    }
+}
+
+// The portable lanes over the plain records: pairs in, the loop, memory back out.
+void RunLanes(detail::LaneSectionData* data, int count, float* x0, float* x1, int n) {
+    using detail::MakePair;
+    LaneSection lanes[kMaxLaneSections];
+    auto pair = [](const double(&v)[2]) { return MakePair(v[0], v[1]); };
+    for (int k = 0; k < count; ++k) {
+        const detail::LaneSectionData& d = data[k];
+        LaneSection& s = lanes[k];
+        s.mode = static_cast<Mode>(d.form);
+        for (int j = 0; j < FC::Count; ++j)
+            s.k[j] = pair(d.k[j]);
+        s.x1 = pair(d.x1), s.x2 = pair(d.x2), s.y1 = pair(d.y1), s.y2 = pair(d.y2);
+    }
+    RunLanes(lanes, count, x0, x1, n);
+    auto put = [](double(&to)[2], DoublePair from) { to[0] = detail::Left(from), to[1] = detail::Right(from); };
+    for (int k = 0; k < count; ++k) {
+        detail::LaneSectionData& d = data[k];
+        const LaneSection& s = lanes[k];
+        put(d.x1, s.x1), put(d.x2, s.x2), put(d.y1, s.y1), put(d.y2, s.y2);
     }
 }
 
@@ -456,7 +478,7 @@ KESTA_DEFINE_SECTION(dFilterSection, double)
 namespace detail {
 
 void SectionLanes::ProcessPair(FilterSection* const* left, FilterSection* const* right, int count, float* x0, float* x1,
-                               int n) {
+                               int n, Isa isa) {
     if (n <= 0) return;
     auto oneByOne = [&](int from) {
         for (int k = 0; k < count; ++k) {
@@ -493,28 +515,35 @@ void SectionLanes::ProcessPair(FilterSection* const* left, FilterSection* const*
     }
 
     DenormalGuard guard;
-    LaneSection lanes[kMaxLaneSections];
+    LaneSectionData data[kMaxLaneSections];
     for (int k = 0; k < used; ++k) {
         const dFilterSection& a = *l[k];
         const dFilterSection& b = *r[k];
-        LaneSection& s = lanes[k];
-        s.mode = ModeOf(a.mFirstOrder, a.mStateVariable);
-        for (int j = 0; j < FC::Count; ++j)
-            s.k[j] = MakePair(a.mRunning[j], b.mRunning[j]);
-        s.x1 = MakePair(a.mState.mX1, b.mState.mX1);
-        s.x2 = MakePair(a.mState.mX2, b.mState.mX2);
-        s.y1 = MakePair(a.mState.mY1, b.mState.mY1);
-        s.y2 = MakePair(a.mState.mY2, b.mState.mY2);
+        LaneSectionData& d = data[k];
+        d.form = static_cast<LaneSectionData::Form>(ModeOf(a.mFirstOrder, a.mStateVariable));
+        for (int j = 0; j < FC::Count; ++j) {
+            d.k[j][0] = a.mRunning[j];
+            d.k[j][1] = b.mRunning[j];
+        }
+        d.x1[0] = a.mState.mX1, d.x1[1] = b.mState.mX1;
+        d.x2[0] = a.mState.mX2, d.x2[1] = b.mState.mX2;
+        d.y1[0] = a.mState.mY1, d.y1[1] = b.mState.mY1;
+        d.y2[0] = a.mState.mY2, d.y2[1] = b.mState.mY2;
     }
-    RunLanes(lanes, used, x0 + start, x1 + start, n - start);
+#if defined(KESTADSP_HAVE_AVX2)
+    if (ResolveIsa(isa) == Isa::Avx2Fma)
+        avx2::RunSectionLanes(data, used, x0 + start, x1 + start, n - start);
+    else
+#endif
+        RunLanes(data, used, x0 + start, x1 + start, n - start);
     for (int k = 0; k < used; ++k) {
-        const LaneSection& s = lanes[k];
+        const LaneSectionData& d = data[k];
         FilterState<double>& a = l[k]->mState;
         FilterState<double>& b = r[k]->mState;
-        a.mX1 = Left(s.x1), b.mX1 = Right(s.x1);
-        a.mX2 = Left(s.x2), b.mX2 = Right(s.x2);
-        a.mY1 = Left(s.y1), b.mY1 = Right(s.y1);
-        a.mY2 = Left(s.y2), b.mY2 = Right(s.y2);
+        a.mX1 = d.x1[0], b.mX1 = d.x1[1];
+        a.mX2 = d.x2[0], b.mX2 = d.x2[1];
+        a.mY1 = d.y1[0], b.mY1 = d.y1[1];
+        a.mY2 = d.y2[0], b.mY2 = d.y2[1];
     }
 }
 

@@ -424,6 +424,8 @@ TEST(DenormalGuard, FlushesInItsScopeAndDecayingTailsEndInZeros) {
 
 // ---- Two channels side by side ------------------------------------------------------------
 
+using dsp::detail::Isa;
+
 using Chain = std::vector<std::unique_ptr<FilterSection>>;
 
 // One channel's chain: first- and second-order shelves, a peak, a notch in state-variable form
@@ -468,35 +470,50 @@ std::vector<FilterSection*> Pointers(Chain& c) {
 
 // The lanes give the bits of every section run over each channel in turn, whatever the chains
 // hold: settled or gliding by different amounts (lanes after the longest glide), or unlike in
-// enabled state, form or precision (each channel on its own).
+// enabled state, form or precision (each channel on its own); a chain of one section and blocks
+// shorter than the chain included.
 TEST(SectionLanes, PairedChannelsGiveTheBitsOfEachSectionInTurn) {
-    const std::pair<const char*, Variant> cases[] = {{"same", Variant::Same},
-                                                     {"own settings and glides", Variant::OwnSettingsAndGlides},
-                                                     {"enabled differs", Variant::EnabledDiffers},
-                                                     {"form differs", Variant::FormDiffers},
-                                                     {"precision differs", Variant::PrecisionDiffers}};
-    for (const auto& [name, variant] : cases) {
-        SCOPED_TRACE(name);
-        Chain refLeft = MakeChain(false, variant), refRight = MakeChain(true, variant);
-        Chain left = MakeChain(false, variant), right = MakeChain(true, variant);
-        const std::vector<FilterSection*> l = Pointers(left), r = Pointers(right);
-        Signal expected0 = WhiteNoise(5000, 21, 0.7), expected1 = WhiteNoise(5000, 22, 0.7);
-        Signal x0 = expected0, x1 = expected1;
-        kesta::test::Random random(23);
-        for (std::size_t at = 0; at < x0.size();) {
-            const int n = std::min<int>(random.UniformInt(0, 900), static_cast<int>(x0.size() - at));
-            for (std::size_t k = 0; k < refLeft.size(); ++k) {
-                refLeft[k]->processInplace(expected0.data() + at, n);
-                refRight[k]->processInplace(expected1.data() + at, n);
+    struct Case {
+        const char* name;
+        Variant variant;
+        std::size_t sections;  // the chain's first so many
+    };
+    const Case cases[] = {{"same", Variant::Same, 5},
+                          {"one section", Variant::Same, 1},
+                          {"three sections", Variant::Same, 3},
+                          {"own settings and glides", Variant::OwnSettingsAndGlides, 5},
+                          {"enabled differs", Variant::EnabledDiffers, 5},
+                          {"form differs", Variant::FormDiffers, 5},
+                          {"precision differs", Variant::PrecisionDiffers, 5}};
+    std::vector<Isa> builds{Isa::Portable};
+    if (dsp::detail::IsaAvailable(Isa::Avx2Fma)) builds.push_back(Isa::Avx2Fma);
+    for (const Isa isa : builds)
+        for (const auto& [name, variant, sections] : cases) {
+            SCOPED_TRACE(std::string(name) + " in the " + dsp::detail::IsaName(isa) + " build");
+            Chain refLeft = MakeChain(false, variant), refRight = MakeChain(true, variant);
+            Chain left = MakeChain(false, variant), right = MakeChain(true, variant);
+            for (Chain* c : {&refLeft, &refRight, &left, &right})
+                c->resize(sections);
+            const std::vector<FilterSection*> l = Pointers(left), r = Pointers(right);
+            Signal expected0 = WhiteNoise(5000, 21, 0.7), expected1 = WhiteNoise(5000, 22, 0.7);
+            Signal x0 = expected0, x1 = expected1;
+            kesta::test::Random random(23);
+            for (std::size_t at = 0; at < x0.size();) {
+                const int n =
+                    std::min<int>(random.UniformInt(0, 3) == 0 ? random.UniformInt(0, 3) : random.UniformInt(4, 900),
+                                  static_cast<int>(x0.size() - at));
+                for (std::size_t k = 0; k < refLeft.size(); ++k) {
+                    refLeft[k]->processInplace(expected0.data() + at, n);
+                    refRight[k]->processInplace(expected1.data() + at, n);
+                }
+                detail::SectionLanes::ProcessPair(l.data(), r.data(), static_cast<int>(l.size()), x0.data() + at,
+                                                  x1.data() + at, n, isa);
+                at += static_cast<std::size_t>(n);
             }
-            detail::SectionLanes::ProcessPair(l.data(), r.data(), static_cast<int>(l.size()), x0.data() + at,
-                                              x1.data() + at, n);
-            at += static_cast<std::size_t>(n);
+            EXPECT_EQ(x0, expected0);
+            EXPECT_EQ(x1, expected1);
+            EXPECT_NE(x0, WhiteNoise(5000, 21, 0.7));  // the chain did act
         }
-        EXPECT_EQ(x0, expected0);
-        EXPECT_EQ(x1, expected1);
-        EXPECT_NE(x0, WhiteNoise(5000, 21, 0.7));  // the chain did act
-    }
 }
 
 }  // namespace
