@@ -11,11 +11,11 @@
 //     held vowel is neither below its own minimum nor noise-like, so it is not learned as noise,
 //     while a noise floor that rises is followed within about two seconds;
 //   - the estimate the gains use follows the tracker down at once but rises no faster than
-//     0.2 dB/s unless most of the band rises together (a change of the noise, followed within a
-//     few seconds): music holds some bins well over the noise for long stretches, and without
-//     this limit the tracker would take a sustained chord for noise. Bins whose tracker reads far
-//     over the limit hold signal: they do not creep up, and follow the rest of the band only
-//     when it rises or falls together;
+//     0.05 dB/s unless most of the band rises together in a frame that may hold noise alone (a
+//     change of the noise, followed within a few seconds): music holds some bins well over the
+//     noise for long stretches, and without this limit the tracker would take a sustained chord
+//     for noise. Bins whose tracker reads far over the limit hold signal: they do not creep up,
+//     and follow the rest of the band only when it rises or falls together;
 //   - the first quarter second seeds the estimate with its mean power, and a bin whose estimate
 //     stays too high falls back within a few frames, so the audio may start with signal.
 // The gain of every bin is the log-spectral-amplitude estimator with a decision-directed
@@ -26,9 +26,10 @@
 // broad, sustained signal opens the gain. A frame whose mean a-priori SNR over 120 Hz ... 8.6 kHz
 // is low holds no signal at all (a pause between words or notes): there the presence is scaled
 // down, to nothing in a frame well under −10 dB, so every bin falls to the floor, a burst of the
-// noise far over its estimate included. Each bin then takes the largest gain of itself and its
-// two neighbours, so a component keeps its whole main lobe. Gmin = 10^(−reductionDb/20):
-// noise-only bins, hum lines included, fall by close to reductionDb.
+// noise far over its estimate included. So does a frame whose power follows the estimate's shape
+// bin for bin (noise alone, though its level has moved off the estimate). Each bin then takes the
+// largest gain of itself and its two neighbours, so a component keeps its whole main lobe.
+// Gmin = 10^(−reductionDb/20): noise-only bins, hum lines included, fall by close to reductionDb.
 //
 // Geometry: OverlapSave with a Hann window, N = FrameLengthFor(sampleRate) (1024 at 44.1 and 48
 // kHz, about 23 ms), a hop of N/2 (crossfade L = N/4 at offset P = N/2). Latency: N frames.
@@ -50,6 +51,7 @@ namespace dsp {
 namespace adaptive {
 struct AdaptiveKernels;
 struct FrameConstants;
+struct FrameRows;
 }  // namespace adaptive
 
 class KESTADSP_API AdaptiveNoise : public OverlapSave {
@@ -83,6 +85,7 @@ private:
     bool ResidualOutput() const override { return mResidual && mReductionDb != 0.0; }
     void ReduceChannel(int channel, float* re, float* im);
     void FramePresence(const float* xi, adaptive::FrameConstants& constants) const;
+    double FrameSpread(const adaptive::FrameRows& frame, const float* noise) const;
 
     // Per bin of every channel, one row each (mBins floats).
     enum Row {

@@ -40,14 +40,16 @@ constexpr double kCreepDbPerSecond = 6;  // rise of an estimate stuck under pers
 // The estimate the gains use follows the tracker down at once but up no faster than a ceiling.
 // Sustained music lifts the tracker in the bins of its partials (their power lies between the
 // noise and the certain-presence level for long stretches); the ceiling lets that through at
-// kSlowDb per second only, so a held chord is not learned. When the noise itself changes, most
-// of the band moves together: with more than kBandShareHigh of the bins that are not held
-// (tracked more than kHeldOverCeiling over the ceiling) kAboveCeiling over or under their
-// ceilings, the ceilings move at kFastDb per second (linearly between from kBandShareLow), the
-// held bins' ceilings with them, so a noise that swells and ebbs is followed under the music too.
+// kSlowDb per second only, so a held chord is not learned (in 16 s of music less than a decibel).
+// When the noise itself changes, most of the band moves together: with more than kBandShareHigh
+// of the bins that are not held (tracked more than kHeldOverCeiling over the ceiling)
+// kAboveCeiling over or under their ceilings, the ceilings move at kFastDb per second (linearly
+// between from kBandShareLow), the held bins' ceilings with them, so a noise that swells and ebbs
+// is followed under the music too. Music that swells lifts most of the band as well, but unevenly:
+// rises together count only in frames whose spread (FrameSpread) leaves room for noise alone.
 // The ceiling sits near the middle of the tracker's own frame-to-frame wander, so the estimate
 // reads stationary noise about half a decibel low, which costs less than a high one would.
-constexpr double kSlowDbPerSecond = 0.2;
+constexpr double kSlowDbPerSecond = 0.05;
 constexpr double kFastDbPerSecond = 20.0;
 constexpr float kAboveCeiling = 1.4f;     // 1.5 dB
 constexpr float kHeldOverCeiling = 6.3f;  // 8 dB
@@ -64,6 +66,13 @@ constexpr double kFrameHighHz = 8600.0;
 constexpr float kFrameCap = 10.0f;
 constexpr double kFramePriorLow = 0.1, kFramePriorHigh = 0.31622777;
 constexpr double kFrameGateLow = 0.01, kFrameGateHigh = 0.1;
+
+// Whether a frame holds noise alone, from the spread of ln γ over the same band (FrameSpread):
+// noise alone stays under 0.6 in all but a few frames, speech or music 0 dB over the noise reaches
+// 0.8 and more. Under kSpreadAlone the frame falls to the floor (ramped to kSpreadAloneHigh); the
+// band may rise together only under kSpreadRise.
+constexpr double kSpreadAlone = 0.55, kSpreadAloneHigh = 0.7, kSpreadRise = 1.2;
+constexpr double kSpreadLogFloor = -3.0;
 
 constexpr int kLocalHalf = 1;    // 3 bins
 constexpr int kGlobalHalf = 15;  // 31 bins
@@ -199,6 +208,21 @@ void AdaptiveNoise::FramePresence(const float* xi, adaptive::FrameConstants& con
     constants.frameGate = ramp(kFrameGateLow, kFrameGateHigh);
 }
 
+double AdaptiveNoise::FrameSpread(const adaptive::FrameRows& frame, const float* noise) const {
+    // Over the speech band, the log of the mean of γ = |X|²/λ less the mean of its log (clamped
+    // at kSpreadLogFloor): noise alone, of any level and colour, reads about 0.53 (Euler's
+    // constant for exponential γ, less a little for the clamp) also where its level has moved off
+    // the estimate, since it moves every bin alike; speech or music lifts some bins far over the
+    // rest.
+    double sum = 0.0, logSum = 0.0;
+    for (int k = mFrameBinLow; k < mFrameBinHigh; ++k) {
+        sum += double(frame.power[k]) / double(std::max(noise[k], adaptive::kPowerFloor));
+        logSum += std::max(double(frame.lnV[k]) - double(frame.lnLsa[k]), kSpreadLogFloor);  // ln v − ln ξ/(1+ξ)
+    }
+    const double n = double(mFrameBinHigh - mFrameBinLow);
+    return std::log(std::max(sum / n, 1e-30)) - logSum / n;
+}
+
 void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     const int B = mBins;
     const adaptive::ChannelRows rows{
@@ -232,6 +256,15 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
 
     mKernels->prepare(re, im, rows, frame, B, constants);
     FramePresence(frame.xi, constants);
+    // A frame that holds noise alone falls to the floor whatever its level against the estimate
+    // (a noise that swells between words is not let through while the estimate catches up).
+    const double spread = mFrame >= mSeedFrames ? FrameSpread(frame, rows.noise) : kSpreadRise;
+    auto under = [spread](double low, double high) {
+        return static_cast<float>(std::clamp((high - spread) / (high - low), 0.0, 1.0));
+    };
+    const float alone = under(kSpreadAlone, kSpreadAloneHigh);
+    constants.framePrior = std::min(constants.framePrior, 1.0f - alone);
+    constants.frameGate = std::min(constants.frameGate, 1.0f - alone);
     const HalfExpintTable& halfExpint = HalfExpint();
     for (int k = 0; k < B; ++k)
         frame.lnLsa[k] = std::min(frame.lnLsa[k] + halfExpint(frame.lnV[k]), 0.0f);
@@ -261,7 +294,7 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
             const float share = counted > 0 ? float(n) / float(counted) : 0.0f;
             return std::clamp((share - kBandShareLow) / (kBandShareHigh - kBandShareLow), 0.0f, 1.0f);
         };
-        const float up = together(above), down = together(below);
+        const float up = std::min(together(above), under(kSpreadAlone, kSpreadRise)), down = together(below);
         const float riseDb = mSlowDb + up * (mFastDb - mSlowDb);
         const float fallDb = mSlowDb + down * (mFastDb - mSlowDb);
         const float heldDb = (up - down) * mFastDb;
