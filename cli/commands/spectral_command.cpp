@@ -41,6 +41,20 @@ std::string FormatSecondsUp(int64_t frames, int rate) {
     return FormatSeconds(std::ceil(double(frames) * 1000.0 / rate) / 1000.0);
 }
 
+// The sum of x[i]² for i < count in double (each square of a float is exact there), over eight
+// running sums so that the additions do not wait on one another.
+double SumOfSquares(const float* x, int64_t count) {
+    double lanes[8] = {};
+    int64_t i = 0;
+    for (; i + 8 <= count; i += 8)
+        for (int k = 0; k < 8; ++k)
+            lanes[k] += double(x[i + k]) * double(x[i + k]);
+    double rest = 0.0;
+    for (; i < count; ++i)
+        rest += double(x[i]) * double(x[i]);
+    return (((lanes[0] + lanes[4]) + (lanes[1] + lanes[5])) + ((lanes[2] + lanes[6]) + (lanes[3] + lanes[7]))) + rest;
+}
+
 // The energy of the frames of a stream that fall inside [start, end), per channel.
 class RangeMeter {
 public:
@@ -50,11 +64,7 @@ public:
         const int64_t from = std::max(mStart, position), to = std::min(mEnd, position + int64_t(block.Frames()));
         if (from >= to) return;
         for (int c = 0; c < block.Channels(); ++c) {
-            const float* x = block.Channel(c) + (from - position);
-            double sum = 0.0;
-            for (int64_t i = 0; i < to - from; ++i)
-                sum += double(x[i]) * double(x[i]);
-            mSquares[std::size_t(c)] += sum;
+            mSquares[std::size_t(c)] += SumOfSquares(block.Channel(c) + (from - position), to - from);
         }
         mFrames += to - from;
     }
