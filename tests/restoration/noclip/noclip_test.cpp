@@ -409,8 +409,8 @@ TEST(CFillIn, BandedSolveMatchesADenseSolveInEveryBuild) {
             EXPECT_TRUE(solutions[0] == solutions[1]) << n << " unknowns";
         }
 
-        // The dot product, whose four running sums every build keeps alike, and the autocorrelation,
-        // each lag of which is summed as the dot product sums it.
+        // The dot product, whose four running sums every build keeps alike (also with single-precision
+        // samples), and the autocorrelation, each lag of which is summed as the dot product sums it.
         std::vector<double> a(static_cast<std::size_t>(n) + 3), b(a.size());
         for (std::size_t i = 0; i < a.size(); ++i)
             a[i] = random.Gaussian(), b[i] = random.Gaussian();
@@ -423,6 +423,9 @@ TEST(CFillIn, BandedSolveMatchesADenseSolveInEveryBuild) {
             if (!dsp::detail::IsaAvailable(isa)) continue;
             const auto& kernels = dsp::fillin::FillInKernelsFor(isa);
             EXPECT_EQ(portable.dot(a.data(), b.data(), size), kernels.dot(a.data(), b.data(), size));
+            std::vector<float> single(b.begin(), b.end());
+            std::vector<double> widened(single.begin(), single.end());
+            EXPECT_EQ(kernels.dotFloat(a.data(), single.data(), size), portable.dot(a.data(), widened.data(), size));
             std::vector<double> r(static_cast<std::size_t>(lags), 0.5);
             kernels.autocorrelation(a.data(), size, lags, r.data());
             EXPECT_TRUE(r == byDot) << size << " samples, " << lags << " lags";
