@@ -25,7 +25,7 @@
 // bins, so an isolated noise peak (the source of "musical noise") is held at the floor while
 // broad, sustained signal opens the gain. A frame whose mean a-priori SNR over 120 Hz ... 8.6 kHz
 // is low holds no signal at all (a pause between words or notes): there the presence is scaled
-// down, to nothing in a frame well under −10 dB, so every bin falls to the floor, a burst of the
+// down, to nothing in a frame well under −7 dB, so every bin falls to the floor, a burst of the
 // noise far over its estimate included. So does a frame whose power follows the estimate's shape
 // bin for bin (noise alone, though its level has moved off the estimate). Each bin then takes the
 // largest gain of itself and its two neighbours, so a component keeps its whole main lobe.

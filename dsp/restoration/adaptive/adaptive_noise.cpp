@@ -30,7 +30,7 @@ namespace {
 constexpr double kReferenceHop = 0.016;
 constexpr double kNoiseAlpha = 0.8;      // noise update
 constexpr double kPresenceAlpha = 0.9;   // tracker's presence probability
-constexpr double kDdAlpha = 0.98;        // decision-directed a-priori SNR
+constexpr double kDdAlpha = 0.96;        // decision-directed a-priori SNR
 constexpr double kPrioriAlpha = 0.7;     // a-priori SNR smoothed for the absence probability
 constexpr double kPowerAlpha = 0.85;     // power for the minimum search
 constexpr double kLogSeconds = 0.4;      // time constant of the log-power moments
@@ -58,14 +58,14 @@ constexpr float kBandShareHigh = 0.7f;
 
 // Whether a frame holds signal at all, from its mean a-priori SNR over kFrameLowHz to
 // kFrameHighHz (bins counted up to kFrameCap, 10 dB): the a-priori presence of every bin is scaled
-// by a ramp from −10 to −5 dB of that mean, the conditional presence by one from −20 to −10 dB.
+// by a ramp from −7 to −2 dB of that mean, the conditional presence by one from −17 to −7 dB.
 // Between words and notes every bin then falls to the floor, also where the noise throws up a
 // burst far over its estimate (rumble in the lowest bins), which would otherwise pass as signal.
 constexpr double kFrameLowHz = 120.0;
 constexpr double kFrameHighHz = 8600.0;
 constexpr float kFrameCap = 10.0f;
-constexpr double kFramePriorLow = 0.1, kFramePriorHigh = 0.31622777;
-constexpr double kFrameGateLow = 0.01, kFrameGateHigh = 0.1;
+constexpr double kFramePriorLow = 0.2, kFramePriorHigh = 0.63245553;
+constexpr double kFrameGateLow = 0.02, kFrameGateHigh = 0.2;
 
 // Whether a frame holds noise alone, from the spread of ln γ over the same band (FrameSpread):
 // noise alone stays under 0.6 in all but a few frames, speech or music 0 dB over the noise reaches
