@@ -1,13 +1,26 @@
 // Noise reduction on real recordings: the noisy corpus and its scores (bench/denoise_compare
 // drives it).
-//   kesta_denoise_eval mix CLEAN.wav OUT.wav TYPE SNR_DB LEAD_SECONDS
+//   kesta_denoise_eval mix CLEAN.wav OUT.wav TYPE SNR_DB LEAD_SECONDS [inverted]
 //       OUT: LEAD_SECONDS of noise alone, then CLEAN plus noise of TYPE (white, pink, brown, hum,
 //       fan) at SNR_DB below CLEAN's RMS; OUT.clean.wav: CLEAN with the same lead of silence.
+//       With `inverted`, the same noise is subtracted instead of added.
 //   kesta_denoise_eval score CLEAN.wav NOISY.wav OUT.wav LEAD_SECONDS
 //       prints ΔSI-SDR, Δ segmental SNR (20 ms frames, each clamped to −10 ... 35 dB) over the
 //       programme after the lead, and the level of OUT in the programme's pauses (50 ms windows
 //       more than 40 dB below the programme's 95th-percentile level) relative to NOISY's there.
-
+//   kesta_denoise_eval lines CLEAN.wav NOISY.wav OUT.wav OUT_INVERTED.wav
+//       for the hum type's lines (50 Hz and its harmonics to 1 kHz), each measured over the whole
+//       file by a Hann-windowed projection onto the line's frequency (a band of about 1.5/length
+//       Hz), the level against the input noise's (NOISY − CLEAN) there, in dB, of
+//         - the residual noise OUT − CLEAN. It also holds whatever the method took from the
+//           programme at the line's frequency, so it cannot fall below the programme's own level
+//           there (printed as `floor`: what removing everything at the line would leave);
+//         - the noise the method let through, (OUT − OUT_INVERTED)/2, where OUT_INVERTED is the
+//           method's output for the mix with the noise inverted (the phase-inversion separation of
+//           Hagerman and Olofsson): what the method does to the programme cancels, what it leaves
+//           of the line does not.
+//       Prints for each measure the worst (highest) and mean change over the lines, then the
+//       floor, then each line's change by the second measure.
 #include <sndfile.h>
 
 #include <algorithm>
@@ -116,14 +129,16 @@ std::vector<double> Noise(const std::string& type, std::size_t n, int rate, uint
     return x;
 }
 
-int Mix(const std::string& cleanPath, const std::string& outPath, const std::string& type, double snrDb, double lead) {
+int Mix(const std::string& cleanPath, const std::string& outPath, const std::string& type, double snrDb, double lead,
+        bool inverted) {
     const Audio clean = Read(cleanPath);
     const int C = clean.channels;
     const std::size_t leadFrames = std::size_t(lead * clean.rate), frames = clean.samples.size() / std::size_t(C);
     double sum = 0.0;
     for (float v : clean.samples)
         sum += double(v) * v;
-    const double noiseRms = std::sqrt(sum / double(clean.samples.size())) * std::pow(10.0, -snrDb / 20.0);
+    const double noiseRms =
+        std::sqrt(sum / double(clean.samples.size())) * std::pow(10.0, -snrDb / 20.0) * (inverted ? -1.0 : 1.0);
     Audio padded{clean.rate, C, std::vector<float>((leadFrames + frames) * std::size_t(C), 0.0f)};
     std::copy(clean.samples.begin(), clean.samples.end(), padded.samples.begin() + std::ptrdiff_t(leadFrames * C));
     Audio noisy = padded;
@@ -200,12 +215,66 @@ int Score(const std::string& cleanPath, const std::string& noisyPath, const std:
     return 0;
 }
 
+// The power at `frequency` of a Hann-windowed projection over the whole of x (double throughout).
+double LinePower(const std::vector<double>& x, double frequency, int rate) {
+    const double pi = std::numbers::pi, n = double(x.size());
+    double re = 0.0, im = 0.0;
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        const double w = 0.5 - 0.5 * std::cos(2.0 * pi * (double(i) + 0.5) / n);
+        const double phase = 2.0 * pi * std::fmod(frequency * double(i) / rate, 1.0);
+        re += w * x[i] * std::cos(phase), im -= w * x[i] * std::sin(phase);
+    }
+    return re * re + im * im;
+}
+
+int Lines(const std::string& cleanPath, const std::string& noisyPath, const std::string& outPath,
+          const std::string& invertedPath) {
+    const Audio clean = Read(cleanPath), noisy = Read(noisyPath), out = Read(outPath), inv = Read(invertedPath);
+    const int C = clean.channels;
+    const std::size_t frames =
+        std::min({clean.samples.size(), noisy.samples.size(), out.samples.size(), inv.samples.size()}) / C;
+    constexpr int kLines = 20;
+    // Per line: the input noise, the residual, the separated noise, the programme.
+    double power[4][kLines] = {};
+    std::vector<double> x[4];
+    for (int c = 0; c < C; ++c) {
+        for (auto& v : x)
+            v.assign(frames, 0.0);
+        for (std::size_t i = 0; i < frames; ++i) {
+            const std::size_t j = i * C + c;
+            x[0][i] = double(noisy.samples[j]) - clean.samples[j];
+            x[1][i] = double(out.samples[j]) - clean.samples[j];
+            x[2][i] = 0.5 * (double(out.samples[j]) - inv.samples[j]);
+            x[3][i] = clean.samples[j];
+        }
+        for (int m = 0; m < 4; ++m)
+            for (int h = 1; h <= kLines; ++h)
+                power[m][h - 1] += LinePower(x[m], 50.0 * h, clean.rate);
+    }
+    auto db = [&](int m, int h) {
+        return 10.0 * std::log10(std::max(power[m][h], 1e-30) / std::max(power[0][h], 1e-30));
+    };
+    double worst[4] = {-INFINITY, -INFINITY, -INFINITY, -INFINITY}, mean[4] = {};
+    for (int m = 1; m < 4; ++m)
+        for (int h = 0; h < kLines; ++h)
+            worst[m] = std::max(worst[m], db(m, h)), mean[m] += db(m, h) / kLines;
+    std::printf("%.1f %.1f %.1f %.1f %.1f", worst[1], mean[1], worst[2], mean[2], worst[3]);
+    for (int h = 0; h < kLines; ++h)
+        std::printf(" %.0f", db(2, h));
+    std::printf("\n");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
-    if (mode == "mix" && argc == 7) return Mix(argv[2], argv[3], argv[4], std::atof(argv[5]), std::atof(argv[6]));
+    if (mode == "mix" && (argc == 7 || (argc == 8 && std::string(argv[7]) == "inverted")))
+        return Mix(argv[2], argv[3], argv[4], std::atof(argv[5]), std::atof(argv[6]), argc == 8);
     if (mode == "score" && argc == 6) return Score(argv[2], argv[3], argv[4], std::atof(argv[5]));
-    std::fprintf(stderr, "usage: kesta_denoise_eval mix CLEAN OUT TYPE SNR LEAD | score CLEAN NOISY OUT LEAD\n");
+    if (mode == "lines" && argc == 6) return Lines(argv[2], argv[3], argv[4], argv[5]);
+    std::fprintf(stderr,
+                 "usage: kesta_denoise_eval mix CLEAN OUT TYPE SNR LEAD [inverted] | score CLEAN NOISY OUT LEAD | "
+                 "lines CLEAN NOISY OUT OUT_INVERTED\n");
     return 2;
 }
