@@ -32,5 +32,6 @@
 #include "dsp/silence.h"
 #include "dsp/spectrum_packing.h"
 #include "dsp/stereo_expander.h"
+#include "dsp/tonal_line_canceller.h"
 #include "dsp/version.h"
 #include "dsp/white_noise.h"

@@ -34,6 +34,7 @@
 #include "dsp/second_order_iir_filter.h"
 #include "dsp/silence.h"
 #include "dsp/stereo_expander.h"
+#include "dsp/tonal_line_canceller.h"
 #include "dsp/white_noise.h"
 #include "property_inputs.h"
 #include "restoration/restoration_setup.h"
@@ -550,6 +551,15 @@ Row AdaptiveNoiseRow() {
     return row;
 }
 
+Row TonalLineCancellerRow() {
+    using dsp::TonalLineCanceller;
+    Row row{"TonalLineCanceller", true, {}, nullptr};
+    row.make = [](int rate, int, float) {
+        return std::make_unique<Held<TonalLineCanceller>>(ProcessOps<TonalLineCanceller>(), kChannels, rate);
+    };
+    return row;
+}
+
 // Ranges over the programme's clicks and over the hostile signal's square wave and impulse.
 std::vector<dsp::utils::Range> RepairRanges(int channel) {
     return {{1500 + 400 * channel, 3, 0}, {3070, 40, 0}, {3200, 2, 0}, {6500 + 400 * channel, 5, 0}, {11500, 90, 0}};
@@ -677,10 +687,10 @@ Row DeleteSilenceRow() {
 }
 
 std::vector<Row> Table() {
-    return {HardLimitRow(),      StereoExpanderRow(), ParametricRow(),    GraphicRow(),        DeskFilterRow(),
-            SecondOrderIIRRow(), ConvolverRow(),      ResampleRow(),      LinearResampleRow(), WhiteNoiseRow(),
-            NoNoiseRow(),        NoHissRow(),         AdaptiveNoiseRow(), ReplaceClicksRow(),  RepairClippingRow(),
-            FindSilenceRow(),    DeleteSilenceRow(),  DNZProcessRow()};
+    return {HardLimitRow(),      StereoExpanderRow(), ParametricRow(),    GraphicRow(),           DeskFilterRow(),
+            SecondOrderIIRRow(), ConvolverRow(),      ResampleRow(),      LinearResampleRow(),    WhiteNoiseRow(),
+            NoNoiseRow(),        NoHissRow(),         AdaptiveNoiseRow(), ReplaceClicksRow(),     RepairClippingRow(),
+            FindSilenceRow(),    DeleteSilenceRow(),  DNZProcessRow(),    TonalLineCancellerRow()};
 }
 
 void PrintTo(const Row& row, std::ostream* out) {
