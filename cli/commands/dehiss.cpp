@@ -151,14 +151,12 @@ Command AddDehissCommand(CLI::App& kesta) {
     AddNumberOption(*app, "--smoothing", settings->smoothingPercent,
                     "Smoothing of the measured levels, percent, 0 to 99 (default 65)")
         ->type_name("PCT");
-    return {app,
-            [options, settings] {
-                DehissTool tool(*options, *settings);
-                return RunSpectralCommand(*options, tool);
-            },
-            [options, settings](const StageInput& in) {
-                return MakeSpectralStage(*options, std::make_shared<DehissTool>(*options, *settings), in);
-            }};
+    return {
+        app,
+        [options, settings] { return RunSpectralCommand(*options, std::make_shared<DehissTool>(*options, *settings)); },
+        [options, settings](const StageInput& in) {
+            return MakeSpectralStage(*options, std::make_shared<DehissTool>(*options, *settings), in);
+        }};
 }
 
 }  // namespace kesta

@@ -255,9 +255,83 @@ struct StreamMeasures {
     StreamMeasures(int channels, int rate) : input(channels), pauses(rate) {}
 };
 
-// Runs INPUT through the processor into OUTPUT with its latency compensated, measuring the levels
-// on the way.
-void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, AudioOutput& output, Progress& progress,
+// The processor, after a line canceller when the tool has one, as one stage. With --residual and
+// a canceller, the processor writes the cleaned audio and the stage gives the input, delayed as the
+// two delay it, less their output: what the two removed together.
+class SpectralStage : public Stage {
+public:
+    SpectralStage(std::shared_ptr<SpectralTool> tool, std::unique_ptr<dsp::OverlapSave> process,
+                  std::unique_ptr<dsp::TonalLineCanceller> lines, bool residual, int channels)
+        : mTool(std::move(tool)), mProcess(std::move(process)), mLines(std::move(lines)) {
+        if (residual && mLines) {
+            mDelay = std::size_t(Latency()) + kChunk;
+            mHistory.assign(std::size_t(channels) * mDelay, 0.0f);
+            mDelayed.assign(std::size_t(channels) * kChunk, 0.0f);
+        }
+        mPointers.resize(std::size_t(channels));
+    }
+
+    int64_t Latency() const override { return (mLines ? mLines->GetLatency() : 0) + mProcess->GetLatency(); }
+    void EndOfInput() override {
+        if (mLines) mLines->MarkEnd();
+    }
+
+    void Process(float** channels, int count, int frames) override {
+        for (int done = 0; done < frames;) {
+            const int n = std::min(frames - done, int(kChunk));
+            for (int c = 0; c < count; ++c)
+                mPointers[std::size_t(c)] = channels[c] + done;
+            float** p = mPointers.data();
+            if (!mHistory.empty())
+                for (int c = 0; c < count; ++c) {
+                    float* history = mHistory.data() + std::size_t(c) * mDelay;
+                    float* delayed = mDelayed.data() + std::size_t(c) * kChunk;
+                    for (int i = 0; i < n; ++i) {
+                        const std::size_t at = (mPosition + std::size_t(i)) % mDelay;
+                        delayed[i] = history[at];  // the frame Latency() + kChunk ... back, read first
+                        history[at] = p[c][i];
+                    }
+                }
+            if (mLines) mLines->Process(p, p, count, n);
+            mProcess->Process(p, p, count, n);
+            if (!mHistory.empty()) {
+                for (int c = 0; c < count; ++c) {
+                    const float* delayed = mDelayed.data() + std::size_t(c) * kChunk;
+                    for (int i = 0; i < n; ++i)
+                        p[c][i] = delayed[i] - p[c][i];
+                }
+                mPosition = (mPosition + std::size_t(n)) % mDelay;
+            }
+            done += n;
+        }
+    }
+
+    const dsp::OverlapSave& Processor() const { return *mProcess; }
+    const dsp::TonalLineCanceller* Lines() const { return mLines.get(); }
+
+private:
+    static constexpr std::size_t kChunk = 4096;
+
+    std::shared_ptr<SpectralTool> mTool;  // the processor reads the tool's record: destroyed last
+    std::unique_ptr<dsp::OverlapSave> mProcess;
+    std::unique_ptr<dsp::TonalLineCanceller> mLines;
+    std::size_t mDelay = 0;  // the history's length: the latency plus a chunk
+    std::size_t mPosition = 0;
+    std::vector<float> mHistory, mDelayed;
+    std::vector<float*> mPointers;
+};
+
+std::unique_ptr<SpectralStage> MakeStageOf(const SpectralOptions& options, std::shared_ptr<SpectralTool> tool,
+                                           int channels, int sampleRate) {
+    std::unique_ptr<dsp::OverlapSave> process = tool->MakeProcess(channels, sampleRate);
+    std::unique_ptr<dsp::TonalLineCanceller> lines = tool->MakeLineCanceller(channels, sampleRate);
+    return std::make_unique<SpectralStage>(std::move(tool), std::move(process), std::move(lines), options.residual,
+                                           channels);
+}
+
+// Runs INPUT through the stage into OUTPUT with its latency compensated, measuring the levels on
+// the way.
+void StreamThrough(Stage& stage, BlockReader& reader, AudioOutput& output, Progress& progress,
                    StreamMeasures& measures) {
     StreamWatchers watchers;
     watchers.input = [&](const AudioBlock& block, int64_t position) {
@@ -269,11 +343,18 @@ void StreamThrough(dsp::OverlapSave& process, BlockReader& reader, AudioOutput& 
         measures.pauses.AddOutput(block);
         if (measures.noiseOut) measures.noiseOut->Add(block, position);
     };
-    const std::unique_ptr<Stage> stage =
-        MakeStage(process.GetLatency(), [&](float** channels, int channelCount, int frames) {
-            process.Process(channels, channels, channelCount, frames);
-        });
-    StreamStages(reader, output, {stage.get()}, progress, watchers);
+    StreamStages(reader, output, {&stage}, progress, watchers);
+}
+
+// The lines a canceller found, over all channels, to a tenth of a hertz and in rising order.
+std::vector<double> LinesFound(const dsp::TonalLineCanceller& lines, int channels) {
+    std::vector<double> found;
+    for (int c = 0; c < channels; ++c)
+        for (int i = 0; i < lines.GetLineCount(c); ++i)
+            found.push_back(std::round(lines.GetLineFrequency(c, i) * 10.0) / 10.0);
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
 }
 
 // Where the print comes from, opened and checked: a capture to run and the reader it streams, or
@@ -480,19 +561,11 @@ std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::sh
                           in.console.ShowsProgress());
         CaptureNoise(plan, *tool, progress);
     }
-    struct Held {  // the processor reads the tool's record: destroyed first
-        std::shared_ptr<SpectralTool> tool;
-        std::unique_ptr<dsp::OverlapSave> process;
-    };
-    auto held = std::make_shared<Held>();
-    held->tool = tool;
-    held->process = tool->MakeProcess(in.format.channels, in.format.sampleRate);
-    return MakeStage(held->process->GetLatency(), [held](float** channels, int count, int frames) {
-        held->process->Process(channels, channels, count, frames);
-    });
+    return MakeStageOf(options, std::move(tool), in.format.channels, in.format.sampleRate);
 }
 
-int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
+int RunSpectralCommand(const SpectralOptions& options, std::shared_ptr<SpectralTool> toolPointer) {
+    SpectralTool& tool = *toolPointer;
     const Stopwatch clock;
     const std::string command = tool.Command();
 
@@ -543,21 +616,22 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
     // 5. The processing.
     double processSeconds = 0.0;
     StreamMeasures measures(format.channels, format.sampleRate);
+    std::unique_ptr<SpectralStage> stage;
     if (output) {
         if (captureReader == &reader) reader.Rewind();
         const Stopwatch processClock;
-        std::unique_ptr<dsp::OverlapSave> process = tool.MakeProcess(format.channels, format.sampleRate);
+        stage = MakeStageOf(options, toolPointer, format.channels, format.sampleRate);
         if (source.kind == NoiseSource::Kind::Range) {
             // The stretch less one frame at either end, where the processing also hears what lies
             // beyond the stretch (when that leaves a frame or more).
-            const int64_t frame = process->GetFrameLength();
+            const int64_t frame = stage->Processor().GetFrameLength();
             int64_t from = source.start, to = source.start + source.frames;
             if (to - from >= 3 * frame) from += frame, to -= frame;
             measures.noiseIn.emplace(format.channels, from, to);
             measures.noiseOut.emplace(format.channels, from, to);
         }
         progress.Next(command);
-        StreamThrough(*process, reader, *output, progress, measures);
+        StreamThrough(*stage, reader, *output, progress, measures);
         processSeconds = processClock.Seconds();
     }
 
@@ -613,6 +687,14 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
         tool.WriteSettings(json);
         json.Key("residual").Bool(options.residual);
     });
+    const dsp::TonalLineCanceller* lines = stage ? stage->Lines() : nullptr;
+    const std::vector<double> linesFound = lines ? LinesFound(*lines, format.channels) : std::vector<double>{};
+    if (lines)
+        report.Object("lines", [&](JsonWriter& json) {
+            json.Key("cancelled").Int(int64_t(linesFound.size()));
+            json.Key("frequencies_hz");
+            WriteNumbers(json, linesFound);
+        });
     report.Field("saved_print", printOutput ? std::optional(options.savePrint) : std::nullopt);
     if (output)
         report.Output(*output, [&](JsonWriter& json) {
@@ -654,6 +736,13 @@ int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool) {
             change += ", " + FormatValue(std::round(pauses.changeDb * 10.0) / 10.0) + " dB in the pauses (" +
                       FormatSeconds(pauses.seconds) + " s)";
         report.Line(change + " " + RealTimeText(frames, rate, processSeconds));
+        if (lines) {
+            std::string text = "Steady lines cancelled first: " + std::to_string(linesFound.size());
+            for (std::size_t i = 0; i < linesFound.size(); ++i)
+                text +=
+                    (i == 0 ? " (" : ", ") + FormatValue(linesFound[i]) + (i + 1 == linesFound.size() ? " Hz)" : "");
+            report.Line(text);
+        }
     }
     return report.Print(seconds);
 }

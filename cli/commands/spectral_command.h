@@ -22,6 +22,7 @@
 #include "command.h"
 #include "dsp/dsp_analyzer.h"
 #include "dsp/overlap_save.h"
+#include "dsp/tonal_line_canceller.h"
 #include "pipeline/command_support.h"  // FormatValue, CheckSetting
 #include "pipeline/console.h"
 #include "pipeline/job.h"
@@ -94,6 +95,12 @@ public:
     // The processor for the print in use (or for audio of this shape, when it learns the noise),
     // with the settings (and --residual) applied, resumed and ready for a stream.
     virtual std::unique_ptr<dsp::OverlapSave> MakeProcess(int channels, int sampleRate) = 0;
+    // A canceller of steady tonal lines to run before the processor, or null. With one, the
+    // processor must write the cleaned audio even with --residual: the stage then gives the input
+    // less what comes out of the two.
+    virtual std::unique_ptr<dsp::TonalLineCanceller> MakeLineCanceller(int /*channels*/, int /*sampleRate*/) {
+        return nullptr;
+    }
 
     // The settings as fields of the JSON object being written, and as words for the summary.
     virtual void WriteSettings(JsonWriter& json) const = 0;
@@ -110,6 +117,6 @@ std::unique_ptr<Stage> MakeSpectralStage(const SpectralOptions& options, std::sh
                                          const StageInput& in);
 
 // Runs the command; returns the exit status, throws CliError on failure.
-int RunSpectralCommand(const SpectralOptions& options, SpectralTool& tool);
+int RunSpectralCommand(const SpectralOptions& options, std::shared_ptr<SpectralTool> tool);
 
 }  // namespace kesta

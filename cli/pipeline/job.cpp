@@ -206,6 +206,7 @@ public:
             // frames (with a bound, should it never).
             int64_t zeros = leg.resizing ? 0 : leg.stage->Latency();
             int64_t idle = 0;
+            leg.stage->EndOfInput();
             while (leg.resizing ? leg.made < leg.limit : zeros > 0) {
                 const std::size_t frames = leg.resizing
                                                ? mBlock.Capacity()

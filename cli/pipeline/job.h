@@ -79,6 +79,8 @@ public:
     virtual ~Stage() = default;
     virtual int64_t Latency() const = 0;
     virtual void Process(float** channels, int channelCount, int frames) = 0;
+    // The input is complete: what follows is the silence that brings the delayed tail out.
+    virtual void EndOfInput() {}
 };
 
 // A stage whose output has another rate or length than its input (a resampler, a silence remover).
