@@ -262,9 +262,12 @@ class SpectralStage : public Stage {
 public:
     SpectralStage(std::shared_ptr<SpectralTool> tool, std::unique_ptr<dsp::OverlapSave> process,
                   std::unique_ptr<dsp::TonalLineCanceller> lines, bool residual, int channels)
-        : mTool(std::move(tool)), mProcess(std::move(process)), mLines(std::move(lines)) {
+        : mTool(std::move(tool)),
+          mProcess(std::move(process)),
+          mLines(std::move(lines)),
+          mSkip(mLines ? mLines->GetLatency() : 0) {
         if (residual && mLines) {
-            mDelay = std::size_t(Latency()) + kChunk;
+            mDelay = std::size_t(Latency());
             mHistory.assign(std::size_t(channels) * mDelay, 0.0f);
             mDelayed.assign(std::size_t(channels) * kChunk, 0.0f);
         }
@@ -288,12 +291,27 @@ public:
                     float* delayed = mDelayed.data() + std::size_t(c) * kChunk;
                     for (int i = 0; i < n; ++i) {
                         const std::size_t at = (mPosition + std::size_t(i)) % mDelay;
-                        delayed[i] = history[at];  // the frame Latency() + kChunk ... back, read first
+                        delayed[i] = history[at];  // the frame Latency() back, read before it is replaced
                         history[at] = p[c][i];
                     }
                 }
-            if (mLines) mLines->Process(p, p, count, n);
-            mProcess->Process(p, p, count, n);
+            if (mLines) {
+                // The processor starts on the canceller's first real frame, not on the silence of
+                // its latency (the adaptive reducer would take that for the noise): those frames
+                // leave the stage as silence instead, and the stage's latency stays the sum.
+                mLines->Process(p, p, count, n);
+                const int skip = int(std::min<int64_t>(mSkip, n));
+                mSkip -= skip;
+                for (int c = 0; c < count; ++c) {
+                    std::fill(p[c], p[c] + skip, 0.0f);
+                    p[c] += skip;
+                }
+                if (n > skip) mProcess->Process(p, p, count, n - skip);
+                for (int c = 0; c < count; ++c)
+                    p[c] -= skip;
+            } else {
+                mProcess->Process(p, p, count, n);
+            }
             if (!mHistory.empty()) {
                 for (int c = 0; c < count; ++c) {
                     const float* delayed = mDelayed.data() + std::size_t(c) * kChunk;
@@ -315,7 +333,8 @@ private:
     std::shared_ptr<SpectralTool> mTool;  // the processor reads the tool's record: destroyed last
     std::unique_ptr<dsp::OverlapSave> mProcess;
     std::unique_ptr<dsp::TonalLineCanceller> mLines;
-    std::size_t mDelay = 0;  // the history's length: the latency plus a chunk
+    int64_t mSkip;           // frames of the canceller's latency not yet passed over
+    std::size_t mDelay = 0;  // the history's length: the latency
     std::size_t mPosition = 0;
     std::vector<float> mHistory, mDelayed;
     std::vector<float*> mPointers;
