@@ -131,8 +131,9 @@ class KESTADSP_API DNZNoisePrint : public DSPAnalyzer {
 public:
     // Takes a deep copy of the record: its shape, maxFrames and learnIterations shape the print.
     explicit DNZNoisePrint(const DNZ* param);
-    DNZNoisePrint(const DNZNoisePrint& other);
-    DNZNoisePrint& operator=(const DNZNoisePrint& other);
+    // Copies are deep and independent (each has its own transform scratch).
+    DNZNoisePrint(const DNZNoisePrint& other) = default;
+    DNZNoisePrint& operator=(const DNZNoisePrint& other) = default;
     ~DNZNoisePrint() override;
 
     // The record the print is written into (complete after Done).
@@ -158,7 +159,7 @@ private:
     int32_t mFrames = 0;      // S
     int32_t mFramesDone = 0;  // spectra taken
     int32_t mStride = 0;      // floats per spectrum (bins rounded up to 8)
-    IppFFT32R mFFT;
+    detail::OwnScratch<IppFFT32R> mFFT;
     std::vector<float> mWindow;     // N
     std::vector<float> mTransform;  // N + 2
     std::vector<float> mSpectra;    // channels × S × stride

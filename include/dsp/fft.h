@@ -74,6 +74,19 @@ protected:
 // Declared here as well so that it can be named outside the class.
 void CopyEngineWithOwnScratch(FFTEngineState& to, const FFTEngineState& from);
 
+// An engine whose copies plan nothing new but take scratch of their own, so a class holding one
+// can default its copy operations and its copies still run on different threads.
+template <class Engine>
+struct OwnScratch : Engine {
+    OwnScratch() = default;
+    OwnScratch(const OwnScratch& other) : Engine() { CopyEngineWithOwnScratch(*this, other); }
+    OwnScratch& operator=(const OwnScratch& other) {
+        if (this != &other) CopyEngineWithOwnScratch(*this, other);
+        return *this;
+    }
+    ~OwnScratch() = default;
+};
+
 }  // namespace detail
 
 class KESTADSP_API IppFFT : public detail::FFTEngineState {

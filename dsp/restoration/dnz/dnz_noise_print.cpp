@@ -124,38 +124,6 @@ DNZNoisePrint::DNZNoisePrint(const DNZ* param) : mParam(param) {
     std::fill_n(mOnes.begin(), N / 2 + 1, 1.0f);
 }
 
-DNZNoisePrint::DNZNoisePrint(const DNZNoisePrint& other)
-    : DSPAnalyzer(other),
-      mParam(other.mParam),
-      mSelectionLength(other.mSelectionLength),
-      mHop(other.mHop),
-      mFrames(other.mFrames),
-      mFramesDone(other.mFramesDone),
-      mStride(other.mStride),
-      mWindow(other.mWindow),
-      mTransform(other.mTransform),
-      mSpectra(other.mSpectra),
-      mOnes(other.mOnes) {
-    if (IsValidShape(&mParam.record)) mFFT.Init(mParam.record.fftSize);
-}
-
-DNZNoisePrint& DNZNoisePrint::operator=(const DNZNoisePrint& other) {
-    if (this == &other) return *this;
-    DSPAnalyzer::operator=(other);
-    mParam = other.mParam;
-    mSelectionLength = other.mSelectionLength;
-    mHop = other.mHop;
-    mFrames = other.mFrames;
-    mFramesDone = other.mFramesDone;
-    mStride = other.mStride;
-    if (IsValidShape(&mParam.record)) mFFT.Init(mParam.record.fftSize);  // a plan with its own scratch
-    mWindow = other.mWindow;
-    mTransform = other.mTransform;
-    mSpectra = other.mSpectra;
-    mOnes = other.mOnes;
-    return *this;
-}
-
 DNZNoisePrint::~DNZNoisePrint() = default;
 
 bool DNZNoisePrint::SetSelection(long long start, long long length) {

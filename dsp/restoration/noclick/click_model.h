@@ -107,15 +107,7 @@ private:
     // re-planned only when the input length changes.
     // A copy of the model plans nothing new but takes transform scratch of its own, so copies can
     // run on different threads.
-    struct Engine : IppFFT64fReal {
-        Engine() = default;
-        Engine(const Engine& other) : IppFFT64fReal() { detail::CopyEngineWithOwnScratch(*this, other); }
-        Engine& operator=(const Engine& other) {
-            if (this != &other) detail::CopyEngineWithOwnScratch(*this, other);
-            return *this;
-        }
-    };
-    Engine mFft;
+    detail::OwnScratch<IppFFT64fReal> mFft;
     int mFftInputLength = -1;
     std::vector<double> mRe, mIm;  // transform input and CCS output
 };
