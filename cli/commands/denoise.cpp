@@ -41,11 +41,12 @@ while it plays, follows noise that changes slowly, and leaves sustained tones an
 A --noise stretch is then only measured for the report. It takes no --print, --noise-file,
 --save-print, --fft-size, --smoothing or --transition.
 
---method nmf takes its noise source like print (--noise, --noise-file) but learns from it a few
-spectral shapes of the noise; while the audio streams it splits every moment into those shapes
-and shapes of its own for the programme, learned as it goes, and keeps what the programme's
-shapes explain. It follows noise that swells and fades, and hum lines, closely. It keeps no
-print file (no --print or --save-print); --fft-size defaults to about 46 ms (2048 at 44.1 kHz).
+--method nmf takes its noise source like print (--noise, --noise-file, --print) but learns from
+it a few spectral shapes of the noise; while the audio streams it splits every moment into those
+shapes and shapes of its own for the programme, learned as it goes, and keeps what the
+programme's shapes explain. It follows noise that swells and fades, and hum lines, closely. Its
+--save-print keeps those shapes (a noise dictionary, which only --method nmf reads back);
+--fft-size defaults to about 46 ms (2048 at 44.1 kHz).
 
   --reduction DB     how far the noise is pushed down (default 40 with print and adaptive, 30
                      with nmf; 0 passes the audio through, changed only by rounding)
@@ -77,6 +78,7 @@ Examples:
   kesta denoise take1.wav clean.wav
   kesta denoise take1.wav clean.wav --noise 0:1.5
   kesta denoise take1.wav clean.wav --method nmf --noise 0:1.5
+  kesta denoise take2.wav clean2.wav --method nmf --print room.knd
   kesta denoise take1.wav --noise 0:1.5 --save-print room.knp
   kesta denoise take2.wav clean2.wav --print room.knp --reduction 30
   kesta denoise take1.wav removed.wav --noise-file roomtone.wav --residual)help";
@@ -254,7 +256,7 @@ public:
         : mOptions(options), mSettings(settings) {}
 
     std::string Command() const override { return "denoise"; }
-    PrintKind Kind() const override { return PrintKind::NoisePrint; }
+    PrintKind Kind() const override { return PrintKind::NoiseDictionary; }
     std::string Method() const override { return "nmf"; }
     int DefaultFftSize(int sampleRate) const override { return dsp::dnz::FrameLengthFor(sampleRate); }
 
@@ -263,9 +265,6 @@ public:
         CheckSetting("--smoothing", SmoothingPercent(), 0.0, 99.0, "percent");
         if (mSettings.transitionGiven)
             throw UsageError("--transition applies to --method print only", "", "leave it out");
-        if (!mOptions.printPath.empty() || !mOptions.savePrint.empty())
-            throw UsageError("--method nmf keeps no print file", "it learns its noise shapes from the stretch each run",
-                             "give --noise START:END or --noise-file FILE instead");
         if (mOptions.residual && ReductionDb() == 0.0)
             throw UsageError("--residual with --reduction 0 has nothing to write", "",
                              "a reduction of 0 removes nothing; give a reduction above 0");
@@ -289,9 +288,11 @@ public:
         mRecord.reset(dsp::dnz::CloneDNZ(static_cast<const dsp::dnz::DNZNoisePrint&>(capture).GetParam()));
     }
 
-    // Never asked: the options that would read or keep a print are refused.
-    void TakePrint(PrintFile&&) override {}
-    std::string EncodePrint(int, PrintSpan) const override { return {}; }
+    void TakePrint(PrintFile&& print) override { mRecord = std::move(print.dictionary); }
+
+    std::string EncodePrint(int sampleRate, PrintSpan span) const override {
+        return EncodeNoiseDictionary(*mRecord, sampleRate, span);
+    }
 
     std::unique_ptr<dsp::TonalLineCanceller> MakeLineCanceller(int channels, int sampleRate) override {
         return MakeCanceller(mSettings, ReductionDb(), channels, sampleRate);
@@ -317,13 +318,6 @@ public:
     }
 
 private:
-    struct Deleter {
-        void operator()(dsp::dnz::DNZ* record) const {
-            dsp::dnz::FreeArrays(record);
-            delete record;
-        }
-    };
-
     double ReductionDb() const {
         return mSettings.reductionGiven ? mSettings.reductionDb : dsp::dnz::DNZ{}.reductionDb;
     }
@@ -334,7 +328,7 @@ private:
 
     const SpectralOptions& mOptions;
     const DenoiseSettings& mSettings;
-    std::unique_ptr<dsp::dnz::DNZ, Deleter> mRecord;
+    DnzPtr mRecord;
 };
 
 // The tool of the method the command line asks for.

@@ -9,6 +9,7 @@
 
 #include "errors.h"
 #include "hiss_floor_codec.h"
+#include "noise_dictionary_codec.h"
 #include "noise_print_codec.h"
 #include "print_checks.h"
 
@@ -24,19 +25,29 @@ constexpr std::size_t kChecksumBytes = 4;
 constexpr std::size_t kSpanBytes = 16;
 constexpr std::size_t kLargestFile = std::size_t(64) << 20;  // far above any valid print
 
-uint64_t ExpectedPayload(PrintKind kind, uint64_t C, uint64_t N) {
-    return kSpanBytes + (kind == PrintKind::NoisePrint ? NoNoiseRecordBytes(C, N) : NoHissRecordBytes(C, N));
+// `atoms` counts only for a noise dictionary.
+uint64_t ExpectedPayload(PrintKind kind, uint64_t C, uint64_t N, uint64_t atoms) {
+    switch (kind) {
+        case PrintKind::NoisePrint:
+            return kSpanBytes + NoNoiseRecordBytes(C, N);
+        case PrintKind::HissFloor:
+            return kSpanBytes + NoHissRecordBytes(C, N);
+        case PrintKind::NoiseDictionary:
+            return kSpanBytes + NoiseDictionaryRecordBytes(C, N, atoms);
+    }
+    return 0;
 }
 
 // The header and where the print was taken; the record follows.
-void WriteStart(ByteWriter& out, PrintKind kind, uint32_t rate, uint32_t channels, uint32_t fftSize, PrintSpan span) {
+void WriteStart(ByteWriter& out, PrintKind kind, uint32_t rate, uint32_t channels, uint32_t fftSize, PrintSpan span,
+                uint32_t atoms = 0) {
     out.Raw(std::string_view(kPrintMagic, sizeof(kPrintMagic)));
     out.U16(kPrintFormatVersion);
     out.U16(uint16_t(kind));
     out.U32(rate);
     out.U32(channels);
     out.U32(fftSize);
-    out.U64(ExpectedPayload(kind, channels, fftSize));
+    out.U64(ExpectedPayload(kind, channels, fftSize, atoms));
     out.I64(span.start);
     out.I64(span.frames);
 }
@@ -53,7 +64,15 @@ bool IsPowerOfTwo(uint64_t n) {
 }  // namespace
 
 std::string PrintKindName(PrintKind kind) {
-    return kind == PrintKind::NoisePrint ? "noise print" : "hiss floor";
+    switch (kind) {
+        case PrintKind::NoisePrint:
+            return "noise print";
+        case PrintKind::HissFloor:
+            return "hiss floor";
+        case PrintKind::NoiseDictionary:
+            return "noise dictionary";
+    }
+    return "print";
 }
 
 void NoNoiseDeleter::operator()(NONOISE* record) const {
@@ -64,6 +83,21 @@ void NoNoiseDeleter::operator()(NONOISE* record) const {
 void NoHissDeleter::operator()(NOHISS* record) const {
     dsp::nohiss::FreeArrays(record);
     delete record;
+}
+
+void DnzDeleter::operator()(dsp::dnz::DNZ* record) const {
+    dsp::dnz::FreeArrays(record);
+    delete record;
+}
+
+DnzPtr MakeDnz(int channels, int fftSize, int atoms) {
+    DnzPtr record(new dsp::dnz::DNZ{});
+    dsp::dnz::SetDefaultParameter(record.get());
+    record->channels = int16_t(channels);
+    record->fftSize = int16_t(fftSize);
+    record->noiseAtoms = int16_t(atoms);
+    dsp::dnz::AllocateArrays(record.get());
+    return record;
 }
 
 NoNoisePtr MakeNoNoise(int channels, int fftSize) {
@@ -98,6 +132,14 @@ std::string EncodeHissFloor(const NOHISS& record, PrintSpan span) {
     WriteStart(out, PrintKind::HissFloor, uint32_t(record.sampleRate), uint32_t(record.channels),
                uint32_t(record.fftSize), span);
     EncodeNoHiss(out, record);
+    return Finish(out);
+}
+
+std::string EncodeNoiseDictionary(const dsp::dnz::DNZ& record, int32_t sampleRate, PrintSpan span) {
+    ByteWriter out;
+    WriteStart(out, PrintKind::NoiseDictionary, uint32_t(sampleRate), uint32_t(record.channels),
+               uint32_t(record.fftSize), span, uint32_t(record.noiseAtoms));
+    EncodeNoiseDictionary(out, record);
     return Finish(out);
 }
 
@@ -139,14 +181,18 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
     if (stored != Crc32(bytes.substr(magic.size(), end - magic.size())))
         DamagedPrint(path, "its checksum does not match its contents");
 
-    if (kindCode != uint16_t(PrintKind::NoisePrint) && kindCode != uint16_t(PrintKind::HissFloor))
+    if (kindCode != uint16_t(PrintKind::NoisePrint) && kindCode != uint16_t(PrintKind::HissFloor) &&
+        kindCode != uint16_t(PrintKind::NoiseDictionary))
         RefusePrint(path, "it holds a kind of print this kesta does not know (kind " + std::to_string(kindCode) + ")",
                     "use a newer kesta");
     const PrintKind kind = PrintKind(kindCode);
-    const uint32_t largestFft = kind == PrintKind::NoisePrint ? 16384 : 65536;
+    const uint32_t largestFft = kind == PrintKind::HissFloor ? 65536 : 16384;
+    const int atoms = kind == PrintKind::NoiseDictionary && payload > kSpanBytes
+                          ? AtomsForRecordBytes(channels, fftSize, payload - kSpanBytes)
+                          : 0;
     if (rate < 1 || rate > 10'000'000 || channels < 1 || channels > uint32_t(kPrintMaxChannels) ||
         !IsPowerOfTwo(fftSize) || fftSize < 16 || fftSize > largestFft ||
-        payload != ExpectedPayload(kind, channels, fftSize))
+        payload != ExpectedPayload(kind, channels, fftSize, uint64_t(atoms)))
         DamagedPrint(path, "its header is inconsistent");
 
     PrintFile file;
@@ -161,8 +207,10 @@ PrintFile DecodePrintFile(std::string_view bytes, const std::string& path) {
         PrintValueCheck(path).Span(file.span);
         if (kind == PrintKind::NoisePrint)
             file.noise = DecodeNoNoise(in, file.channels, file.fftSize, path);
-        else
+        else if (kind == PrintKind::HissFloor)
             file.hiss = DecodeNoHiss(in, file.channels, file.fftSize, file.sampleRate, path);
+        else
+            file.dictionary = DecodeNoiseDictionary(in, file.channels, file.fftSize, atoms, path);
     } catch (const ByteOverrun&) {
         DamagedPrint(path, "its record is shorter than its header says");
     }
@@ -213,11 +261,14 @@ void CheckPrintMatches(const PrintFile& print, const std::string& printPath, Pri
                        int sampleRate, int requestedFftSize, const std::string& audioPath) {
     const std::string what = "cannot use " + Quoted(printPath);
     if (print.kind != wanted) {
-        const std::string saver = print.kind == PrintKind::NoisePrint ? "denoise" : "dehiss";
-        const std::string user = wanted == PrintKind::NoisePrint ? "denoise" : "dehiss";
+        const auto command = [](PrintKind kind) {
+            return kind == PrintKind::HissFloor         ? std::string("kesta dehiss")
+                   : kind == PrintKind::NoiseDictionary ? std::string("kesta denoise --method nmf")
+                                                        : std::string("kesta denoise --method print");
+        };
         throw UsageError(what, "it holds a " + PrintKindName(print.kind) + ", not a " + PrintKindName(wanted),
-                         "it was saved by 'kesta " + saver + "'; give 'kesta " + user + "' a print saved by 'kesta " +
-                             user + " --save-print'");
+                         "it was saved by '" + command(print.kind) + "' and works there; here give a " +
+                             PrintKindName(wanted) + " saved by '" + command(wanted) + " --save-print'");
     }
     if (print.channels != channels)
         throw UsageError(what,

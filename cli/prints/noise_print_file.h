@@ -1,6 +1,6 @@
 #pragma once
-// Noise print files: what `kesta denoise --save-print` and `kesta dehiss --save-print` keep, and
-// `--print` reads back, so a noise print taken once serves many files.
+// Noise print files: what `kesta denoise --save-print` (with the print or the nmf method) and
+// `kesta dehiss --save-print` keep, and `--print` reads back, so a print taken once serves many files.
 //
 // Format, version 1. Every number is little-endian with a fixed width (i16/i32/i64 two's
 // complement, u16/u32/u64 unsigned, f32/f64 IEEE 754, u8 for a bool: 0 or 1).
@@ -8,10 +8,12 @@
 //   offset  size  field
 //        0     8  magic: the bytes "KESTA-NP"
 //        8     2  u16 format version: 1
-//       10     2  u16 kind: 1 noise print (for denoise), 2 hiss floor (for dehiss)
+//       10     2  u16 kind: 1 noise print (for denoise), 2 hiss floor (for dehiss), 3 noise
+//                 dictionary (for denoise --method nmf)
 //       12     4  u32 sample rate of the audio the print was taken from, Hz
 //       16     4  u32 channels C (1 ... 32)
-//       20     4  u32 FFT size N (a power of two, 16 ... 65536; at most 16384 for a noise print)
+//       20     4  u32 FFT size N (a power of two, 16 ... 65536; at most 16384 for a noise print
+//                 or a noise dictionary)
 //       24     8  u64 payload length B, bytes
 //       32     B  payload (below)
 //   32 + B     4  u32 CRC-32 (IEEE 802.3: reflected polynomial 0xEDB88320, initial value and
@@ -20,11 +22,13 @@
 //
 // The payload starts with where the print was taken: i64 first frame, i64 length in frames (at
 // the sample rate above; 0 and 0 when not known). Then the record of the kind, each row of N values
-// holding every bin 0 ... N-1: prints/noise_print_codec.h (kind 1, dsp::nonoise::NONOISE) and
-// prints/hiss_floor_codec.h (kind 2, dsp::nohiss::NOHISS). The fields are those of
+// holding every bin 0 ... N-1: prints/noise_print_codec.h (kind 1, dsp::nonoise::NONOISE),
+// prints/hiss_floor_codec.h (kind 2, dsp::nohiss::NOHISS) and prints/noise_dictionary_codec.h
+// (kind 3, dsp::dnz::DNZ, whose rows hold bins 0 ... N/2 only). The fields are those of
 // prints/byte_codec.h.
 //
-// So B = 16 + 64 + 16C + 24CN + 4N for a noise print and 16 + 44 + 4C + 12CN for a hiss floor.
+// So B = 16 + 64 + 16C + 24CN + 4N for a noise print, 16 + 44 + 4C + 12CN for a hiss floor and
+// 16 + 52 + 4C + 4C·Kn·(N/2 + 1) for a noise dictionary of Kn atoms (Kn follows from B).
 // The record's fftSize and channels equal the header's, and its overlap gives a valid frame
 // geometry (see OverlapSave): a file that breaks any of this is refused as damaged.
 //
@@ -49,21 +53,23 @@
 #include <string_view>
 
 #include "byte_codec.h"
+#include "dsp/dnz.h"
 #include "dsp/nohiss.h"
 #include "dsp/nonoise.h"
 
 namespace kesta {
 
 enum class PrintKind : uint16_t {
-    NoisePrint = 1,  // a dsp::nonoise::NONOISE, for denoise
-    HissFloor = 2,   // a dsp::nohiss::NOHISS, for dehiss
+    NoisePrint = 1,       // a dsp::nonoise::NONOISE, for denoise
+    HissFloor = 2,        // a dsp::nohiss::NOHISS, for dehiss
+    NoiseDictionary = 3,  // a dsp::dnz::DNZ, for denoise --method nmf
 };
 
 inline constexpr char kPrintMagic[8] = {'K', 'E', 'S', 'T', 'A', '-', 'N', 'P'};
 inline constexpr uint16_t kPrintFormatVersion = 1;
 inline constexpr int kPrintMaxChannels = dsp::OverlapSave::kMaxChannels;  // the frame engine's limit
 
-// "noise print", "hiss floor"
+// "noise print", "hiss floor", "noise dictionary"
 std::string PrintKindName(PrintKind kind);
 
 // Records that free their arrays.
@@ -73,12 +79,18 @@ struct NoNoiseDeleter {
 struct NoHissDeleter {
     void operator()(dsp::nohiss::NOHISS* record) const;
 };
+struct DnzDeleter {
+    void operator()(dsp::dnz::DNZ* record) const;
+};
 using NoNoisePtr = std::unique_ptr<dsp::nonoise::NONOISE, NoNoiseDeleter>;
 using NoHissPtr = std::unique_ptr<dsp::nohiss::NOHISS, NoHissDeleter>;
+using DnzPtr = std::unique_ptr<dsp::dnz::DNZ, DnzDeleter>;
 
 // Default records of `channels` channels and FFT size `fftSize`, with zeroed arrays.
 NoNoisePtr MakeNoNoise(int channels, int fftSize);
 NoHissPtr MakeNoHiss(int channels, int fftSize, int sampleRate);
+// With `atoms` noise atoms (no arrays when the shape is not one the reducer takes).
+DnzPtr MakeDnz(int channels, int fftSize, int atoms);
 
 // Where a print was taken, in frames at its sample rate.
 struct PrintSpan {
@@ -92,13 +104,15 @@ struct PrintFile {
     int32_t channels = 0;
     int32_t fftSize = 0;
     PrintSpan span;
-    NoNoisePtr noise;  // kind NoisePrint
-    NoHissPtr hiss;    // kind HissFloor
+    NoNoisePtr noise;   // kind NoisePrint
+    NoHissPtr hiss;     // kind HissFloor
+    DnzPtr dictionary;  // kind NoiseDictionary
 };
 
 // The bytes of a print file. The rate of a hiss floor is its record's sampleRate.
 std::string EncodeNoisePrint(const dsp::nonoise::NONOISE& record, int32_t sampleRate, PrintSpan span);
 std::string EncodeHissFloor(const dsp::nohiss::NOHISS& record, PrintSpan span);
+std::string EncodeNoiseDictionary(const dsp::dnz::DNZ& record, int32_t sampleRate, PrintSpan span);
 
 // Reads a print file's bytes; throws an input error naming `displayPath` when they are not a
 // valid print of a kind this kesta knows.

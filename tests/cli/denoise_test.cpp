@@ -130,6 +130,16 @@ TEST_F(DenoiseTest, TheNmfMethodLearnsTheNoiseFromTheStretchAndKeepsTheTones) {
         EXPECT_LE(report["output"]["noise_level_change_db"][c].number, -20.0);
     EXPECT_LE(report["output"]["pause_level_change_db"].number, -12.0);
     ExpectResidualAddsUp("denoise", {"--method", "nmf", "--noise", "0:1.5"});
+    // Its noise dictionary kept and used again gives the same output; a print method's print and a
+    // dictionary are refused by the other method.
+    Ok({"denoise", P("in.wav"), P("a.wav"), "--method", "nmf", "--noise", "0:1.5", "--save-print", P("room.knd"),
+        "-q"});
+    Ok({"denoise", P("in.wav"), P("b.wav"), "--method", "nmf", "--print", P("room.knd"), "-q"});
+    EXPECT_TRUE(Same("a.wav", "b.wav"));
+    Ok({"denoise", P("in.wav"), "--noise", "0:1.5", "--save-print", P("room.knp"), "-q"});
+    ExpectRefusals("denoise",
+                   {{{"--method", "nmf", "--print", P("room.knp")}, 2, {"noise print, not a noise dictionary"}},
+                    {{"--print", P("room.knd")}, 2, {"noise dictionary, not a noise print", "--method nmf"}}});
 }
 
 TEST_F(DenoiseTest, ASavedPrintOrAnotherFileReproducesTheRunBitForBit) {
@@ -183,9 +193,6 @@ TEST_F(DenoiseTest, BadCommandLinesOfDenoiseAndDehissSayOneLineAndTouchNothing) 
                                   {{"--noise", "0:90"}, 2, {"past the end", "4.000 s long"}},
                                   {{"--noise", "0:0.05"}, 2, {"too short", "0.050 s", "at least 0.093 s"}},
                                   {{"--method", "nmf"}, 2, {"--method nmf needs a noise source"}},
-                                  {{"--method", "nmf", "--noise", "0:1.5", "--save-print", P("n.knp")},
-                                   2,
-                                   {"--method nmf keeps no print file"}},
                                   {{"--method", "nmf", "--noise", "0:1.5", "--transition", "3"},
                                    2,
                                    {"--transition applies to --method print only"}},

@@ -1,4 +1,4 @@
-// The noise print file format: the documented layout, round trips of both kinds, and a one-line
+// The noise print file format: the documented layout, round trips of every kind, and a one-line
 // refusal for every way a file can be wrong. That a saved print of either kind reproduces a run
 // bit for bit, and that a print must fit the audio, is checked end to end, in denoise_test.
 
@@ -31,6 +31,21 @@ std::string SamplePrint(int channels, int fftSize, int rate, PrintSpan span) {
             r->binMax[c][k] = 3.0 * r->binMin[c][k];
         }
     return EncodeNoisePrint(*r, rate, span);
+}
+
+// A noise dictionary of `atoms` atoms with distinct entries (channel c, atom a, bin k holds
+// c·10000 + a·1000 + k + 1), so a misplaced row or bin shows.
+DnzPtr SampleDictionary(int channels, int fftSize, int atoms) {
+    DnzPtr r = MakeDnz(channels, fftSize, atoms);
+    r->frameCount = 12;
+    const int bins = fftSize / 2 + 1;
+    for (int c = 0; c < channels; ++c) {
+        r->noiseCeiling[c] = float(c + 1);
+        for (int a = 0; a < atoms; ++a)
+            for (int k = 0; k < bins; ++k)
+                r->noiseDictionary[c][a * bins + k] = float(c * 10000 + a * 1000 + k + 1);
+    }
+    return r;
 }
 
 // The little-endian integer of `bytes` bytes at `at`, and writing one.
@@ -107,6 +122,21 @@ TEST(NoisePrintFileTest, LayoutIsTheDocumentedOneAndRoundTrips) {
     const PrintFile f = DecodePrintFile(h, "h.khf");
     ASSERT_TRUE(f.hiss);
     EXPECT_TRUE(EncodeHissFloor(*f.hiss, f.span) == h);
+
+    // A noise dictionary: the atom count follows from the payload's length.
+    const std::string d = EncodeNoiseDictionary(*SampleDictionary(2, 256, 3), 22050, {7, 9000});
+    const uint64_t bins = 129, dictionaryPayload = 16 + 52 + 4 * 2 + 4 * 2 * 3 * bins;
+    EXPECT_EQ(Le(d, 10, 2), 3u);
+    EXPECT_EQ(Le(d, 24, 8), dictionaryPayload);
+    ASSERT_EQ(d.size(), 32 + dictionaryPayload + 4);
+    EXPECT_EQ(Le(d, 48 + 4, 2), 3u);  // noiseAtoms, after fftSize and channels
+    // noiseDictionary[1], atom 2, bin 5: after the scalars, the ceilings and channel 0's atoms
+    EXPECT_EQ(Le(d, 48 + 52 + 8 + 4 * (3 * bins + 2 * bins + 5), 4), std::bit_cast<uint32_t>(12006.0f));
+    const PrintFile g = DecodePrintFile(d, "d.knd");
+    ASSERT_TRUE(g.dictionary);
+    EXPECT_EQ(std::tuple(g.kind, g.sampleRate, g.channels, g.fftSize, g.dictionary->noiseAtoms),
+              std::tuple(PrintKind::NoiseDictionary, 22050, 2, 256, int16_t(3)));
+    EXPECT_TRUE(EncodeNoiseDictionary(*g.dictionary, g.sampleRate, g.span) == d);
 }
 
 // The field codec under every print kind: two's complement and IEEE bit patterns kept exactly, and a
@@ -167,6 +197,18 @@ TEST(NoisePrintFileTest, DamagedOrForeignFilesAreRefusedInOneLine) {
         if (value != 0) PutLe(bad, bad.size() - 4, 4, Checksum(bad));
         cases.push_back({bad, message});
     }
+    // A noise dictionary whose record names another atom count than its length holds, and one cut
+    // short by part of an atom with its header and checksum made to match.
+    const std::string dictionary = EncodeNoiseDictionary(*SampleDictionary(1, 256, 2), 44100, {});
+    std::string atoms = dictionary;
+    PutLe(atoms, 48 + 4, 2, 3);
+    PutLe(atoms, atoms.size() - 4, 4, Checksum(atoms));
+    cases.push_back({atoms, "record does not agree"});
+    std::string partial = dictionary.substr(0, dictionary.size() - 4 - 8);
+    PutLe(partial, 24, 8, Le(partial, 24, 8) - 8);
+    partial += std::string(4, '\0');
+    PutLe(partial, partial.size() - 4, 4, Checksum(partial));
+    cases.push_back({partial, "header is inconsistent"});
     ExpectRefusedInOneLine(cases);
 }
 
@@ -232,6 +274,21 @@ TEST(NoisePrintFileTest, EditedValuesOutsideTheirRangesAreRefusedInOneLine) {
         NoHissPtr r = MakeNoHiss(3, 32, 48000);
         edit(*r);
         cases.push_back({EncodeHissFloor(*r, {}), expected});
+    }
+    using DnzEdit = std::function<void(dsp::dnz::DNZ&)>;
+    const std::pair<DnzEdit, std::string> dictionaryEdits[] = {
+        {[&](dsp::dnz::DNZ& r) { r.noiseDictionary[1][200] = float(nan); },
+         "noiseDictionary of channel 2 holds nan at entry 200"},
+        {[&](dsp::dnz::DNZ& r) { r.noiseDictionary[0][3] = -1.0f; }, "noiseDictionary of channel 1 holds -1"},
+        {[&](dsp::dnz::DNZ& r) { r.noiseCeiling[1] = float(inf); }, "noiseCeiling holds inf"},
+        {[&](dsp::dnz::DNZ& r) { r.frameCount = 0; }, "frameCount is 0"},
+        {[&](dsp::dnz::DNZ& r) { r.smoothingPercent = 100.0; }, "smoothingPercent is 100"},
+        {[&](dsp::dnz::DNZ& r) { r.signalAtoms = 0; }, "record does not agree"},
+    };
+    for (const auto& [edit, expected] : dictionaryEdits) {
+        DnzPtr r = SampleDictionary(2, 256, 2);
+        edit(*r);
+        cases.push_back({EncodeNoiseDictionary(*r, 44100, {}), expected});
     }
     ExpectRefusedInOneLine(cases, "(the file is damaged; save the print again)");
     // The ends of each range are accepted: a silent stretch's floor, a span ending at the last frame.
