@@ -44,7 +44,8 @@ A --noise stretch is then only measured for the report. It takes no --print, --n
 --method nmf takes its noise source like print (--noise, --noise-file, --print) but learns from
 it a few spectral shapes of the noise; while the audio streams it splits every moment into those
 shapes and shapes of its own for the programme, learned as it goes, and keeps what the
-programme's shapes explain. It follows noise that swells and fades, and hum lines, closely. Its
+programme's shapes explain. It follows noise that swells and fades, and hum lines, closely, and
+takes the pauses, where it finds no programme, 30 dB further down than --reduction. Its
 --save-print keeps those shapes (a noise dictionary, which only --method nmf reads back);
 --fft-size defaults to about 46 ms (2048 at 44.1 kHz).
 

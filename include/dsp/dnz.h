@@ -20,7 +20,10 @@
 //                  SNR), weighed against the floor Gmin = 10^(−reductionDb/20) by the share
 //                  S²/(S² + N²) of the bin the signal explains, smoothed over frames. Bins the
 //                  signal atoms do not explain fall to the floor, so stray noise peaks do not
-//                  turn into "musical noise".
+//                  turn into "musical noise". Frames the signal atoms explain almost nothing of
+//                  (pauses) fall a further 30 dB, whole; and the noise part is held near the
+//                  level of the noise in those frames, so a loud note does not push it under the
+//                  noise that is still there.
 // Noise fits the noise atoms better than anything the signal atoms can learn from it, so it
 // lands in N; what the noise atoms cannot explain (voices, notes) lands in S. Few noise atoms (4)
 // work best: a larger noise dictionary starts to explain voices too.
@@ -216,6 +219,7 @@ private:
     std::vector<float> mLastClean;    // stride: the last frame's cleaned power
     std::vector<unsigned char> mStarted;
     std::vector<float> mNoiseCeiling;  // per channel: the largest noise activation sum
+    std::vector<float> mNoiseLevel;    // per channel: the noise sum tracked over frames without programme
     // Scratch of one frame.
     std::vector<float> mMagnitude, mModel, mRatio, mNoise, mSignal, mGains, mOnes;
     const NmfKernels* mKernels = nullptr;  // the products built for this CPU

@@ -29,13 +29,29 @@ constexpr float kSilence = 1e-20f;
 constexpr float kModelFloor = 1e-6f;
 constexpr float kActivationFloor = 1e-6f;
 constexpr float kAtomFloor = 1e-9f;
-// Gain rule (see ReduceChannel): the noise power from its expected magnitude, (4/π)·1.25; the
+// Gain rule (see ReduceChannel): the noise power from its expected magnitude, 4/π rounded up; the
 // weight of the last frame in the decision-directed a-priori SNR (per hop of N/4); the smallest
-// a-priori SNR (−30 dB); the slope from the signal's share of a bin to the weight of its Wiener gain.
-constexpr float kNoisePower = 1.6f;
+// a-priori SNR (−30 dB); the slope from the signal's share of a bin to the weight of its Wiener
+// gain (steep: within a frame that holds programme, a bin the signal explains even a little of
+// takes the Wiener gain, which follows the noise estimate better than the share does).
+constexpr float kNoisePower = 1.3f;
 constexpr float kDecisionWeight = 0.9f;
 constexpr float kLeastPrioriSnr = 1e-3f;
-constexpr float kPresenceSlope = 8.0f;
+constexpr float kPresenceSlope = 80.0f;
+// The share of a frame's magnitude the signal reconstruction explains, ΣS/Σ(S + N): at or below
+// kQuietShare the frame holds no programme (the signal atoms only follow the noise's random
+// detail there), at or above kSignalShare it does. In between the frame's gains move from the
+// one state to the other.
+constexpr float kQuietShare = 0.05f;
+constexpr float kSignalShare = 0.15f;
+// A frame without programme goes this much further down than the reduction (the natural log of
+// −30 dB as a gain), and its bins to that floor however much of them the signal atoms explain.
+constexpr float kPauseDepthLog = -3.4538776f;
+// The noise part is held at least at this share of the noise level tracked over the frames
+// without programme (so a loud note cannot push the noise estimate under the noise that is still
+// there), the level following those frames with this weight on its last value per hop.
+constexpr float kNoiseHold = 0.8f;
+constexpr float kNoiseTrack = 0.95f;
 
 }  // namespace
 
@@ -59,6 +75,7 @@ DNZProcess::DNZProcess(const DNZ* param) : mParam(param) {
     mLastClean.assign(std::size_t(C) * S, 0.0f);
     mStarted.assign(std::size_t(C), 0);
     mNoiseCeiling.assign(std::size_t(C), 0.0f);
+    mNoiseLevel.assign(std::size_t(C), 0.0f);
     for (auto* v : {&mMagnitude, &mModel, &mRatio, &mNoise, &mSignal, &mOnes})
         v->assign(S, 0.0f);
     mGains.assign(std::size_t(mTotalAtoms), 0.0f);
@@ -101,6 +118,7 @@ void DNZProcess::Resume() {
     std::fill(mPresence.begin(), mPresence.end(), 0.0f);
     std::fill(mLastClean.begin(), mLastClean.end(), 0.0f);
     std::fill(mStarted.begin(), mStarted.end(), 0);
+    std::fill(mNoiseLevel.begin(), mNoiseLevel.end(), 0.0f);
 }
 
 void DNZProcess::OnSpectrum(float** re, float** im, int numChannels, int numBins) {
@@ -150,17 +168,35 @@ void DNZProcess::ReduceChannel(int channel, float* re, float* im) {
     k.ratio(v, mModel.data(), modelFloor, mRatio.data(), S);
     LearnSignalAtoms(channel);
 
+    // How much of the frame is programme, and the noise level of the frames that hold none.
+    float signalSum = 0.0f, noiseSum = 0.0f;
+    k.project(mOnes.data(), S, 1, mSignal.data(), &signalSum, S);
+    k.project(mOnes.data(), S, 1, mNoise.data(), &noiseSum, S);
+    const float frameShare = signalSum / std::max(signalSum + noiseSum, kSilence);
+    const float programme = std::clamp((frameShare - kQuietShare) / (kSignalShare - kQuietShare), 0.0f, 1.0f);
+    float& noiseLevel = mNoiseLevel[std::size_t(channel)];
+    if (noiseLevel == 0.0f)
+        noiseLevel = noiseSum;
+    else if (frameShare <= kQuietShare)
+        noiseLevel = kNoiseTrack * noiseLevel + (1.0f - kNoiseTrack) * noiseSum;
+
     // The gain of every bin. The noise reconstruction N is the expected magnitude of the noise
-    // there; its power, E|X|² = (4/π)(E|X|)² for noise of Rayleigh-distributed magnitude, raised
-    // a little (kNoisePower in all), gives the a-posteriori SNR γ, and the a-priori SNR ξ comes by
+    // there; its power, E|X|² = (4/π)(E|X|)² for noise of Rayleigh-distributed magnitude (here
+    // kNoisePower·N²), gives the a-posteriori SNR γ, and the a-priori SNR ξ comes by
     // the decision-directed rule from the last frame's cleaned power. The Wiener gain ξ/(1 + ξ)
     // is then weighed against the floor by the share of the bin the signal reconstruction S
-    // explains, S²/(S² + N²), smoothed over frames: G = Gw^q · Gmin^(1−q), q = min(1, 8·share).
+    // explains, S²/(S² + N²), smoothed over frames: G = Gw^q · Gmin^(1−q), q = min(1, 80·share).
     // Where the factorisation finds no signal, noise peaks that the Wiener gain would let through
-    // (the source of "musical noise") fall to the floor.
+    // (the source of "musical noise") fall to the floor. A frame without programme takes q and the
+    // floor down with it (q·p for the frame's programme p from 0 to 1, and the floor 30 dB lower
+    // at p = 0), so what is heard between
+    // words and notes goes well below the reduction, and the frames with programme keep the floor
+    // that masks the artefacts.
     float* presence = mPresence.data() + std::size_t(channel) * std::size_t(S);
     float* lastClean = mLastClean.data() + std::size_t(channel) * std::size_t(S);
-    const float keep = mSmoothing, fresh = 1.0f - mSmoothing, floorGain = mFloorGain, floorLog = mFloorLog;
+    const float keep = mSmoothing, fresh = 1.0f - mSmoothing;
+    const float floorLog = mFloorLog + (1.0f - programme) * kPauseDepthLog;
+    const float floorGain = programme == 1.0f ? mFloorGain : std::exp(floorLog);
     for (int i = 0; i < B; ++i) {
         const float n = mNoise[std::size_t(i)], s = mSignal[std::size_t(i)];
         const float noisePower = std::max(kNoisePower * n * n, kSilence);
@@ -172,7 +208,7 @@ void DNZProcess::ReduceChannel(int channel, float* re, float* im) {
         const float wiener = std::max(xi / (1.0f + xi), floorGain);
         const float share = s * s / std::max(s * s + n * n, kSilence);
         presence[i] = keep * presence[i] + fresh * share;
-        const float q = std::min(1.0f, kPresenceSlope * presence[i]);
+        const float q = std::min(1.0f, kPresenceSlope * presence[i]) * programme;
         const float gain = std::exp(q * std::log(wiener) + (1.0f - q) * floorLog);
         lastClean[i] = gain * gain * x2;
         re[i] *= gain;
@@ -180,15 +216,17 @@ void DNZProcess::ReduceChannel(int channel, float* re, float* im) {
     }
 }
 
-// The noise activations scaled down together where their sum (the noise model's sum of
-// magnitudes, the atoms summing to 1) exceeds the print's loudest spectrum.
+// The noise activations scaled together so that their sum (the noise model's sum of magnitudes,
+// the atoms summing to 1) stays from kNoiseHold of the tracked noise level up to the print's
+// loudest spectrum.
 void DNZProcess::HoldNoise(int channel, float* h) const {
     const float ceiling = mNoiseCeiling[std::size_t(channel)];
+    const float least = std::min(kNoiseHold * mNoiseLevel[std::size_t(channel)], ceiling);
     float sum = 0.0f;
     for (int a = 0; a < mNoiseAtoms; ++a)
         sum += h[a];
-    if (!(sum > ceiling)) return;
-    const float scale = ceiling / sum;
+    if (!(sum > 0.0f) || (sum <= ceiling && sum >= least)) return;
+    const float scale = (sum > ceiling ? ceiling : least) / sum;
     for (int a = 0; a < mNoiseAtoms; ++a)
         h[a] *= scale;
 }

@@ -180,6 +180,28 @@ TEST(DNZProcess, NoiseAndHumFallByTheReductionAndTonesStay) {
     }
 }
 
+// Before and after a note the reducer goes well below the reduction, and the note keeps its level.
+TEST(DNZProcess, PausesFallFurtherThanTheReductionAndTheNoteKeepsItsLevel) {
+    constexpr double kReductionDb = 30.0;
+    const std::size_t frames = 4 * 44100, noteFrom = 44100, noteTo = 2 * 44100;
+    const Signal print = GaussianNoise(frames, 1, 0.02), noise = GaussianNoise(frames, 2, 0.02);
+    Signal note = kesta::test::Sine(frames, 440.0, kRateHz, 0.2);
+    for (std::size_t i = 0; i < frames; ++i)
+        if (i < noteFrom || i >= noteTo) note[i] = 0.0f;
+    const Reduced mixed(print, kesta::test::Mix(noise, note), kReductionDb);
+    // After the note, from 0.2 s on; and before it, past the first half second.
+    for (std::size_t from : {noteTo + 8820, std::size_t(22050)}) {
+        const std::size_t count = from < noteFrom ? noteFrom - from - 4410 : frames - from - 22050;
+        EXPECT_LT(20.0 * std::log10(Rms(Part(mixed.out, from, count)) / Rms(Part(noise, from, count))),
+                  -(kReductionDb + 20.0))
+            << from;
+    }
+    const std::size_t from = noteFrom + 11025, count = noteTo - from - 11025;
+    EXPECT_NEAR(20.0 * std::log10(LevelAt(Part(mixed.out, from, count), 440.0, kRateHz) /
+                                  LevelAt(Part(note, from, count), 440.0, kRateHz)),
+                0.0, 1.0);
+}
+
 TEST(DNZProcess, BypassAndResidualAddUpToTheDelayedInput) {
     constexpr int N = 2048;
     const Signal noise = GaussianNoise(60000, 4, 0.05);
