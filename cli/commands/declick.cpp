@@ -410,8 +410,9 @@ int RunDeclick(const DeclickOptions& options) {
             options.output, reader, std::vector<SafeOutput::Input>{{options.input, reader.Identity()}}, options.out);
     std::unique_ptr<SafeOutput> reportFile;
     if (kind != ReportKind::None)
-        reportFile = std::make_unique<SafeOutput>(
-            options.report, std::vector<SafeOutput::Input>{{options.input, reader.Identity()}}, options.out.force);
+        reportFile = std::make_unique<SafeOutput>(options.report,
+                                                  std::vector<SafeOutput::Input>{{options.input, reader.Identity()}},
+                                                  options.out.force, options.out.sync);
 
     const NOCLICK record = MakeRecord(options, format);
     std::vector<std::vector<Range>> found;

@@ -202,7 +202,8 @@ int RunDeclip(const DeclipOptions& options) {
 
     std::vector<SafeOutput::Input> inputs = {{options.input, reader.Identity()}};
     std::unique_ptr<SafeOutput> reportOutput;
-    if (!options.report.empty()) reportOutput = std::make_unique<SafeOutput>(options.report, inputs, options.out.force);
+    if (!options.report.empty())
+        reportOutput = std::make_unique<SafeOutput>(options.report, inputs, options.out.force, options.out.sync);
     AudioOutput output(options.output, reader, inputs, options.out);
 
     dsp::noclip::NOCLIPPING record = MakeRecord(options, format);

@@ -221,7 +221,7 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
         if (auto identity = IdentityOfPath(path)) inputs.push_back({path, *identity});
     std::unique_ptr<SafeOutput> savedOutput;
     if (!tool.SavedFile().empty())
-        savedOutput = std::make_unique<SafeOutput>(tool.SavedFile(), inputs, options.out.force);
+        savedOutput = std::make_unique<SafeOutput>(tool.SavedFile(), inputs, options.out.force, options.out.sync);
     std::optional<AudioOutput> output;
     if (!options.output.empty()) output.emplace(options.output, *reader, inputs, options.out);
 

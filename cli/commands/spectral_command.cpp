@@ -610,7 +610,7 @@ int RunSpectralCommand(const SpectralOptions& options, std::shared_ptr<SpectralT
         if (auto identity = IdentityOfPath(options.printPath)) inputs.push_back({options.printPath, *identity});
     std::unique_ptr<SafeOutput> printOutput;
     if (!options.savePrint.empty())
-        printOutput = std::make_unique<SafeOutput>(options.savePrint, inputs, options.out.force);
+        printOutput = std::make_unique<SafeOutput>(options.savePrint, inputs, options.out.force, options.out.sync);
     std::optional<AudioOutput> output;
     if (!options.output.empty()) output.emplace(options.output, reader, inputs, options.out);
 

@@ -36,8 +36,9 @@ mode_t DefaultMode() {
     return 0666 & ~mask;
 }
 
+// Refuses a target that must not be written; `exists` tells whether there is a file to replace.
 void RefuseUnsuitableTarget(const std::string& target, const std::vector<SafeOutput::Input>& inputs, bool force,
-                            mode_t& mode) {
+                            mode_t& mode, bool& exists) {
     if (target.empty()) throw UsageError("no output file given", "", "name the file to write");
     const std::string what = "cannot write output " + Quoted(target);
     if (target.back() == '/') throw OutputError(what, "the name ends in '/'", "give a file name");
@@ -65,6 +66,7 @@ void RefuseUnsuitableTarget(const std::string& target, const std::vector<SafeOut
                               "choose a regular file name");
         mode = file.st_mode & 07777;
     }
+    exists = true;
     if (!force)
         throw OutputError("output " + Quoted(target) + " already exists", "kesta replaces files only when asked",
                           "add --force to replace it, or choose another name");
@@ -138,13 +140,13 @@ void SafeOutput::CopyToStandardOutput() {
     mCommitted = true;
 }
 
-SafeOutput::SafeOutput(std::string target, const std::vector<Input>& inputs, bool force)
-    : mTarget(std::move(target)), mMode(DefaultMode()) {
+SafeOutput::SafeOutput(std::string target, const std::vector<Input>& inputs, bool force, bool sync)
+    : mTarget(std::move(target)), mMode(DefaultMode()), mForce(force), mSync(sync) {
     if (mTarget == "-") {
         mFd = OpenForStandardOutput(inputs);
         return;
     }
-    RefuseUnsuitableTarget(mTarget, inputs, force, mMode);
+    RefuseUnsuitableTarget(mTarget, inputs, force, mMode, mReplaces);
 
     // A hidden, unique name beside the target: <directory>/.<name>.kesta-XXXXXX
     const std::size_t slash = mTarget.find_last_of('/');
@@ -177,8 +179,13 @@ void SafeOutput::Discard() noexcept {
 void SafeOutput::Commit() {
     if (mStdout >= 0) return CopyToStandardOutput();
     const std::string what = "cannot write output " + Quoted(mTarget);
-    if (::fsync(mFd) != 0)
-        throw OutputError(what, "saving to disk failed: " + SystemReason(errno), "check the free space and the disk");
+    const auto syncData = [&](int fd) {
+        if (::fsync(fd) != 0)
+            throw OutputError(what, "saving to disk failed: " + SystemReason(errno),
+                              "check the free space and the disk");
+    };
+    bool synced = mReplaces || mSync;
+    if (synced) syncData(mFd);
     if (::fchmod(mFd, mMode) != 0) throw OutputError(what, "cannot set its permissions: " + SystemReason(errno), "");
     const int fd = mFd;
     mFd = -1;
@@ -186,13 +193,41 @@ void SafeOutput::Commit() {
         throw OutputError(what, "closing failed: " + SystemReason(errno), "check the free space and the disk");
     {
         SignalHold hold;
-        if (::rename(mTemporary.c_str(), mTarget.c_str()) != 0)
+        bool moved = false;
+        if (!mReplaces) {
+            // A new name: taken only while still free, so a file put there meanwhile is not lost.
+            moved = ::renameat2(AT_FDCWD, mTemporary.c_str(), AT_FDCWD, mTarget.c_str(), RENAME_NOREPLACE) == 0;
+            const int error = errno;
+            struct stat there {};
+            const bool appeared =
+                !moved && (error == EEXIST || ((error == EINVAL || error == ENOSYS) &&
+                                               ::lstat(mTarget.c_str(), &there) == 0));  // no such rename here
+            if (!moved && !appeared && error != EINVAL && error != ENOSYS)
+                throw OutputError(what, "cannot move the finished file into place: " + SystemReason(error),
+                                  "check the directory's permissions");
+            if (appeared && !mForce)
+                throw OutputError("output " + Quoted(mTarget) + " already exists",
+                                  "it appeared while kesta was writing",
+                                  "add --force to replace it, or choose another name");
+            if (appeared && !synced) {
+                const int again = ::open(mTemporary.c_str(), O_RDONLY | O_CLOEXEC);
+                if (again < 0) throw OutputError(what, "cannot reopen its temporary: " + SystemReason(errno), "");
+                const int failed = ::fsync(again) != 0 ? errno : 0;
+                ::close(again);
+                if (failed != 0)
+                    throw OutputError(what, "saving to disk failed: " + SystemReason(failed),
+                                      "check the free space and the disk");
+                synced = true;
+            }
+        }
+        if (!moved && ::rename(mTemporary.c_str(), mTarget.c_str()) != 0)
             throw OutputError(what, "cannot move the finished file into place: " + SystemReason(errno),
                               "check the directory's permissions");
         mCommitted = true;
         RemoveSignalCleanup(mSignalSlot);
         mSignalSlot = -1;
     }
+    if (!synced) return;
     // Make the rename itself durable; a file system that cannot sync directories is not an error.
     const int directory = ::open(DirectoryOf(mTarget).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directory >= 0) {

@@ -44,6 +44,8 @@ void AddOutputOptions(CLI::App& command, OutputOptions& options) {
     AddNumberOption(command, "--bits", options.bits, "Write integer PCM samples of 8, 16, 24 or 32 bits")
         ->type_name("N");
     command.add_flag("--float", options.floatSamples, "Write 32-bit float samples (keeps levels beyond full scale)");
+    command.add_flag("--sync", options.sync,
+                     "Save the output to disk before finishing also when it is new (a replaced file always is)");
 }
 
 AudioFormat ChooseEncodedFormat(const AudioFormat& input, const std::string& outputPath, const OutputOptions& options) {
@@ -118,7 +120,7 @@ AudioOutput::Shape AudioOutput::ShapeOf(const BlockReader& source, const std::ve
 AudioOutput::AudioOutput(const std::string& path, const Shape& shape, const std::vector<SafeOutput::Input>& inputs,
                          const OutputOptions& options)
     : mPath(path),
-      mOutput((CheckSingleRun(options.batch), path), inputs, options.force),
+      mOutput((CheckSingleRun(options.batch), path), inputs, options.force, options.sync),
       mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(shape.format, path, options)),
       mWritten(shape.format.channels) {
     mMetadataLost = mWriter.SetMetadata(shape.metadata);

@@ -54,9 +54,10 @@ struct OutputOptions {
     bool force = false;
     int bits = 0;               // --bits: 8, 16, 24 or 32 bits integer PCM; 0 keeps the chosen encoding
     bool floatSamples = false;  // --float: 32-bit float samples
+    bool sync = false;          // --sync: on disk before the command ends, also as a new file
     BatchOptions batch;         // refused in a single run
 };
-// Adds --force, --bits and --float.
+// Adds --force, --bits, --float and --sync.
 void AddOutputOptions(CLI::App& command, OutputOptions& options);
 
 // The format OUTPUT gets: ChooseOutputFormat's, with the encoding --bits or --float asks for.

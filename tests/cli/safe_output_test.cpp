@@ -22,6 +22,15 @@
 namespace kesta_test {
 namespace {
 
+// Every entry of `directory`, sorted.
+std::vector<std::string> NamesIn(const std::filesystem::path& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 class SafeOutputTest : public CliTest {
 protected:
     void SetUp() override { WriteAudio(dir / "in.wav", StereoTone16()); }
@@ -112,13 +121,44 @@ TEST_F(SafeOutputTest, InterruptedRunLeavesTheOldFileAndNoTemporary) {
         pipe.close();
         EXPECT_EQ(result.signal, signal);  // it dies of the signal, as a shell expects
         EXPECT_EQ(ReadBytes(run / "out.wav"), "previous");
-        std::vector<std::string> left;
-        for (const auto& entry : std::filesystem::directory_iterator(run))
-            left.push_back(entry.path().filename().string());
-        std::sort(left.begin(), left.end());
-        EXPECT_EQ(left, (std::vector<std::string>{"out.wav", "pipe.wav"}));
+        EXPECT_EQ(NamesIn(run), (std::vector<std::string>{"out.wav", "pipe.wav"}));
     }
     EXPECT_EQ(ReadBytes(dir / "in.wav"), audio);
+}
+
+// A new name is taken only while it is free: a file put there during the run is replaced only with
+// --force (the input stalls in a pipe while the file appears).
+TEST_F(SafeOutputTest, AFileThatAppearsDuringTheRunIsReplacedOnlyWithForce) {
+    const std::string audio = ReadBytes(dir / "in.wav");
+    for (const bool force : {false, true}) {
+        SCOPED_TRACE(force ? "--force" : "no --force");
+        const std::filesystem::path run = dir / (force ? "forced" : "plain");
+        std::filesystem::create_directory(run);
+        ASSERT_EQ(::mkfifo((run / "pipe.wav").c_str(), 0600), 0);
+        std::vector<std::string> args = {"gain", (run / "pipe.wav").string(), (run / "out.wav").string(), "--db", "1"};
+        if (force) args.push_back("--force");
+        RunningKesta kesta(args);
+        std::ofstream pipe(run / "pipe.wav", std::ios::binary);
+        pipe.write(audio.data(), std::streamsize(audio.size() / 2));
+        pipe.flush();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (NamesIn(run).size() < 2) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "kesta never created its temporary file";
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        WriteBytes(run / "out.wav", "appeared");
+        pipe.write(audio.data() + audio.size() / 2, std::streamsize(audio.size() - audio.size() / 2));
+        pipe.close();
+        const RunResult result = kesta.Finish();
+        if (force) {
+            EXPECT_EQ(result.exitCode, 0) << result.err;
+            EXPECT_EQ(ReadAudio(run / "out.wav").Frames(), 48000);
+        } else {
+            ExpectOneErrorLine(result, 4, {"out.wav", "appeared while kesta was writing", "--force"});
+            EXPECT_EQ(ReadBytes(run / "out.wav"), "appeared");
+        }
+        EXPECT_EQ(NamesIn(run), (std::vector<std::string>{"out.wav", "pipe.wav"}));
+    }
 }
 
 // Permissions as an ordinary user meets them (the tests may run as root, whom none stop): an
