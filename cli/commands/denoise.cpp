@@ -95,10 +95,14 @@ struct DenoiseSettings {
     bool keepLines = false;  // --keep-lines: no line canceller before adaptive and nmf
 };
 
-// The line canceller adaptive and nmf run first, unless --keep-lines or --reduction 0.
+// Adaptive and nmf run the line canceller first, unless --keep-lines or --reduction 0.
+bool LinesCancelled(const DenoiseSettings& settings, double reductionDb) {
+    return !settings.keepLines && reductionDb != 0.0;
+}
+
 std::unique_ptr<dsp::TonalLineCanceller> MakeCanceller(const DenoiseSettings& settings, double reductionDb,
                                                        int channels, int sampleRate) {
-    if (settings.keepLines || reductionDb == 0.0) return nullptr;
+    if (!LinesCancelled(settings, reductionDb)) return nullptr;
     return std::make_unique<dsp::TonalLineCanceller>(channels, sampleRate);
 }
 
@@ -243,7 +247,7 @@ private:
     double ReductionDb() const {
         return mSettings.reductionGiven ? mSettings.reductionDb : dsp::AdaptiveNoise::kDefaultReductionDb;
     }
-    bool CancelsLines() const { return !mSettings.keepLines && ReductionDb() != 0.0; }
+    bool CancelsLines() const { return LinesCancelled(mSettings, ReductionDb()); }
 
     const SpectralOptions& mOptions;
     const DenoiseSettings& mSettings;
@@ -322,7 +326,7 @@ private:
     double ReductionDb() const {
         return mSettings.reductionGiven ? mSettings.reductionDb : dsp::dnz::DNZ{}.reductionDb;
     }
-    bool CancelsLines() const { return !mSettings.keepLines && ReductionDb() != 0.0; }
+    bool CancelsLines() const { return LinesCancelled(mSettings, ReductionDb()); }
     double SmoothingPercent() const {
         return mSettings.smoothingGiven ? mSettings.smoothingPercent : dsp::dnz::DNZ{}.smoothingPercent;
     }
