@@ -27,6 +27,7 @@
 #include "pipeline/text_table.h"
 #include "pipeline/units.h"
 #ifdef KESTA_PICTURES
+#include "pictures/cairo_library.h"
 #include "pictures/picture_job.h"
 #include "pictures/spectrogram_image.h"
 #include "pictures/waveform_image.h"
@@ -334,7 +335,14 @@ int RunDemo(const DemoOptions& options) {
         if (IsChainStep(kPlan[k].name)) files.push_back("after-" + std::string(kPlan[k].name) + ".wav");
     files.insert(files.end(), {"restored.wav", "clicks.csv", "clips.csv", "report.json"});
 #ifdef KESTA_PICTURES
-    {
+    bool drawing = true;
+    try {
+        Cairo();
+    } catch (const CliError& error) {
+        console.Warn(error.Message() + "; the demo leaves out its pictures");
+        drawing = false;
+    }
+    if (drawing) {
         BlockReader damaged(path("damaged.wav")), restored(path(last >= 0 ? "restored.wav" : "damaged.wav"));
         Canvas spectrogram(1000, 820);
         SpectrogramSettings settings;

@@ -27,8 +27,7 @@
 #include "pipeline/units.h"
 
 #ifdef KESTA_PICTURES
-#include <cairo.h>
-
+#include "pictures/cairo_library.h"
 #include "pictures/picture_job.h"
 #include "pictures/plot.h"
 #endif
@@ -156,11 +155,11 @@ void DrawSpectrum(Canvas& canvas, const std::vector<double>& levels, double rate
     canvas.LeftAxis(area, y, LinearTicks(y, area.height, 40.0), "level (dB)", true);
     canvas.BottomAxis(area, x, FrequencyTicks(x, area.width), "frequency (Hz)");
     cairo_t* cr = canvas.Context();
-    cairo_save(cr);
-    cairo_rectangle(cr, area.x, area.y, area.width, area.height);
-    cairo_clip(cr);
-    cairo_set_source_rgb(cr, line.r, line.g, line.b);
-    cairo_set_line_width(cr, 1.2);
+    Cairo().save(cr);
+    Cairo().rectangle(cr, area.x, area.y, area.width, area.height);
+    Cairo().clip(cr);
+    Cairo().set_source_rgb(cr, line.r, line.g, line.b);
+    Cairo().set_line_width(cr, 1.2);
     bool drawing = false;
     for (std::size_t k = 1; k < levels.size(); ++k) {
         const double f = static_cast<double>(k) * rate / fftSize;
@@ -169,13 +168,13 @@ void DrawSpectrum(Canvas& canvas, const std::vector<double>& levels, double rate
         const double px = area.x + x.Fraction(f) * area.width;
         const double py = area.Bottom() - y.Fraction(level) * area.height;
         if (drawing)
-            cairo_line_to(cr, px, py);
+            Cairo().line_to(cr, px, py);
         else
-            cairo_move_to(cr, px, py);
+            Cairo().move_to(cr, px, py);
         drawing = true;
     }
-    cairo_stroke(cr);
-    cairo_restore(cr);
+    Cairo().stroke(cr);
+    Cairo().restore(cr);
 }
 #endif
 

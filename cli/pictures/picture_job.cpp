@@ -5,6 +5,7 @@
 #include <cctype>
 #include <iostream>
 
+#include "cairo_library.h"
 #include "errors.h"
 #include "pipeline/command_line.h"
 #include "pipeline/json_writer.h"
@@ -48,6 +49,7 @@ std::unique_ptr<SafeOutput> PrepareOutput(const PictureOptions& options, int hei
     if (options.output != "-" && extension != ".png")
         throw UsageError("cannot write a picture to " + Quoted(options.output), "pictures are PNG files",
                          "name it FILE.png");
+    Cairo();  // missing cairo stops the command before any work
     return std::make_unique<SafeOutput>(options.output, inputs, options.force);
 }
 

@@ -44,7 +44,8 @@ struct PictureInput {
 PictureInput OpenPictureInput(const std::string& path);
 
 // Usage errors for a size out of range (`smallestHeight` for what is drawn) or an OUTPUT not named
-// .png; then the output, refused when it exists (without --force) or is one of the inputs.
+// .png; a fault when cairo cannot be opened; then the output, refused when it exists (without
+// --force) or is one of the inputs.
 std::unique_ptr<SafeOutput> PrepareOutput(const PictureOptions& options, int height, int smallestHeight,
                                           const std::vector<SafeOutput::Input>& inputs);
 

@@ -69,7 +69,7 @@ cairo_status_t WriteToDescriptor(void* closure, const unsigned char* data, unsig
 }
 
 void SetColour(cairo_t* cr, const Rgb& colour) {
-    cairo_set_source_rgb(cr, colour.r, colour.g, colour.b);
+    Cairo().set_source_rgb(cr, colour.r, colour.g, colour.b);
 }
 
 }  // namespace
@@ -166,32 +166,33 @@ Rgb LevelColour(double fraction) {
 Canvas::Canvas(int width, int height)
     : mWidth(width),
       mHeight(height),
-      mSurface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height)),
-      mContext(cairo_create(mSurface)) {
-    if (cairo_surface_status(mSurface) == CAIRO_STATUS_NO_MEMORY || cairo_status(mContext) == CAIRO_STATUS_NO_MEMORY) {
-        cairo_destroy(mContext);
-        cairo_surface_destroy(mSurface);
+      mSurface(Cairo().image_surface_create(CAIRO_FORMAT_RGB24, width, height)),
+      mContext(Cairo().create(mSurface)) {
+    if (Cairo().surface_status(mSurface) == CAIRO_STATUS_NO_MEMORY ||
+        Cairo().status(mContext) == CAIRO_STATUS_NO_MEMORY) {
+        Cairo().destroy(mContext);
+        Cairo().surface_destroy(mSurface);
         throw std::bad_alloc();
     }
     Fill({1.0, 1.0, 1.0});
 }
 
 Canvas::~Canvas() {
-    cairo_destroy(mContext);
-    cairo_surface_destroy(mSurface);
+    Cairo().destroy(mContext);
+    Cairo().surface_destroy(mSurface);
 }
 
 void Canvas::Fill(const Rgb& colour) {
     SetColour(mContext, colour);
-    cairo_paint(mContext);
+    Cairo().paint(mContext);
 }
 
 double Canvas::TextWidth(const std::string& text, double size, bool bold) {
-    cairo_select_font_face(mContext, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
-                           bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
-    cairo_set_font_size(mContext, size);
+    Cairo().select_font_face(mContext, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
+                             bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
+    Cairo().set_font_size(mContext, size);
     cairo_text_extents_t extents;
-    cairo_text_extents(mContext, text.c_str(), &extents);
+    Cairo().text_extents(mContext, text.c_str(), &extents);
     return extents.x_advance;
 }
 
@@ -199,30 +200,30 @@ void Canvas::Text(double x, double y, const std::string& text, double size, cons
                   double alignY, bool bold) {
     TextWidth(text, size, bold);  // selects the font
     cairo_text_extents_t extents;
-    cairo_text_extents(mContext, text.c_str(), &extents);
+    Cairo().text_extents(mContext, text.c_str(), &extents);
     // alignY: 0 puts the text's top at y, 0.5 its middle, 1 its baseline-free bottom.
-    cairo_move_to(mContext, x - alignX * extents.x_advance, y - extents.y_bearing - alignY * extents.height);
+    Cairo().move_to(mContext, x - alignX * extents.x_advance, y - extents.y_bearing - alignY * extents.height);
     SetColour(mContext, colour);
-    cairo_show_text(mContext, text.c_str());
+    Cairo().show_text(mContext, text.c_str());
 }
 
 void Canvas::VerticalText(double x, double y, const std::string& text, double size, const Rgb& colour) {
-    cairo_save(mContext);
-    cairo_translate(mContext, x, y);
-    cairo_rotate(mContext, -M_PI / 2);
+    Cairo().save(mContext);
+    Cairo().translate(mContext, x, y);
+    Cairo().rotate(mContext, -M_PI / 2);
     Text(0.0, 0.0, text, size, colour, 0.5, 0.5);
-    cairo_restore(mContext);
+    Cairo().restore(mContext);
 }
 
 void Canvas::BottomAxis(const Rect& area, const AxisScale& scale, const std::vector<Tick>& ticks,
                         const std::string& title) {
-    cairo_set_line_width(mContext, 1.0);
+    Cairo().set_line_width(mContext, 1.0);
     SetColour(mContext, kInk);
     for (const Tick& tick : ticks) {
         const double x = std::round(area.x + scale.Fraction(tick.value) * area.width) + 0.5;
-        cairo_move_to(mContext, x, area.Bottom());
-        cairo_line_to(mContext, x, area.Bottom() + 5.0);
-        cairo_stroke(mContext);
+        Cairo().move_to(mContext, x, area.Bottom());
+        Cairo().line_to(mContext, x, area.Bottom() + 5.0);
+        Cairo().stroke(mContext);
         Text(x, area.Bottom() + 8.0, tick.label, kLabelSize, kInk, 0.5);
     }
     Text(area.x + area.width / 2, area.Bottom() + 26.0, title, kTitleSize, kInk, 0.5);
@@ -230,25 +231,25 @@ void Canvas::BottomAxis(const Rect& area, const AxisScale& scale, const std::vec
 
 void Canvas::LeftAxis(const Rect& area, const AxisScale& scale, const std::vector<Tick>& ticks,
                       const std::string& title, bool grid) {
-    cairo_set_line_width(mContext, 1.0);
+    Cairo().set_line_width(mContext, 1.0);
     for (const Tick& tick : ticks) {
         const double y = std::round(area.Bottom() - scale.Fraction(tick.value) * area.height) + 0.5;
         if (grid) {
             SetColour(mContext, kGrid);
-            cairo_move_to(mContext, area.x, y);
-            cairo_line_to(mContext, area.Right(), y);
-            cairo_stroke(mContext);
+            Cairo().move_to(mContext, area.x, y);
+            Cairo().line_to(mContext, area.Right(), y);
+            Cairo().stroke(mContext);
         }
         SetColour(mContext, kInk);
-        cairo_move_to(mContext, area.x - 5.0, y);
-        cairo_line_to(mContext, area.x, y);
-        cairo_stroke(mContext);
+        Cairo().move_to(mContext, area.x - 5.0, y);
+        Cairo().line_to(mContext, area.x, y);
+        Cairo().stroke(mContext);
         Text(area.x - 8.0, y, tick.label, kLabelSize, kInk, 1.0, 0.5);
     }
     VerticalText(area.x - 52.0, area.y + area.height / 2, title, kTitleSize, kInk);
     SetColour(mContext, kInk);
-    cairo_rectangle(mContext, area.x - 0.5, area.y - 0.5, area.width + 1.0, area.height + 1.0);
-    cairo_stroke(mContext);
+    Cairo().rectangle(mContext, area.x - 0.5, area.y - 0.5, area.width + 1.0, area.height + 1.0);
+    Cairo().stroke(mContext);
 }
 
 void Canvas::LevelLegend(const Rect& bar, double bottomDb, double topDb, const std::string& title) {
@@ -258,34 +259,34 @@ void Canvas::LevelLegend(const Rect& bar, double bottomDb, double topDb, const s
             pixels.Set(x, y, LevelColour(1.0 - (y + 0.5) / pixels.Height()));
     Paint(pixels, bar);
     SetColour(mContext, kInk);
-    cairo_set_line_width(mContext, 1.0);
-    cairo_rectangle(mContext, bar.x - 0.5, bar.y - 0.5, bar.width + 1.0, bar.height + 1.0);
-    cairo_stroke(mContext);
+    Cairo().set_line_width(mContext, 1.0);
+    Cairo().rectangle(mContext, bar.x - 0.5, bar.y - 0.5, bar.width + 1.0, bar.height + 1.0);
+    Cairo().stroke(mContext);
     const AxisScale scale{bottomDb, topDb, false};
     for (const Tick& tick : LinearTicks(scale, bar.height, 28.0)) {
         const double y = std::round(bar.Bottom() - scale.Fraction(tick.value) * bar.height) + 0.5;
-        cairo_move_to(mContext, bar.Right(), y);
-        cairo_line_to(mContext, bar.Right() + 4.0, y);
-        cairo_stroke(mContext);
+        Cairo().move_to(mContext, bar.Right(), y);
+        Cairo().line_to(mContext, bar.Right() + 4.0, y);
+        Cairo().stroke(mContext);
         Text(bar.Right() + 7.0, y, tick.label, kLabelSize, kInk, 0.0, 0.5);
     }
     Text(bar.x + bar.width / 2, bar.y - 18.0, title, kTitleSize, kInk, 0.5);
 }
 
 Canvas::Pixels::Pixels(int width, int height)
-    : mSurface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, std::max(width, 1), std::max(height, 1))),
+    : mSurface(Cairo().image_surface_create(CAIRO_FORMAT_RGB24, std::max(width, 1), std::max(height, 1))),
       mWidth(width),
       mHeight(height),
-      mStride(cairo_image_surface_get_stride(mSurface)),
-      mData(cairo_image_surface_get_data(mSurface)) {
+      mStride(Cairo().image_surface_get_stride(mSurface)),
+      mData(Cairo().image_surface_get_data(mSurface)) {
     if (mData == nullptr) {
-        cairo_surface_destroy(mSurface);
+        Cairo().surface_destroy(mSurface);
         throw std::bad_alloc();
     }
 }
 
 Canvas::Pixels::~Pixels() {
-    cairo_surface_destroy(mSurface);
+    Cairo().surface_destroy(mSurface);
 }
 
 void Canvas::Pixels::Set(int x, int y, const Rgb& colour) {
@@ -295,18 +296,18 @@ void Canvas::Pixels::Set(int x, int y, const Rgb& colour) {
 }
 
 void Canvas::Paint(Pixels& pixels, const Rect& area) {
-    cairo_surface_mark_dirty(pixels.Surface());
-    cairo_save(mContext);
-    cairo_set_source_surface(mContext, pixels.Surface(), area.x, area.y);
-    cairo_rectangle(mContext, area.x, area.y, pixels.Width(), pixels.Height());
-    cairo_fill(mContext);
-    cairo_restore(mContext);
+    Cairo().surface_mark_dirty(pixels.Surface());
+    Cairo().save(mContext);
+    Cairo().set_source_surface(mContext, pixels.Surface(), area.x, area.y);
+    Cairo().rectangle(mContext, area.x, area.y, pixels.Width(), pixels.Height());
+    Cairo().fill(mContext);
+    Cairo().restore(mContext);
 }
 
 void Canvas::WritePng(SafeOutput& output) {
-    cairo_surface_flush(mSurface);
+    Cairo().surface_flush(mSurface);
     int fd = output.Descriptor();
-    if (cairo_surface_write_to_png_stream(mSurface, WriteToDescriptor, &fd) != CAIRO_STATUS_SUCCESS)
+    if (Cairo().surface_write_to_png_stream(mSurface, WriteToDescriptor, &fd) != CAIRO_STATUS_SUCCESS)
         throw OutputError("cannot write " + Quoted(output.Target()), "the disk is full or failed",
                           "free some space or choose another place");
 }

@@ -3,11 +3,11 @@
 // colour scale for levels in dB with its legend, and the PNG written through a SafeOutput (so the
 // picture appears whole or not at all).
 
-#include <cairo.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "cairo_library.h"
 
 namespace kesta {
 

@@ -20,12 +20,12 @@ const Rgb kClip{0.96, 0.56, 0.02};
 // A small triangle pointing down (at the top of a panel) or up (at its bottom), its tip at (x, y).
 void Triangle(cairo_t* cr, double x, double y, bool down, const Rgb& colour) {
     const double h = down ? 7.0 : -7.0;
-    cairo_move_to(cr, x, y + h);
-    cairo_line_to(cr, x - 4.5, y);
-    cairo_line_to(cr, x + 4.5, y);
-    cairo_close_path(cr);
-    cairo_set_source_rgb(cr, colour.r, colour.g, colour.b);
-    cairo_fill(cr);
+    Cairo().move_to(cr, x, y + h);
+    Cairo().line_to(cr, x - 4.5, y);
+    Cairo().line_to(cr, x + 4.5, y);
+    Cairo().close_path(cr);
+    Cairo().set_source_rgb(cr, colour.r, colour.g, colour.b);
+    Cairo().fill(cr);
 }
 
 // The marks of one channel: a faint band over the stretch and a triangle at the panel's edge.
@@ -33,14 +33,14 @@ void DrawMarks(Canvas& canvas, const Rect& area, const std::vector<Mark>& marks,
                const Rgb& colour) {
     cairo_t* cr = canvas.Context();
     const double perFrame = area.width / double(frames);
-    cairo_set_source_rgba(cr, colour.r, colour.g, colour.b, 0.28);
+    Cairo().set_source_rgba(cr, colour.r, colour.g, colour.b, 0.28);
     for (const Mark& mark : marks) {
         if (mark.channel != channel + 1) continue;
         const double x0 = std::floor(area.x + mark.start * perFrame);
         const double x1 = std::max(x0 + 1.0, std::ceil(area.x + (mark.start + mark.length) * perFrame));
-        cairo_rectangle(cr, x0, area.y, std::min(x1, area.Right()) - x0, area.height);
+        Cairo().rectangle(cr, x0, area.y, std::min(x1, area.Right()) - x0, area.height);
     }
-    cairo_fill(cr);
+    Cairo().fill(cr);
     for (const Mark& mark : marks)
         if (mark.channel == channel + 1)
             Triangle(cr, area.x + (mark.start + mark.length / 2.0) * perFrame, top ? area.y : area.Bottom(), top,
@@ -137,15 +137,15 @@ void DrawWaveform(Canvas& canvas, const std::string& title, BlockReader& reader,
         const auto y = [&](double v) { return area.Bottom() - amplitude.Fraction(v) * area.height; };
         for (int pass = 0; pass < 2; ++pass) {
             const Rgb& colour = pass == 0 ? kWave : kWaveRms;
-            cairo_set_source_rgb(cr, colour.r, colour.g, colour.b);
+            Cairo().set_source_rgb(cr, colour.r, colour.g, colour.b);
             for (int x = 0; x < e.columns; ++x) {
                 const double top =
                     pass == 0 ? e.high[std::size_t(c)][std::size_t(x)] : e.rms[std::size_t(c)][std::size_t(x)];
                 const double bottom = pass == 0 ? e.low[std::size_t(c)][std::size_t(x)] : -top;
                 const double y0 = std::floor(y(top)), y1 = std::max(y0 + 1.0, std::ceil(y(bottom)));
-                cairo_rectangle(cr, area.x + x, y0, 1.0, y1 - y0);
+                Cairo().rectangle(cr, area.x + x, y0, 1.0, y1 - y0);
             }
-            cairo_fill(cr);
+            Cairo().fill(cr);
         }
         if (c == channels - 1)
             canvas.BottomAxis(area, time, TimeTicks(time.high, area.width), TimeAxisTitle(time.high));

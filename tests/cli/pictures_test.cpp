@@ -10,6 +10,7 @@
 #include "cli_test.h"
 #include "errors.h"
 #include "io/block_reader.h"
+#include "pictures/cairo_library.h"
 #include "pictures/marks.h"
 #include "pictures/spectrogram_image.h"
 #include "pipeline/progress.h"
@@ -167,6 +168,28 @@ TEST_F(PicturesTest, WrongCommandLinesWriteNoPicture) {
     WriteBytes(dir / "old.png", "old");
     ExpectOneErrorLine(RunKesta({"waveform", P("in.wav"), P("old.png")}), 4, {"old.png"});
     EXPECT_EQ(ReadBytes(dir / "old.png"), "old");
+}
+
+TEST_F(PicturesTest, CairoIsOpenedOnlyToDraw) {
+    // The dynamic loader lists what kesta maps at start: cairo is not among it.
+    ::setenv("LD_TRACE_LOADED_OBJECTS", "1", 1);
+    const RunResult loaded = RunKesta({"--version"});
+    ::unsetenv("LD_TRACE_LOADED_OBJECTS");
+    ASSERT_EQ(loaded.exitCode, 0) << loaded.err;
+    EXPECT_NE(loaded.out.find("libsndfile"), std::string::npos) << loaded.out;
+    EXPECT_EQ(loaded.out.find("libcairo"), std::string::npos) << loaded.out;
+
+    try {
+        kesta::OpenCairo("libcairo-not-installed.so.2");
+        ADD_FAILURE() << "a missing library opened";
+    } catch (const kesta::CliError& error) {
+        EXPECT_EQ(error.Code(), kesta::kExitFault);
+        EXPECT_NE(error.Message().find("cannot draw pictures: libcairo-not-installed.so.2 cannot be opened"),
+                  std::string::npos)
+            << error.Message();
+        EXPECT_NE(error.Message().find("install cairo"), std::string::npos) << error.Message();
+    }
+    EXPECT_NE(kesta::OpenCairo(kesta::kCairoFile).create, nullptr);
 }
 
 }  // namespace
