@@ -73,6 +73,8 @@ private:
         int64_t firstHop = 0;         // hop sums exist from this hop on
         int64_t cachedBoundary = -1;  // the last amplitude worked out, and where
         double cachedRe = 0.0, cachedIm = 0.0;
+        double laneRe[8] = {}, laneIm[8] = {};  // e^(2 pi i f j) for the phasor's lanes j
+        float stepRe = 1.0f, stepIm = 0.0f;     // the turn of eight frames
     };
     // What the search remembers of one bin of one channel.
     struct BinState {
@@ -93,14 +95,8 @@ private:
     bool HasLineNear(int channel, double cyclesPerFrame) const;
     void FindFamily(int channel);
     void HopSum(int channel, int line, int64_t hop, float* dst, double ar, double ai, double dr, double di);
-    static constexpr int kLanes = 8;
-    // A unit phasor at a line's frequency, in kLanes interleaved lanes.
-    struct Phasor {
-        float re[kLanes], im[kLanes];
-        float stepRe, stepIm;  // the turn of kLanes frames
-    };
-    Phasor StartPhasor(double cyclesPerFrame, int64_t hop) const;
     void Amplitude(int channel, int line, int64_t boundary, double& re, double& im) const;
+    void PrepareWindow(int channel, int64_t boundary);
     double ValidShare(int64_t hop) const;
     void SetTrust(int channel, int64_t hop);
     float* Ring(int channel) { return mRing.data() + std::size_t(channel) * mRingLength; }
@@ -130,6 +126,12 @@ private:
     std::vector<float> mTrust;        // channels × sum ring: the weight of each hop's sums
     std::vector<BinState> mBinState;  // channels × bins
     std::vector<float> mWeights;      // 64: the amplitude window over hop sums
+    // The window of one boundary weighted by the trust of its hops, shared by the lines whose sums
+    // cover it all: w, Σ w v and Σ window v (v the share of real input).
+    std::vector<double> mHopWeights;  // 64
+    int64_t mWindowBoundary = -1;
+    int mWindowChannel = -1;
+    double mWindowWeight = 0.0, mWindowPlain = 0.0;
     IppFFT32R mFFT;
     std::vector<float> mWindow;    // N
     std::vector<float> mSpectrum;  // N + 2

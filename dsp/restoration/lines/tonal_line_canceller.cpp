@@ -6,7 +6,21 @@
 #include <cstring>
 #include <numbers>
 
+#include "dsp/core/kernel_dispatch.h"
+#include "dsp/restoration/lines/line_kernels.h"
+
 namespace dsp {
+
+namespace lines {
+
+const LineKernels& LineKernelsFor(detail::Isa isa) {
+    static const LineKernels& best =
+        detail::PickKernels(portable::LineKernelTable(), KESTADSP_AVX2_TABLE(avx2::LineKernelTable()));
+    if (isa == detail::Isa::Best) return best;
+    return detail::PickKernels(portable::LineKernelTable(), KESTADSP_AVX2_TABLE(avx2::LineKernelTable()), isa);
+}
+
+}  // namespace lines
 
 namespace {
 
@@ -73,6 +87,7 @@ TonalLineCanceller::TonalLineCanceller(int numChannels, int sampleRate)
     mTrust.assign(C * std::size_t(mSumRing), 0.0f);
     mBinState.assign(C * std::size_t(mBins), BinState{});
     mFamily.assign(C, 0.0);
+    mHopWeights.assign(kSumWindow, 0.0);
     mWeights.resize(kSumWindow);
     for (int i = 0; i < kSumWindow; ++i)
         mWeights[std::size_t(i)] = float(0.5 - 0.5 * std::cos(2.0 * kPi * (i + 0.5) / kSumWindow));
@@ -94,6 +109,7 @@ void TonalLineCanceller::Resume() {
     mFramesIn = 0;
     mEnd = -1;
     mSearches = 0;
+    mWindowBoundary = -1;
 }
 
 void TonalLineCanceller::MarkEnd() {
@@ -143,9 +159,9 @@ void TonalLineCanceller::ProcessHop() {
     const float scale = 2.0f / float(mHop);
     for (int c = 0; c < mChannels; ++c) {
         const float* x = Ring(c) + ((std::size_t(m) * H) & (mRingLength - 1));
-        float squares[kLanes] = {};
-        for (std::size_t i = 0; i < H; i += kLanes)
-            for (int l = 0; l < kLanes; ++l)
+        float squares[8] = {};
+        for (std::size_t i = 0; i < H; i += 8)
+            for (int l = 0; l < 8; ++l)
                 squares[l] += x[i + std::size_t(l)] * x[i + std::size_t(l)];
         double power = 0.0;
         for (float v : squares)
@@ -159,6 +175,7 @@ void TonalLineCanceller::ProcessHop() {
         } else {
             float* dst = mOut.data() + std::size_t(c) * 2 * H + std::size_t(q & 1) * H;
             std::memcpy(dst, Ring(c) + ((std::size_t(q) * H) & (mRingLength - 1)), sizeof(float) * H);
+            if (mLineCount[std::size_t(c)] > 0) PrepareWindow(c, q + 1);
             for (int l = 0; l < mLineCount[std::size_t(c)]; ++l) {
                 Line& line = mLines[std::size_t(c) * kMaxLines + std::size_t(l)];
                 double re0, im0, re1, im1;
@@ -201,56 +218,29 @@ void TonalLineCanceller::SetTrust(int channel, int64_t hop) {
     mTrust[base + std::size_t(hop & (mSumRing - 1))] = float(1.0 / (rest / (double(count) * mHop) + 1e-10));
 }
 
-// e^(2 pi i f n / rate) for the frames n of a hop, in kLanes lanes: the first kLanes phases from
-// the exact value in double, then advanced kLanes frames at a time in float (the error stays near
-// 1e-5 over a hop).
-TonalLineCanceller::Phasor TonalLineCanceller::StartPhasor(double cyclesPerFrame, int64_t hop) const {
-    Phasor p;
-    const double start = cyclesPerFrame * double(hop * mHop);
-    for (int l = 0; l < kLanes; ++l) {
-        const double cycles = start - std::floor(start) + cyclesPerFrame * l;
-        p.re[l] = float(std::cos(2.0 * kPi * cycles));
-        p.im[l] = float(std::sin(2.0 * kPi * cycles));
-    }
-    p.stepRe = float(std::cos(2.0 * kPi * cyclesPerFrame * kLanes));
-    p.stepIm = float(std::sin(2.0 * kPi * cyclesPerFrame * kLanes));
-    return p;
-}
-
 // The input of hop `hop` heterodyned down by the line's frequency and summed; with `dst`, the
 // line (amplitude ar + i ai at the hop's start, changing by dr + i di per frame, on the same
-// phasor) subtracted from dst in the same pass.
+// phasor) subtracted from dst in the same pass. The phasor starts each hop from its exact phase
+// (in double), so the float recursion over the hop drifts by no more than about 1e-5.
 void TonalLineCanceller::HopSum(int channel, int line, int64_t hop, float* dst, double ar, double ai, double dr,
                                 double di) {
     const Line& L = mLines[std::size_t(channel) * kMaxLines + std::size_t(line)];
-    Phasor p = StartPhasor(L.cyclesPerFrame, hop);
-    const float* x = Ring(channel) + ((std::size_t(hop) * std::size_t(mHop)) & (mRingLength - 1));
-    float re[kLanes] = {}, im[kLanes] = {};
-    if (dst) {
-        const float fr = float(ar), fi = float(ai), gr = float(dr), gi = float(di);
-        for (int i = 0; i < mHop; i += kLanes)
-            for (int l = 0; l < kLanes; ++l) {
-                const float t = float(i + l) + 0.5f;
-                re[l] += x[i + l] * p.re[l];
-                im[l] -= x[i + l] * p.im[l];
-                dst[i + l] -= (fr + gr * t) * p.re[l] - (fi + gi * t) * p.im[l];
-                const float r = p.re[l] * p.stepRe - p.im[l] * p.stepIm;
-                p.im[l] = p.re[l] * p.stepIm + p.im[l] * p.stepRe;
-                p.re[l] = r;
-            }
-    } else {
-        for (int i = 0; i < mHop; i += kLanes)
-            for (int l = 0; l < kLanes; ++l) {
-                re[l] += x[i + l] * p.re[l];
-                im[l] -= x[i + l] * p.im[l];
-                const float r = p.re[l] * p.stepRe - p.im[l] * p.stepIm;
-                p.im[l] = p.re[l] * p.stepIm + p.im[l] * p.stepRe;
-                p.re[l] = r;
-            }
+    const double start = L.cyclesPerFrame * double(hop * mHop);
+    const double turn = 2.0 * kPi * (start - std::floor(start));
+    const double cr = std::cos(turn), ci = std::sin(turn);
+    lines::LinePhasor p;
+    for (int j = 0; j < 8; ++j) {
+        p.re[j] = float(cr * L.laneRe[j] - ci * L.laneIm[j]);
+        p.im[j] = float(cr * L.laneIm[j] + ci * L.laneRe[j]);
     }
+    p.stepRe = L.stepRe, p.stepIm = L.stepIm;
+    const lines::LineRamp ramp{float(ar), float(ai), float(dr), float(di)};
+    const float* x = Ring(channel) + ((std::size_t(hop) * std::size_t(mHop)) & (mRingLength - 1));
+    float re[8], im[8];
+    lines::LineKernelsFor().heterodyne(x, dst, mHop, p, ramp, re, im);
     double sr = 0.0, si = 0.0;
-    for (int l = 0; l < kLanes; ++l)
-        sr += re[l], si += im[l];
+    for (int j = 0; j < 8; ++j)
+        sr += re[j], si += im[j];
     float* sum = mSums.data() + ((std::size_t(channel) * kMaxLines + std::size_t(line)) * std::size_t(mSumRing) +
                                  std::size_t(hop & (mSumRing - 1))) *
                                     2;
@@ -268,25 +258,57 @@ double TonalLineCanceller::ValidShare(int64_t hop) const {
     return double(std::clamp<int64_t>(mEnd - hop * mHop, 0, mHop)) / mHop;
 }
 
+// The amplitude window at `boundary` weighted by the trust of the channel's hops, for every line
+// whose sums reach back over the whole window.
+void TonalLineCanceller::PrepareWindow(int channel, int64_t boundary) {
+    const float* trust = mTrust.data() + std::size_t(channel) * std::size_t(mSumRing);
+    double weight = 0.0, plain = 0.0;
+    for (int i = 0; i < kSumWindow; ++i) {
+        const int64_t hop = boundary - kSumWindow / 2 + i;
+        const double v = ValidShare(hop);
+        if (v == 0.0) {
+            mHopWeights[std::size_t(i)] = 0.0;
+            continue;
+        }
+        plain += mWeights[std::size_t(i)] * v;
+        const double w = double(mWeights[std::size_t(i)]) * trust[hop & (mSumRing - 1)];
+        mHopWeights[std::size_t(i)] = w;
+        weight += w * v;
+    }
+    mWindowChannel = channel, mWindowBoundary = boundary;
+    mWindowWeight = weight, mWindowPlain = plain;
+}
+
 // The line's complex amplitude (in hop-sum units) at the start of hop `boundary`: the weighted
 // mean of the sums of the kSumWindow hops around it.
 void TonalLineCanceller::Amplitude(int channel, int line, int64_t boundary, double& re, double& im) const {
     const Line& L = mLines[std::size_t(channel) * kMaxLines + std::size_t(line)];
     const float* sums =
         mSums.data() + (std::size_t(channel) * kMaxLines + std::size_t(line)) * std::size_t(mSumRing) * 2;
-    const float* trust = mTrust.data() + std::size_t(channel) * std::size_t(mSumRing);
+    const int64_t first = boundary - kSumWindow / 2;
     double sr = 0.0, si = 0.0, weight = 0.0, plain = 0.0;
-    for (int i = 0; i < kSumWindow; ++i) {
-        const int64_t hop = boundary - kSumWindow / 2 + i;
-        if (hop < L.firstHop) continue;
-        const double v = ValidShare(hop);
-        if (v == 0.0) continue;
-        plain += mWeights[std::size_t(i)] * v;
-        const double w = double(mWeights[std::size_t(i)]) * trust[hop & (mSumRing - 1)];
-        const float* s = sums + std::size_t(hop & (mSumRing - 1)) * 2;
-        sr += w * s[0];
-        si += w * s[1];
-        weight += w * v;
+    if (channel == mWindowChannel && boundary == mWindowBoundary && first >= L.firstHop) {
+        for (int i = 0; i < kSumWindow; ++i) {
+            const double w = mHopWeights[std::size_t(i)];
+            const float* s = sums + std::size_t((first + i) & (mSumRing - 1)) * 2;
+            sr += w * s[0];
+            si += w * s[1];
+        }
+        weight = mWindowWeight, plain = mWindowPlain;
+    } else {
+        const float* trust = mTrust.data() + std::size_t(channel) * std::size_t(mSumRing);
+        for (int i = 0; i < kSumWindow; ++i) {
+            const int64_t hop = first + i;
+            if (hop < L.firstHop) continue;
+            const double v = ValidShare(hop);
+            if (v == 0.0) continue;
+            plain += mWeights[std::size_t(i)] * v;
+            const double w = double(mWeights[std::size_t(i)]) * trust[hop & (mSumRing - 1)];
+            const float* s = sums + std::size_t(hop & (mSumRing - 1)) * 2;
+            sr += w * s[0];
+            si += w * s[1];
+            weight += w * v;
+        }
     }
     // Next to nothing heard: no estimate.
     if (plain < 1.0) {
@@ -311,6 +333,12 @@ void TonalLineCanceller::Activate(int channel, double cyclesPerFrame) {
     const int64_t m = mFramesIn / mHop - 1;
     Line& line = mLines[std::size_t(channel) * kMaxLines + std::size_t(count)];
     line.cyclesPerFrame = cyclesPerFrame;
+    for (int j = 0; j < 8; ++j) {
+        line.laneRe[j] = std::cos(2.0 * kPi * cyclesPerFrame * j);
+        line.laneIm[j] = std::sin(2.0 * kPi * cyclesPerFrame * j);
+    }
+    line.stepRe = float(std::cos(2.0 * kPi * cyclesPerFrame * 8));
+    line.stepIm = float(std::sin(2.0 * kPi * cyclesPerFrame * 8));
     // Back to the oldest hop the next output hop's estimate reads.
     line.firstHop = std::max<int64_t>(0, m - mLookAhead - kSumWindow / 2 - 1);
     ++count;
