@@ -112,11 +112,13 @@ private:
     std::vector<dsp::Resample> mChannels;
 };
 
-std::unique_ptr<ResampleStage> MakeResampleStage(const ResampleOptions& o, const AudioFormat& format) {
+// The channels' resamplers share nothing: a channel split lets a threaded stream run them at once.
+std::unique_ptr<Stage> MakeResampleStage(const ResampleOptions& o, const AudioFormat& format) {
     const ResampleQuality& quality = CheckQuality(o.quality);
     CheckRate("--rate", o.rate);
     CheckRate("the input's sample rate", format.sampleRate);
-    return std::make_unique<ResampleStage>(quality, format.channels, format.sampleRate, o.rate);
+    return SplitByChannel(format.channels,
+                          [&] { return std::make_unique<ResampleStage>(quality, 1, format.sampleRate, o.rate); });
 }
 
 Processing ResampleJob(std::shared_ptr<ResampleOptions> options) {
@@ -139,7 +141,7 @@ Processing ResampleJob(std::shared_ptr<ResampleOptions> options) {
         return "the filter's ripple can lift peaks near full scale; add --float";
     };
     job.describe = [options](JobReport& report, const ProcessingDone& done) {
-        const int order = dynamic_cast<const ResampleStage&>(done.stage).Order();
+        const int order = dynamic_cast<const ResampleStage&>(FirstGroup(done.stage)).Order();
         report.Object("settings", [&](JsonWriter& json) {
             json.Key("rate").Int(options->rate);
             json.Key("quality").String(options->quality);

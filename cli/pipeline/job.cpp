@@ -37,7 +37,97 @@ private:
     std::function<void(float**, int, int)> mProcess;
 };
 
+// What the two kinds of split stage share: the groups, and where each group's channels start.
+class ChannelSplit {
+public:
+    explicit ChannelSplit(std::vector<ChannelGroup> groups) : mGroups(std::move(groups)) {
+        if (mGroups.empty()) throw std::logic_error("a channel split without groups");
+        for (const ChannelGroup& group : mGroups) {
+            mFirst.push_back(mChannels);
+            mChannels += group.channels;
+        }
+    }
+    virtual ~ChannelSplit() = default;
+
+    const std::vector<ChannelGroup>& Groups() const { return mGroups; }
+    int First(std::size_t group) const { return mFirst[group]; }
+
+protected:
+    Stage& Leader() const { return *mGroups.front().stage; }
+    void CheckChannels(int channelCount) const {
+        if (channelCount != mChannels) throw std::logic_error("a channel split was given other channels");
+    }
+    void EndGroups() {
+        for (ChannelGroup& group : mGroups)
+            group.stage->EndOfInput();
+    }
+
+    std::vector<ChannelGroup> mGroups;
+    std::vector<int> mFirst;
+    int mChannels = 0;
+};
+
+class InPlaceSplit : public Stage, public ChannelSplit {
+public:
+    using ChannelSplit::ChannelSplit;
+    int64_t Latency() const override { return Leader().Latency(); }
+    void Process(float** channels, int channelCount, int frames) override {
+        CheckChannels(channelCount);
+        for (std::size_t g = 0; g < mGroups.size(); ++g)
+            mGroups[g].stage->Process(channels + mFirst[g], mGroups[g].channels, frames);
+    }
+    void EndOfInput() override { EndGroups(); }
+};
+
+class ResizingSplit : public ResizingStage, public ChannelSplit {
+public:
+    using ChannelSplit::ChannelSplit;
+    int64_t Latency() const override { return Leader().Latency(); }
+    int OutputRate(int inputRate) const override { return Resizer(0).OutputRate(inputRate); }
+    int64_t OutputFrames(int64_t inputFrames) const override { return Resizer(0).OutputFrames(inputFrames); }
+    std::size_t MaxOutputFrames(std::size_t inputFrames) const override {
+        return Resizer(0).MaxOutputFrames(inputFrames);
+    }
+    std::size_t Convert(const float* const* in, float* const* out, int channelCount, std::size_t frames) override {
+        CheckChannels(channelCount);
+        std::size_t made = 0;
+        for (std::size_t g = 0; g < mGroups.size(); ++g) {
+            const std::size_t groupMade =
+                Resizer(g).Convert(in + mFirst[g], out + mFirst[g], mGroups[g].channels, frames);
+            if (g > 0 && groupMade != made) throw std::logic_error("the groups of a channel split made unlike lengths");
+            made = groupMade;
+        }
+        return made;
+    }
+    void EndOfInput() override { EndGroups(); }
+
+private:
+    ResizingStage& Resizer(std::size_t group) const { return static_cast<ResizingStage&>(*mGroups[group].stage); }
+};
+
 }  // namespace
+
+std::unique_ptr<Stage> MakeChannelSplit(std::vector<ChannelGroup> groups) {
+    if (!groups.empty() && dynamic_cast<ResizingStage*>(groups.front().stage.get()) != nullptr) {
+        for (const ChannelGroup& group : groups)
+            if (dynamic_cast<ResizingStage*>(group.stage.get()) == nullptr)
+                throw std::logic_error("a channel split mixes resizing and in-place stages");
+        return std::make_unique<ResizingSplit>(std::move(groups));
+    }
+    return std::make_unique<InPlaceSplit>(std::move(groups));
+}
+
+std::unique_ptr<Stage> SplitByChannel(int channels, const std::function<std::unique_ptr<Stage>()>& make) {
+    std::vector<ChannelGroup> groups;
+    for (int c = 0; c < channels; ++c)
+        groups.push_back({1, make()});
+    return MakeChannelSplit(std::move(groups));
+}
+
+const Stage& FirstGroup(const Stage& stage) {
+    const auto* split = dynamic_cast<const ChannelSplit*>(&stage);
+    return split != nullptr ? *split->Groups().front().stage : stage;
+}
 
 void AddOutputOptions(CLI::App& command, OutputOptions& options) {
     AddForceOption(command, options.force);
@@ -296,42 +386,51 @@ int64_t StreamFile(BlockReader& reader, const std::vector<Stage*>& stages, Progr
 
 // A fixed ring of blocks handed from one thread to the next in order: the producer fills the next
 // free block and pushes it, the consumer takes the oldest, uses it and releases it. Nothing is
-// allocated after construction.
+// allocated after construction. Channel groups on threads of their own make several producers
+// (each filling its channels of every block) or several consumers (each reading every block): a
+// block is there to take once every producer has pushed it, and free again once every consumer
+// has released it.
 class BlockRing {
 public:
-    BlockRing(int channels, std::size_t frames, std::size_t depth) {
+    BlockRing(int channels, std::size_t frames, std::size_t depth, std::size_t producers = 1, std::size_t consumers = 1)
+        : mPushed(producers, 0), mReleased(consumers, 0) {
         mBlocks.reserve(depth);
         for (std::size_t i = 0; i < depth; ++i)
             mBlocks.emplace_back(channels, frames);
     }
 
-    // The next block to fill; null once the consumer has stopped.
-    AudioBlock* Acquire() {
+    // The next block for `producer` to fill; null once the consumers have stopped or a producer failed.
+    AudioBlock* Acquire(std::size_t producer = 0) {
         std::unique_lock lock(mMutex);
-        mChanged.wait(lock, [this] { return mCount < mBlocks.size() || mStopped; });
-        return mStopped ? nullptr : &mBlocks[(mStart + mCount) % mBlocks.size()];
+        const uint64_t next = mPushed[producer];
+        mChanged.wait(lock, [&] { return next - Least(mReleased) < mBlocks.size() || mStopped || mAborted; });
+        return mStopped || mAborted ? nullptr : &mBlocks[next % mBlocks.size()];
     }
-    void Push() {
-        Update([this] { ++mCount; });
+    void Push(std::size_t producer = 0) {
+        Update([&] { ++mPushed[producer]; });
     }
-    // No more blocks will come.
+    // A producer makes no more blocks; the stream ends once all have said so.
     void End() {
-        Update([this] { mEnded = true; });
+        Update([this] { ++mEnded; });
+    }
+    // A producer failed: the stream ends after the blocks every producer pushed, and the other
+    // producers get no more blocks to fill.
+    void Abort() {
+        Update([this] { mAborted = true; });
     }
 
-    // The oldest filled block; null at the end of the stream or once stopped.
-    AudioBlock* Take() {
+    // The oldest block `consumer` has not taken; null at the end of the stream or once stopped.
+    AudioBlock* Take(std::size_t consumer = 0) {
         std::unique_lock lock(mMutex);
-        mChanged.wait(lock, [this] { return mCount > 0 || mEnded || mStopped; });
-        return mStopped || mCount == 0 ? nullptr : &mBlocks[mStart];
+        const uint64_t next = mReleased[consumer];
+        auto ended = [this] { return mAborted || mEnded == mPushed.size(); };
+        mChanged.wait(lock, [&] { return next < Least(mPushed) || ended() || mStopped; });
+        return mStopped || next == Least(mPushed) ? nullptr : &mBlocks[next % mBlocks.size()];
     }
-    void Release() {
-        Update([this] {
-            mStart = (mStart + 1) % mBlocks.size();
-            --mCount;
-        });
+    void Release(std::size_t consumer = 0) {
+        Update([&] { ++mReleased[consumer]; });
     }
-    // The consumer takes no more: wakes a producer waiting for room.
+    // A consumer takes no more: wakes a producer waiting for room.
     void Stop() {
         Update([this] { mStopped = true; });
     }
@@ -345,12 +444,17 @@ private:
         }
         mChanged.notify_all();
     }
+    static uint64_t Least(const std::vector<uint64_t>& counts) {
+        return *std::min_element(counts.begin(), counts.end());
+    }
 
     std::vector<AudioBlock> mBlocks;
     std::mutex mMutex;
     std::condition_variable mChanged;
-    std::size_t mStart = 0, mCount = 0;
-    bool mEnded = false, mStopped = false;
+    std::vector<uint64_t> mPushed;    // blocks each producer has pushed
+    std::vector<uint64_t> mReleased;  // blocks each consumer has released
+    std::size_t mEnded = 0;           // producers that have ended
+    bool mAborted = false, mStopped = false;
 };
 
 // Thrown inside a pipeline thread whose consumer has stopped (it failed): not an error of its own.
@@ -381,10 +485,11 @@ std::thread StartThread(std::function<void()> body) {
 }
 
 // StreamStages on threads: this thread reads; each group of stages runs on a thread of its own (a
-// chain's steps one after another, as a pipeline); one more thread encodes and writes. Every object
-// is used by one thread at a time, in the same order as in one thread, so the output is the same.
-// An error stops the threads before it and lets the ones after it finish the blocks before it, so
-// the error reported is the one a single thread would have met first.
+// chain's steps one after another, as a pipeline), and a group that is one split stage on as many
+// threads as it has channel groups (lanes), each on its own channels; one more thread encodes and
+// writes. Every object is used by one thread at a time, in the same order as in one thread, so the
+// output is the same. An error stops the threads before it and lets the ones after it finish the
+// blocks before it, so the error reported is the one a single thread would have met first.
 int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages,
                          Progress& progress, const StreamWatchers& watchers) {
     const int channels = reader.Format().channels;
@@ -396,26 +501,50 @@ int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::ve
         for (Stage* stage : stages)
             groups.push_back({stage});
 
+    // The lanes of each group: its channel groups when it is one split stage (and no watcher needs
+    // its whole output block), else one lane of every channel.
+    struct Lane {
+        std::vector<Stage*> stages;
+        int first = 0, channels = 0;
+    };
+    std::vector<std::vector<Lane>> lanes;
+    for (std::size_t k = 0; k < groups.size(); ++k) {
+        const bool watched = k + 1 == groups.size() && watchers.output;
+        auto* split = groups[k].size() == 1 ? dynamic_cast<ChannelSplit*>(groups[k].front()) : nullptr;
+        lanes.emplace_back();
+        if (split == nullptr || split->Groups().size() < 2 || watched) {
+            lanes.back().push_back({groups[k], 0, channels});
+            continue;
+        }
+        for (std::size_t g = 0; g < split->Groups().size(); ++g)
+            lanes.back().push_back({{split->Groups()[g].stage.get()}, split->First(g), split->Groups()[g].channels});
+    }
+
     // rings[k] feeds group k; the last feeds the writer. Each holds the largest block its producer makes.
     std::vector<std::unique_ptr<BlockRing>> rings;
     std::vector<std::size_t> frames{BlockReader::kDefaultBlockFrames};
-    rings.push_back(std::make_unique<BlockRing>(channels, frames.back(), kRingDepth));
-    for (const auto& group : groups) {
+    rings.push_back(std::make_unique<BlockRing>(channels, frames.back(), kRingDepth, 1, lanes.front().size()));
+    for (std::size_t k = 0; k < groups.size(); ++k) {
         std::size_t largest = frames.back();
-        for (Stage* stage : group)
+        for (Stage* stage : groups[k])
             if (const auto* resizing = dynamic_cast<ResizingStage*>(stage))
                 largest = std::max(largest, resizing->MaxOutputFrames(largest));
         frames.push_back(largest);
-        rings.push_back(std::make_unique<BlockRing>(channels, largest, kRingDepth));
+        const std::size_t consumers = k + 1 < groups.size() ? lanes[k + 1].size() : 1;
+        rings.push_back(std::make_unique<BlockRing>(channels, largest, kRingDepth, lanes[k].size(), consumers));
     }
 
-    // errors[0]: reading; errors[k + 1]: group k; errors.back(): writing.
-    std::vector<std::exception_ptr> errors(groups.size() + 2);
+    // errors[0]: reading; then one per lane, group after group; errors.back(): writing.
+    std::vector<std::exception_ptr> errors(1);
+    for (const auto& group : lanes)
+        errors.resize(errors.size() + group.size());
+    errors.emplace_back();
     int64_t written = 0;
-    auto fail = [&](std::size_t at, std::exception_ptr error) {
-        errors[at] = std::move(error);
-        rings[at]->End();  // the threads after it finish what came before
-        if (at > 0) rings[at - 1]->Stop();
+    // Lane `slot` of the errors failed: its output ring `ring` ends, its input ring stops.
+    auto fail = [&](std::size_t slot, std::size_t ring, std::exception_ptr error) {
+        errors[slot] = std::move(error);
+        rings[ring]->Abort();  // the threads after it finish what came before
+        if (ring > 0) rings[ring - 1]->Stop();
     };
 
     std::vector<std::thread> threads;
@@ -433,38 +562,53 @@ int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::ve
                            "free some system resources, or run on one thread with KESTA_THREADS=1");
         }
     };
+    std::size_t slot = 1;
     for (std::size_t k = 0; k < groups.size(); ++k) {
-        start([&, k] {
-            BlockRing& in = *rings[k];
-            BlockRing& out = *rings[k + 1];
-            const bool last = k + 1 == groups.size();
-            try {
-                StageRunner runner(channels, frames[k], groups[k], [&](AudioBlock& block, int64_t position) {
-                    if (last && watchers.output) watchers.output(block, position);
-                    AudioBlock* next = out.Acquire();
-                    if (next == nullptr) throw PipelineStopped{};
-                    for (int c = 0; c < channels; ++c)
-                        std::copy_n(block.Channel(c), block.Frames(), next->Channel(c));
-                    next->SetFrames(block.Frames());
-                    out.Push();
-                });
-                int64_t position = 0;
-                while (AudioBlock* block = in.Take()) {
-                    if (k == 0 && watchers.input) watchers.input(*block, position);
-                    position += int64_t(block->Frames());
-                    runner.RunOn(*block);
-                    in.Release();
+        for (std::size_t j = 0; j < lanes[k].size(); ++j, ++slot) {
+            start([&, k, j, slot] {
+                BlockRing& in = *rings[k];
+                BlockRing& out = *rings[k + 1];
+                const Lane& lane = lanes[k][j];
+                const bool whole = lanes[k].size() == 1;
+                const bool last = k + 1 == groups.size();
+                try {
+                    StageRunner runner(lane.channels, frames[k], lane.stages, [&](AudioBlock& block, int64_t position) {
+                        if (last && watchers.output) watchers.output(block, position);
+                        AudioBlock* next = out.Acquire(j);
+                        if (next == nullptr) throw PipelineStopped{};
+                        for (int c = 0; c < lane.channels; ++c)
+                            std::copy_n(block.Channel(c), block.Frames(), next->Channel(lane.first + c));
+                        if (j == 0) next->SetFrames(block.Frames());  // the lanes make alike lengths
+                        out.Push(j);
+                    });
+                    int64_t position = 0;
+                    while (AudioBlock* block = in.Take(j)) {
+                        if (k == 0 && j == 0 && watchers.input) watchers.input(*block, position);
+                        position += int64_t(block->Frames());
+                        if (whole) {
+                            runner.RunOn(*block);
+                            in.Release(j);
+                            continue;
+                        }
+                        // Lanes share the block: each works on a copy of its channels.
+                        AudioBlock& own = runner.Block();
+                        for (int c = 0; c < lane.channels; ++c)
+                            std::copy_n(block->Channel(lane.first + c), block->Frames(), own.Channel(c));
+                        own.SetFrames(block->Frames());
+                        in.Release(j);
+                        runner.Run();
+                    }
+                    const int64_t made = runner.Finish();
+                    if (last && j == 0) written = made;
+                    out.End();
+                } catch (const PipelineStopped&) {
+                    in.Stop();
+                    out.End();
+                } catch (...) {
+                    fail(slot, k + 1, std::current_exception());
                 }
-                const int64_t made = runner.Finish();
-                if (last) written = made;
-                out.End();
-            } catch (const PipelineStopped&) {
-                in.Stop();
-                out.End();
-            } catch (...) {
-                fail(k + 1, std::current_exception());
-            }
-        });
+            });
+        }
     }
     start([&] {
         BlockRing& in = *rings.back();
@@ -489,7 +633,7 @@ int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::ve
         }
         out.End();
     } catch (...) {
-        fail(0, std::current_exception());
+        fail(0, 0, std::current_exception());
     }
     for (std::thread& thread : threads)
         thread.join();

@@ -117,6 +117,25 @@ public:
 // A stage made of a function, for processors without delay or state worth a class.
 std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process);
 
+// Consecutive channels that a processor of their own handles, sharing nothing with the others.
+struct ChannelGroup {
+    int channels = 1;              // how many channels, from the one after the previous group's
+    std::unique_ptr<Stage> stage;  // made for that many channels
+};
+
+// A stage made of channel groups (one resampler per channel, a limiter per channel when the
+// channels are not linked): it runs them one after another, and a threaded stream runs each on a
+// thread of its own. The groups' stages must be alike (the same latency and, for resizing stages,
+// the same rate and length), as when they are made from the same settings. A resizing stage makes
+// a resizing split.
+std::unique_ptr<Stage> MakeChannelSplit(std::vector<ChannelGroup> groups);
+
+// One group per channel, each made by `make` (called for channel 0, 1, ...; always with 1 channel).
+std::unique_ptr<Stage> SplitByChannel(int channels, const std::function<std::unique_ptr<Stage>()>& make);
+
+// The first group's stage of a split stage; `stage` itself otherwise.
+const Stage& FirstGroup(const Stage& stage);
+
 // An audio file being written: refused before any work when it exists (without --force) or is one
 // of the inputs; measured as written (levels after the encoding's clipping); in place on Commit.
 class AudioOutput {

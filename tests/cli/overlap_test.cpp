@@ -50,6 +50,11 @@ TEST_F(OverlapTest, ThreadedRunsWriteWhatOneThreadWrites) {
                                     "chain" + ext);
         EXPECT_FALSE(chain.first.empty());
         EXPECT_TRUE(chain.first == chain.second);
+        // The resampler runs each channel on a thread of its own.
+        const auto split =
+            BothWays({"resample", P(input), P("split" + ext), "--rate", "48000", "--force"}, "split" + ext);
+        EXPECT_FALSE(split.first.empty());
+        EXPECT_TRUE(split.first == split.second);
     }
 }
 
@@ -72,19 +77,33 @@ TEST_F(OverlapTest, AFailurePartWayIsOneLineWithNothingLeftBehind) {
         EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
         EXPECT_EQ(dir.Names(), names);
     }
+    // The same through a step split by channel: its threads stop with the writer's failure.
+    std::string messages[2];
+    for (int single = 0; single < 2; ++single) {
+        if (single) ::setenv("KESTA_THREADS", "1", 1);
+        const RunResult run =
+            RunKesta({"chain", P("in.wav"), P("out.wav"), "gain:db=40", "resample:rate=32000", "--force"});
+        ::unsetenv("KESTA_THREADS");
+        ExpectOneErrorLine(run, run.exitCode, {"stopped at frame", "channel 2"});
+        messages[single] = run.err;
+        EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
+        EXPECT_EQ(dir.Names(), names);
+    }
+    EXPECT_EQ(messages[0], messages[1]);
 }
 
-// The system refuses the first, a middle or the last thread of a three-step chain (its steps and the
-// writer run on four threads): one line, the earlier output kept, and no temporary left.
+// The system refuses the first, a middle or the last thread of a three-step chain (its steps, the
+// resampler's two channels and the writer run on five threads): one line, the earlier output kept,
+// and no temporary left.
 TEST_F(OverlapTest, AThreadThatCannotStartIsOneLineWithNothingLeftBehind) {
     WriteAudio(dir / "in.wav", StereoTone16());
     WriteBytes(dir / "out.wav", "keep me");
     const std::vector<std::string> names = dir.Names();
-    for (const char* limit : {"0", "2", "3"}) {
+    for (const char* limit : {"0", "2", "4"}) {
         SCOPED_TRACE(limit);
         ::setenv("KESTA_THREAD_LIMIT", limit, 1);
         const RunResult run =
-            RunKesta({"chain", P("in.wav"), P("out.wav"), "gain:db=-1", "eq:highpass=80", "limit", "--force"});
+            RunKesta({"chain", P("in.wav"), P("out.wav"), "gain:db=-1", "resample:rate=32000", "limit", "--force"});
         ::unsetenv("KESTA_THREAD_LIMIT");
         ExpectOneErrorLine(run, 1, {"cannot start a thread", "in.wav", "KESTA_THREADS=1"});
         EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
