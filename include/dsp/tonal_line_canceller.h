@@ -136,7 +136,7 @@ private:
     std::vector<float> mWindow;    // N
     std::vector<float> mSpectrum;  // N + 2
     std::vector<float> mPower;     // bins
-    std::vector<float> mScratch;   // 40: the surroundings of a peak
+    std::vector<uint8_t> mPeak;    // bins: 1 where a bin is a peak over its shoulders
 };
 
 }  // namespace dsp

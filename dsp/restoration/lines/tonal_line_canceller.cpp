@@ -97,7 +97,7 @@ TonalLineCanceller::TonalLineCanceller(int numChannels, int sampleRate)
         mWindow[std::size_t(i)] = float(0.5 - 0.5 * std::cos(2.0 * kPi * (i + 0.5) / mSearchSize));
     mSpectrum.assign(std::size_t(mSearchSize) + 2, 0.0f);
     mPower.assign(std::size_t(mBins), 0.0f);
-    mScratch.assign(40, 0.0f);
+    mPeak.assign(std::size_t(mBins), 0);
 }
 
 void TonalLineCanceller::Resume() {
@@ -354,8 +354,12 @@ void TonalLineCanceller::Search(int channel) {
     const float* ring = Ring(channel);
     const std::size_t end = std::size_t(mFramesIn) & (mRingLength - 1);
     const std::size_t start = (end + mRingLength - N) & (mRingLength - 1);
-    for (std::size_t i = 0; i < N; ++i)
-        mSpectrum[i] = ring[(start + i) & (mRingLength - 1)] * mWindow[i];
+    // The last N frames lie in at most two runs of the ring.
+    const std::size_t first = std::min(N, mRingLength - start);
+    for (std::size_t i = 0; i < first; ++i)
+        mSpectrum[i] = ring[start + i] * mWindow[i];
+    for (std::size_t i = first; i < N; ++i)
+        mSpectrum[i] = ring[i - first] * mWindow[i];
     mFFT.FFT(mSpectrum.data(), 1);
     for (int k = 0; k < mBins; ++k) {
         const float re = mSpectrum[2 * std::size_t(k)], im = mSpectrum[2 * std::size_t(k) + 1];
@@ -366,20 +370,26 @@ void TonalLineCanceller::Search(int channel) {
     const double step = 2.0 * kPi * double(kSearchEvery * mHop);  // phase advance per cycle/frame
     const int low = std::max(4, int(std::ceil(kLowestHz * double(N) / mRate)));
     const int high = mBins - 5;
+    // Local maxima over their shoulders, marked without branches: few bins pass.
+    const float* __restrict P = mPower.data();
+    uint8_t* __restrict peak = mPeak.data();
     for (int k = low; k <= high; ++k) {
-        const float p = mPower[std::size_t(k)];
-        if (!(p > mPower[std::size_t(k) - 1] && p >= mPower[std::size_t(k) + 1])) continue;
-        if (!(p > kPeakOverShoulders * mPower[std::size_t(k) - 3] &&
-              p > kPeakOverShoulders * mPower[std::size_t(k) + 3]))
-            continue;
-        // The surroundings: their lower quartile, so a neighbouring line does not hide this one.
-        int n = 0;
+        const float p = P[k];
+        peak[k] = uint8_t((p > P[k - 1]) & (p >= P[k + 1]) & (p > kPeakOverShoulders * P[k - 3]) &
+                          (p > kPeakOverShoulders * P[k + 3]));
+    }
+    for (int k = low; k <= high; ++k) {
+        if (!peak[k]) continue;
+        const float p = P[k];
+        // Over the lower quartile of the surroundings, so a neighbouring line does not hide this one:
+        // p > t v holds for the smallest values first, so it holds for the quartile exactly when it
+        // holds for more than a quarter of them.
+        int n = 0, under = 0;
         for (int j = 5; j <= 24; ++j) {
-            if (k - j >= 1) mScratch[std::size_t(n++)] = mPower[std::size_t(k - j)];
-            if (k + j < mBins) mScratch[std::size_t(n++)] = mPower[std::size_t(k + j)];
+            if (k - j >= 1) ++n, under += p > kPeakOverSurroundings * P[k - j];
+            if (k + j < mBins) ++n, under += p > kPeakOverSurroundings * P[k + j];
         }
-        std::nth_element(mScratch.begin(), mScratch.begin() + n / 4, mScratch.begin() + n);
-        if (!(p > kPeakOverSurroundings * mScratch[std::size_t(n / 4)])) continue;
+        if (!(under > n / 4)) continue;
 
         const double a = std::log(std::max(mPower[std::size_t(k) - 1], 1e-30f)), b = std::log(double(p)),
                      c = std::log(std::max(mPower[std::size_t(k) + 1], 1e-30f));
