@@ -6,6 +6,7 @@
 #include <cmath>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 #include "command.h"
 #include "dsp/parametric.h"
@@ -143,7 +144,7 @@ public:
         mHighPass = ParseCut("--highpass", mSettings.highpass);
         mLowPass = ParseCut("--lowpass", mSettings.lowpass);
         CheckSetting("--gain", mSettings.gainDb, kLowestOutputDb, kHighestOutputDb, "dB");
-        Configure();
+        Configure(mEq, 0, Parametric::kBandCount, true);
     }
 
     void CheckRate(int sampleRate, const std::string& source) const override {
@@ -166,6 +167,34 @@ public:
         mEq.SetChannels(channels);
         mEq.SetSampleRate(sampleRate);
         mEq.Resume();  // every section on its settings from the first sample, no glide
+        // Two parts of about the same work: the cut filters, the shelves and the first bands, then
+        // the other bands and the output gain. Each section hands on a float in either case, and a
+        // section that is off passes its input on untouched, so the parts give the whole's bits.
+        const auto sections = [](const Cut& cut) { return cut.on ? (cut.order + 1) / 2 : 0; };
+        const int total =
+            sections(mHighPass) + sections(mLowPass) + int(mLowShelf.on) + int(mHighShelf.on) + int(mBands.size());
+        int head = total - int(mBands.size()), split = 0;
+        while (split < int(mBands.size()) && 2 * head < total) {
+            ++head;
+            ++split;
+        }
+        mParts.clear();
+        if (split == int(mBands.size())) return;
+        for (const bool head : {true, false}) {
+            auto part = std::make_unique<Parametric>();
+            Configure(*part, head ? 0 : split, head ? split : Parametric::kBandCount, head);
+            part->SetChannels(channels);
+            part->SetSampleRate(sampleRate);
+            part->Resume();
+            mParts.push_back(std::move(part));
+        }
+    }
+
+    int Parts() override { return mParts.empty() ? 1 : int(mParts.size()); }
+
+    void ProcessPart(int part, float** channels, int channelCount, int frames) override {
+        if (mParts.empty()) return Process(channels, channelCount, frames);
+        mParts[std::size_t(part)]->Process(channels, channels, channelCount, frames);
     }
 
     int64_t Latency() override { return mEq.GetLatency(); }
@@ -249,14 +278,17 @@ public:
 private:
     // Sets a parameter and checks that the equaliser took the value as given (the options are
     // checked against the same ranges, so anything else is a fault of kesta's own).
-    void Set(int index, double value) {
-        mEq.SetParameter(index, float(value));
-        if (mEq.GetParameter(index) != float(value))
+    static void Set(Parametric& eq, int index, double value) {
+        eq.SetParameter(index, float(value));
+        if (eq.GetParameter(index) != float(value))
             throw std::logic_error("the equaliser did not take parameter " + std::to_string(index) + " = " +
                                    FormatValue(value));
     }
 
-    void Configure() {
+    // `eq` on the settings, with only bands [fromBand, toBand) on; the head holds the cut filters and
+    // the shelves, the rest the output gain.
+    void Configure(Parametric& eq, int fromBand, int toBand, bool head) const {
+        const auto Set = [&eq](int index, double value) { EqTool::Set(eq, index, value); };
         Set(Parametric::kConstantQ, 1);
         Set(Parametric::kStateVariable, 0);
         Set(Parametric::kBypass, 0);
@@ -267,16 +299,16 @@ private:
             Set(Parametric::kLowShelfFrequency, mLowShelf.hz);
             Set(Parametric::kLowShelfGain, mLowShelf.db);
         }
-        Set(Parametric::kLowShelfOn, mLowShelf.on ? 1 : 0);
+        Set(Parametric::kLowShelfOn, head && mLowShelf.on ? 1 : 0);
         if (mHighShelf.on) {
             Set(Parametric::kHighShelfFrequency, mHighShelf.hz);
             Set(Parametric::kHighShelfGain, mHighShelf.db);
         }
-        Set(Parametric::kHighShelfOn, mHighShelf.on ? 1 : 0);
+        Set(Parametric::kHighShelfOn, head && mHighShelf.on ? 1 : 0);
         // Bands: frequency first, then Q (which sets the bandwidth), gain, on.
         for (int k = 0; k < Parametric::kBandCount; ++k) {
             const int base = Parametric::kFirstBand + 4 * k;
-            if (std::size_t(k) < mBands.size()) {
+            if (std::size_t(k) < mBands.size() && k >= fromBand && k < toBand) {
                 Set(base + Parametric::kBandFrequency, mBands[std::size_t(k)].hz);
                 Set(base + Parametric::kBandQ, mBands[std::size_t(k)].q);
                 Set(base + Parametric::kBandGain, mBands[std::size_t(k)].db);
@@ -290,13 +322,13 @@ private:
             Set(Parametric::kHighPassCutoff, mHighPass.hz);
             Set(Parametric::kHighPassOrder, mHighPass.order);
         }
-        Set(Parametric::kHighPassOn, mHighPass.on ? 1 : 0);
+        Set(Parametric::kHighPassOn, head && mHighPass.on ? 1 : 0);
         if (mLowPass.on) {
             Set(Parametric::kLowPassCutoff, mLowPass.hz);
             Set(Parametric::kLowPassOrder, mLowPass.order);
         }
-        Set(Parametric::kLowPassOn, mLowPass.on ? 1 : 0);
-        Set(Parametric::kOutputGain, mSettings.gainDb);
+        Set(Parametric::kLowPassOn, head && mLowPass.on ? 1 : 0);
+        Set(Parametric::kOutputGain, head && toBand < Parametric::kBandCount ? 0.0 : mSettings.gainDb);
     }
 
     const EqSettings& mSettings;
@@ -304,6 +336,7 @@ private:
     std::vector<Band> mBands;
     Cut mHighPass, mLowPass;
     Parametric mEq;
+    std::vector<std::unique_ptr<Parametric>> mParts;  // the sections cut in two, when worth it
 };
 
 }  // namespace

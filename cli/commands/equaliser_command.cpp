@@ -242,10 +242,20 @@ int RunEqualiserCommand(const EqualiserOptions& options, EqualiserTool& tool) {
         const Stopwatch processClock;
         StreamWatchers watchers;
         watchers.input = [&](const AudioBlock& block, int64_t) { inputLevels.Add(block); };
-        const std::unique_ptr<Stage> stage =
-            MakeStage(latency, [&](float** data, int count, int frames) { tool.Process(data, count, frames); });
+        std::vector<std::unique_ptr<Stage>> parts;
+        std::vector<Stage*> stages;
+        const int count = tool.Parts();
+        for (int part = 0; part < count; ++part) {
+            if (count == 1)
+                parts.push_back(
+                    MakeStage(latency, [&](float** data, int n, int frames) { tool.Process(data, n, frames); }));
+            else
+                parts.push_back(MakeStage(
+                    0, [&tool, part](float** data, int n, int frames) { tool.ProcessPart(part, data, n, frames); }));
+            stages.push_back(parts.back().get());
+        }
         Progress progress(command, reader->HeaderFrames(), rate, console.ShowsProgress());
-        StreamStages(*reader, *output, {stage.get()}, progress, watchers);
+        StreamStages(*reader, *output, stages, progress, watchers);
         processSeconds = processClock.Seconds();
     }
 

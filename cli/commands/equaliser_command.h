@@ -74,6 +74,14 @@ public:
     virtual int64_t Latency() = 0;
     // Processes a block of every channel in place.
     virtual void Process(float** channels, int channelCount, int frames) = 0;
+    // Runs of whole sections the equaliser can be cut into (after Prepare), the output of one the
+    // input of the next, together the same bits as Process: a threaded stream runs each on a thread
+    // of its own. Each part is without latency.
+    virtual int Parts() { return 1; }
+    // Processes part `part` of a block of every channel in place.
+    virtual void ProcessPart(int part, float** channels, int channelCount, int frames) {
+        if (part == 0) Process(channels, channelCount, frames);
+    }
     // The gain of the whole equaliser at `hz`, in dB, from the library's response (after Prepare).
     virtual double ResponseDb(double hz) = 0;
     // The frequencies the settings name.

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "cli_test.h"
 
@@ -93,6 +95,34 @@ TEST_F(EqTest, CutFiltersHaveTheirOrderAndShelvesTheirSide) {
     const Audio out = Equalise("shelves.wav", {"--low-shelf", "300:-12", "--high-shelf", "3000:6", "--gain", "-2"});
     EXPECT_LT(DbChange(out, 0, 100), -2.0 - 6.0);    // below the low shelf: cut
     EXPECT_GT(DbChange(out, 0, 10000), -2.0 + 3.0);  // above the high shelf: lifted
+}
+
+// The command cuts the sections into two runs for two threads; a chain step runs the equaliser
+// whole. Both must write the same samples, wherever the cut falls (after the shelves and first bands,
+// after the cut filters, after a lone shelf) and in one thread too.
+TEST_F(EqTest, TheEqualiserCutInTwoWritesWhatTheWholeOneWrites) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--low-shelf", "100:3", "--high-shelf", "8000:2", "--band", "200:1:-2", "--band", "500:1.4:2", "--band",
+          "1000:2:-3", "--band", "3000:1:1.5", "--band", "6000:2:-2", "--gain", "-2"},
+         "eq:low-shelf=100:3,high-shelf=8000:2,band=200:1:-2,band=500:1.4:2,band=1000:2:-3,band=3000:1:1.5,"
+         "band=6000:2:-2,gain=-2"},
+        {{"--highpass", "80:4", "--lowpass", "15000:2", "--band", "300:2:4", "--band", "2000:1:-3", "--gain", "1"},
+         "eq:highpass=80:4,lowpass=15000:2,band=300:2:4,band=2000:1:-3,gain=1"},
+        {{"--low-shelf", "200:-4", "--band", "1000:1:3"}, "eq:low-shelf=200:-4,band=1000:1:3"},
+    };
+    for (const auto& [options, step] : cases) {
+        SCOPED_TRACE(step);
+        Ok({"chain", P("in.wav"), P("whole.wav"), step, "-q", "--force"});
+        const Audio whole = ReadAudio(dir / "whole.wav");
+        for (int single = 0; single < 2; ++single) {
+            if (single) ::setenv("KESTA_THREADS", "1", 1);
+            std::vector<std::string> args = {"eq", P("in.wav"), P("cut.wav"), "-q", "--force"};
+            args.insert(args.end(), options.begin(), options.end());
+            Ok(args);
+            ::unsetenv("KESTA_THREADS");
+            EXPECT_TRUE(ReadAudio(dir / "cut.wav").channels == whole.channels) << (single ? "one thread" : "threaded");
+        }
+    }
 }
 
 TEST_F(EqTest, TheResponseTableCoversTwentyHertzToTwentyKilohertz) {
