@@ -23,7 +23,11 @@
 //                  turn into "musical noise". Frames the signal atoms explain almost nothing of
 //                  (pauses) fall a further 30 dB, whole; and the noise part is held near the
 //                  level of the noise in those frames, so a loud note does not push it under the
-//                  noise that is still there.
+//                  noise that is still there. In each bin the noise part is also held to the
+//                  noise's own shape (its atoms mixed as in those frames, at the frame's noise
+//                  level), so the atoms cannot re-mix to take a note on one of the noise's
+//                  resonances for louder noise. A stream's first frame starts from the noise
+//                  atoms, so a stream that opens on noise is reduced from its first frame.
 // Noise fits the noise atoms better than anything the signal atoms can learn from it, so it
 // lands in N; what the noise atoms cannot explain (voices, notes) lands in S. Few noise atoms (4)
 // work best: a larger noise dictionary starts to explain voices too.
@@ -195,6 +199,8 @@ private:
     void ReduceChannel(int channel, float* re, float* im);
     void LearnSignalAtoms(int channel);
     void HoldNoise(int channel, float* h) const;
+    void CapNoise(int channel);
+    float HeldNoise(const float* h) const;  // the noise activations' sum
     float* Atoms(int channel) { return mAtoms.data() + std::size_t(channel) * std::size_t(mTotalAtoms * mStride); }
 
     OwnedDNZ mParam;
@@ -220,6 +226,7 @@ private:
     std::vector<unsigned char> mStarted;
     std::vector<float> mNoiseCeiling;  // per channel: the largest noise activation sum
     std::vector<float> mNoiseLevel;    // per channel: the noise sum tracked over frames without programme
+    std::vector<float> mNoiseMix;      // Kn per channel: each noise atom's share of that sum, tracked alike
     // Scratch of one frame.
     std::vector<float> mMagnitude, mModel, mRatio, mNoise, mSignal, mGains, mOnes;
     const NmfKernels* mKernels = nullptr;  // the products built for this CPU

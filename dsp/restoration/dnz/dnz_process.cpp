@@ -52,6 +52,11 @@ constexpr float kPauseDepthLog = -3.4538776f;
 // there), the level following those frames with this weight on its last value per hop.
 constexpr float kNoiseHold = 0.8f;
 constexpr float kNoiseTrack = 0.95f;
+// The first frame of a stream starts with the noise atoms holding the frame and the signal atoms
+// this share of an even split, and takes this many times the iterations: from an even split the
+// signal atoms would take most of a frame of noise and need a tenth of a second to let go of it.
+constexpr float kStartSignal = 0.01f;
+constexpr int kStartIterations = 5;
 
 }  // namespace
 
@@ -76,6 +81,7 @@ DNZProcess::DNZProcess(const DNZ* param) : mParam(param) {
     mStarted.assign(std::size_t(C), 0);
     mNoiseCeiling.assign(std::size_t(C), 0.0f);
     mNoiseLevel.assign(std::size_t(C), 0.0f);
+    mNoiseMix.assign(std::size_t(C) * std::size_t(mNoiseAtoms), 0.0f);
     for (auto* v : {&mMagnitude, &mModel, &mRatio, &mNoise, &mSignal, &mOnes})
         v->assign(S, 0.0f);
     mGains.assign(std::size_t(mTotalAtoms), 0.0f);
@@ -119,6 +125,7 @@ void DNZProcess::Resume() {
     std::fill(mLastClean.begin(), mLastClean.end(), 0.0f);
     std::fill(mStarted.begin(), mStarted.end(), 0);
     std::fill(mNoiseLevel.begin(), mNoiseLevel.end(), 0.0f);
+    std::fill(mNoiseMix.begin(), mNoiseMix.end(), 0.0f);
 }
 
 void DNZProcess::OnSpectrum(float** re, float** im, int numChannels, int numBins) {
@@ -144,16 +151,19 @@ void DNZProcess::ReduceChannel(int channel, float* re, float* im) {
     const float modelFloor = mean * kModelFloor + 1e-30f;
 
     // Activations from the last frame's, each at least a small share of this frame's level.
-    const float start = total / float(K), least = mean * kActivationFloor;
+    const float least = mean * kActivationFloor;
+    int iterations = mIterations;
     if (!mStarted[std::size_t(channel)]) {
-        std::fill_n(h, K, start);
+        std::fill_n(h, Kn, total / float(Kn));
+        std::fill(h + Kn, h + K, total / float(K) * kStartSignal);
+        iterations *= kStartIterations;
         mStarted[std::size_t(channel)] = 1;
     } else {
         for (int a = 0; a < K; ++a)
             h[a] = std::max(h[a], least);
     }
     float* g = mGains.data();
-    for (int it = 0; it < mIterations; ++it) {
+    for (int it = 0; it < iterations; ++it) {
         k.combine(atoms, S, K, h, mModel.data(), S);
         k.ratio(v, mModel.data(), modelFloor, mRatio.data(), S);
         k.project(atoms, S, K, mRatio.data(), g, S);
@@ -175,10 +185,16 @@ void DNZProcess::ReduceChannel(int channel, float* re, float* im) {
     const float frameShare = signalSum / std::max(signalSum + noiseSum, kSilence);
     const float programme = std::clamp((frameShare - kQuietShare) / (kSignalShare - kQuietShare), 0.0f, 1.0f);
     float& noiseLevel = mNoiseLevel[std::size_t(channel)];
-    if (noiseLevel == 0.0f)
-        noiseLevel = noiseSum;
-    else if (frameShare <= kQuietShare)
-        noiseLevel = kNoiseTrack * noiseLevel + (1.0f - kNoiseTrack) * noiseSum;
+    float* mix = mNoiseMix.data() + std::size_t(channel) * std::size_t(Kn);
+    const float held = HeldNoise(h);
+    if (frameShare <= kQuietShare && held > 0.0f) {
+        const bool first = noiseLevel == 0.0f;
+        noiseLevel = first ? held : kNoiseTrack * noiseLevel + (1.0f - kNoiseTrack) * held;
+        const float inverse = 1.0f / held;
+        for (int a = 0; a < Kn; ++a)
+            mix[a] = first ? h[a] * inverse : kNoiseTrack * mix[a] + (1.0f - kNoiseTrack) * h[a] * inverse;
+    }
+    if (noiseLevel > 0.0f) CapNoise(channel);
 
     // The gain of every bin. The noise reconstruction N is the expected magnitude of the noise
     // there; its power, E|X|² = (4/π)(E|X|)² for noise of Rayleigh-distributed magnitude (here
@@ -222,13 +238,42 @@ void DNZProcess::ReduceChannel(int channel, float* re, float* im) {
 void DNZProcess::HoldNoise(int channel, float* h) const {
     const float ceiling = mNoiseCeiling[std::size_t(channel)];
     const float least = std::min(kNoiseHold * mNoiseLevel[std::size_t(channel)], ceiling);
-    float sum = 0.0f;
-    for (int a = 0; a < mNoiseAtoms; ++a)
-        sum += h[a];
+    const float sum = HeldNoise(h);
     if (!(sum > 0.0f) || (sum <= ceiling && sum >= least)) return;
     const float scale = (sum > ceiling ? ceiling : least) / sum;
     for (int a = 0; a < mNoiseAtoms; ++a)
         h[a] *= scale;
+}
+
+float DNZProcess::HeldNoise(const float* h) const {
+    float sum = 0.0f;
+    for (int a = 0; a < mNoiseAtoms; ++a)
+        sum += h[a];
+    return sum;
+}
+
+// The noise part of each bin held to the noise's own shape at the frame's noise level: the noise
+// atoms mixed as in the frames without programme (mNoiseMix) times the frame's noise sum. Left
+// free, the atoms re-mix to claim programme that sits where one of them is strong (a pad's
+// fundamental on a fan's resonance); what they claim over that shape goes back to the signal.
+// The frame's programme share is measured before this, on the free fit.
+void DNZProcess::CapNoise(int channel) {
+    const int S = mStride, Kn = mNoiseAtoms;
+    const float* h = mActivations.data() + std::size_t(channel) * std::size_t(mTotalAtoms);
+    const float* mix = mNoiseMix.data() + std::size_t(channel) * std::size_t(Kn);
+    const float held = HeldNoise(h);
+    float* weights = mGains.data();
+    for (int a = 0; a < Kn; ++a)
+        weights[a] = mix[a] * held;
+    float* cap = mModel.data();
+    mKernels->combine(Atoms(channel), S, Kn, weights, cap, S);
+    for (int i = 0; i < S; ++i) {
+        const float excess = mNoise[std::size_t(i)] - cap[i];
+        if (excess > 0.0f) {
+            mNoise[std::size_t(i)] = cap[i];
+            mSignal[std::size_t(i)] += excess;
+        }
+    }
 }
 
 // One majorise-minimise step of the signal atoms on the statistics of the recent frames:
