@@ -293,11 +293,7 @@ void DNZProcess::LearnSignalAtoms(int channel) {
         const float ha = h[a];
         weights[a] = rho * weights[a] + ha;
         if (!(weights[a] > 0.0f)) continue;
-        const float inverse = 1.0f / weights[a];
-        for (int i = 0; i < B; ++i) {
-            num[i] = rho * num[i] + w[i] * r[i] * ha;
-            w[i] = std::max(num[i] * inverse, kAtomFloor);
-        }
+        mKernels->learn(w, num, r, rho, ha, 1.0f / weights[a], kAtomFloor, B);
     }
     float* sums = mGains.data();
     detail::NormaliseAtoms(*mKernels, atoms, S, Ks, mOnes.data(), sums);

@@ -103,10 +103,31 @@ void Accumulate(float* acc, int stride, int count, const float* h, const float* 
     }
 }
 
+void Learn(float* w, float* num, const float* r, float rho, float h, float inverse, float floor, int n) {
+    int i = 0;
+#if defined(__AVX__)
+    const __m256 rho8 = _mm256_set1_ps(rho), h8 = _mm256_set1_ps(h), inverse8 = _mm256_set1_ps(inverse),
+                 floor8 = _mm256_set1_ps(floor);
+    for (; i + 8 <= n; i += 8) {
+        const __m256 x =
+            _mm256_add_ps(_mm256_mul_ps(rho8, _mm256_loadu_ps(num + i)),
+                          _mm256_mul_ps(_mm256_mul_ps(_mm256_loadu_ps(w + i), _mm256_loadu_ps(r + i)), h8));
+        _mm256_storeu_ps(num + i, x);
+        // max(floor, y) gives y when y is NaN, as y < floor ? floor : y does.
+        _mm256_storeu_ps(w + i, _mm256_max_ps(floor8, _mm256_mul_ps(x, inverse8)));
+    }
+#endif
+    for (; i < n; ++i) {
+        num[i] = rho * num[i] + w[i] * r[i] * h;
+        const float y = num[i] * inverse;
+        w[i] = y < floor ? floor : y;
+    }
+}
+
 }  // namespace
 
 const NmfKernels& NmfKernelTable() {
-    static const NmfKernels table{Combine, Ratio, Project, Accumulate};
+    static const NmfKernels table{Combine, Ratio, Project, Accumulate, Learn};
     return table;
 }
 

@@ -282,6 +282,13 @@ TEST(DNZKernels, EveryBuildGivesTheSameBits) {
     a.accumulate(accA.data(), n, count, h.data(), r.data(), n);
     b.accumulate(accB.data(), n, count, h.data(), r.data(), n);
     EXPECT_EQ(accA, accB);
+    // An odd length, so the tail past the vectors is taken too.
+    std::vector<float> wA(atoms.begin(), atoms.begin() + n - 3), wB = wA;
+    std::vector<float> numA(atoms.begin() + n, atoms.begin() + 2 * n - 3), numB = numA;
+    a.learn(wA.data(), numA.data(), r.data(), 0.9f, 0.3f, 2.5f, 0.2f, n - 3);
+    b.learn(wB.data(), numB.data(), r.data(), 0.9f, 0.3f, 2.5f, 0.2f, n - 3);
+    EXPECT_EQ(numA, numB);
+    EXPECT_EQ(wA, wB);
 }
 
 TEST(DNZRecord, CopiesAreDeepAndInvalidShapesHoldNoArrays) {
