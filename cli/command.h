@@ -130,6 +130,9 @@ Command AddSilenceCommand(CLI::App& kesta);
 Command AddTrimSilenceCommand(CLI::App& kesta);
 Command AddSpectrumCommand(CLI::App& kesta);
 
+// A light stage multiplying every sample by the gain of `db` decibels, in single precision.
+std::unique_ptr<Stage> MakeGainStage(double db);
+
 // Whether `kesta chain` has a step of this name, and a step's processor made from its text
 // ("declick:threshold=40") as the chain makes it.
 bool IsChainStep(const std::string& name);

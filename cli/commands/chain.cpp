@@ -243,6 +243,7 @@ std::unique_ptr<Stage> MakeChainStage(const std::string& text, const StageInput&
         void Process(float** channels, int channelCount, int frames) override {
             mStage->Process(channels, channelCount, frames);
         }
+        bool Light() const override { return mStage->Light(); }
 
     private:
         ParsedStep mStep;

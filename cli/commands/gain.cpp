@@ -61,15 +61,6 @@ void CheckGain(double db) {
         throw UsageError("--db " + FormatDb(db) + " is out of range", "", "give a gain between -200 and +200 dB");
 }
 
-std::unique_ptr<Stage> MakeGainStage(double db) {
-    const float factor = float(DbToLinear(db));
-    return MakeStage(0, [factor](float** channels, int channelCount, int frames) {
-        for (int c = 0; c < channelCount; ++c)
-            for (int i = 0; i < frames; ++i)
-                channels[c][i] *= factor;
-    });
-}
-
 Processing GainJob(std::shared_ptr<GainOptions> options) {
     Processing job = ProcessingOf("gain", *options);
     job.check = [options] { CheckGain(options->db); };
@@ -91,6 +82,18 @@ Processing GainJob(std::shared_ptr<GainOptions> options) {
 }
 
 }  // namespace
+
+std::unique_ptr<Stage> MakeGainStage(double db) {
+    const float factor = float(DbToLinear(db));
+    return MakeStage(
+        0,
+        [factor](float** channels, int channelCount, int frames) {
+            for (int c = 0; c < channelCount; ++c)
+                for (int i = 0; i < frames; ++i)
+                    channels[c][i] *= factor;
+        },
+        true);
+}
 
 Command AddGainCommand(CLI::App& kesta) {
     auto options = std::make_shared<GainOptions>();

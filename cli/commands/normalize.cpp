@@ -72,15 +72,6 @@ void CheckRange(const char* option, double value, double lo, double hi, const ch
                          "give a value from " + FormatDb(lo, 0) + " to " + FormatDb(hi, 0) + " " + unit);
 }
 
-std::unique_ptr<Stage> MakeGain(double db) {
-    const float factor = float(DbToLinear(db));
-    return MakeStage(0, [factor](float** channels, int channelCount, int frames) {
-        for (int c = 0; c < channelCount; ++c)
-            for (int i = 0; i < frames; ++i)
-                channels[c][i] *= factor;
-    });
-}
-
 class LimitStage : public Stage {
 public:
     LimitStage(int channels, int rate, double ceilingDb) {
@@ -112,7 +103,7 @@ struct PlanStages {
     std::unique_ptr<Stage> gain;
     std::unique_ptr<LimitStage> limiter;
     std::vector<Stage*> list;
-    PlanStages(const Plan& plan, const AudioFormat& format) : gain(MakeGain(plan.gainDb)), list{gain.get()} {
+    PlanStages(const Plan& plan, const AudioFormat& format) : gain(MakeGainStage(plan.gainDb)), list{gain.get()} {
         if (!plan.limiterCeilingDb) return;
         limiter = std::make_unique<LimitStage>(format.channels, format.sampleRate, *plan.limiterCeilingDb);
         list.push_back(limiter.get());

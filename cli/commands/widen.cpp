@@ -77,6 +77,7 @@ public:
     }
     int64_t Latency() const override { return 0; }
     void Process(float** channels, int, int frames) override { mExpander.Process(channels, channels, frames); }
+    bool Light() const override { return true; }
 
 private:
     dsp::StereoExpanderDSP mExpander;

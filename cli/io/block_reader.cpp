@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -144,15 +145,20 @@ bool BlockReader::Read(AudioBlock& block) {
     const std::size_t wanted = block.Capacity();
     const std::size_t frameBytes = std::size_t(channels) * std::size_t(LayoutBytes(mLayout));
     const std::size_t bytes = wanted * frameBytes;
-    if (mInterleaved.size() * sizeof(int32_t) < bytes) mInterleaved.resize((bytes + 3) / 4);
+    const void* samples = nullptr;
     sf_count_t got = 0;
     if (mRaw) {
-        got = sf_read_raw(mFile, mInterleaved.data(), sf_count_t(bytes));
-        got = got > 0 ? got / sf_count_t(frameBytes) : got;
-    } else if (mLayout == SampleLayout::Int32) {
-        got = sf_readf_int(mFile, mInterleaved.data(), sf_count_t(wanted));
+        got = sf_count_t(FillRaw(bytes, frameBytes) / frameBytes);
+        got = std::min(got, sf_count_t(wanted));
+        samples = mRawChunk.data() + mRawStart;
+        mRawStart += std::size_t(got) * frameBytes;
     } else {
-        got = sf_readf_float(mFile, reinterpret_cast<float*>(mInterleaved.data()), sf_count_t(wanted));
+        if (mInterleaved.size() * sizeof(int32_t) < bytes) mInterleaved.resize((bytes + 3) / 4);
+        samples = mInterleaved.data();
+        if (mLayout == SampleLayout::Int32)
+            got = sf_readf_int(mFile, mInterleaved.data(), sf_count_t(wanted));
+        else
+            got = sf_readf_float(mFile, reinterpret_cast<float*>(mInterleaved.data()), sf_count_t(wanted));
     }
     if (got < sf_count_t(wanted) && sf_error(mFile) != SF_ERR_NO_ERROR)
         throw InputError("cannot read " + mShown + " after frame " + std::to_string(mFramesRead), SndfileReason(mFile),
@@ -168,10 +174,28 @@ bool BlockReader::Read(AudioBlock& block) {
     mChannels.resize(std::size_t(channels));
     for (int c = 0; c < channels; ++c)
         mChannels[std::size_t(c)] = block.Channel(c);
-    mDecode(mInterleaved.data(), mChannels.data(), channels, frames);
+    mDecode(samples, mChannels.data(), channels, frames);
     block.SetFrames(frames);
     mFramesRead += int64_t(frames);
     return frames > 0;
+}
+
+std::size_t BlockReader::FillRaw(std::size_t bytes, std::size_t frameBytes) {
+    std::size_t held = mRawEnd - mRawStart;
+    if (held >= bytes || mRawEnded) return held;
+    // What is left moves to the front, and one large read fills the rest: a few calls per megabyte
+    // however small the blocks are. Raw reads take whole frames.
+    const std::size_t size = std::max(bytes, kRawChunkBytes / frameBytes * frameBytes);
+    if (mRawChunk.size() < size) mRawChunk.resize(size);
+    std::memmove(mRawChunk.data(), mRawChunk.data() + mRawStart, held);
+    mRawStart = 0;
+    while (held < bytes && !mRawEnded) {
+        const sf_count_t got = sf_read_raw(mFile, mRawChunk.data() + held, sf_count_t(size - held));
+        if (got <= 0) mRawEnded = true;
+        if (got > 0) held += std::size_t(got);
+    }
+    mRawEnd = held;
+    return held;
 }
 
 std::optional<std::string> BlockReader::LengthWarning() const {
@@ -191,6 +215,7 @@ void BlockReader::Rewind() {
     if (mPath == "-") {
         if (sf_seek(mFile, 0, SEEK_SET) != 0) refuse("it cannot be rewound (a pipe or stream)");
         mFramesRead = 0;
+        DropRawChunk();
         return;
     }
     // A fresh open rather than a seek: a decoder seeking back in a damaged compressed stream can
@@ -210,6 +235,7 @@ void BlockReader::Rewind() {
     sf_close(mFile);
     mFile = again;
     mFramesRead = 0;
+    DropRawChunk();
 }
 
 }  // namespace kesta

@@ -55,8 +55,15 @@ public:
     // Starts again from the first frame, for a further pass over the file.
     void Rewind();
 
+    // Raw samples are read this many bytes at a time (or a block's, when larger).
+    static constexpr std::size_t kRawChunkBytes = std::size_t(1) << 18;
+
 private:
     void ChooseLayout();
+    // Makes the raw chunk hold at least `bytes` unread bytes (whole frames of `frameBytes`), unless
+    // the file ends first; returns the unread bytes it holds.
+    std::size_t FillRaw(std::size_t bytes, std::size_t frameBytes);
+    void DropRawChunk() { mRawStart = mRawEnd = 0, mRawEnded = false; }
 
     std::string mPath;
     std::string mShown;  // the file as messages name it
@@ -75,7 +82,10 @@ private:
     // Frames the first pass found; a later pass that finds another count throws (a damaged header
     // can make a rewound file read differently).
     std::optional<int64_t> mFramesInFile;
-    std::vector<int32_t> mInterleaved;  // a block of the file's frames as read
+    std::vector<int32_t> mInterleaved;     // a block of the file's frames as libsndfile decoded them
+    std::vector<unsigned char> mRawChunk;  // raw samples as read, unread from mRawStart to mRawEnd
+    std::size_t mRawStart = 0, mRawEnd = 0;
+    bool mRawEnded = false;  // the file's samples are all in the chunk
     std::vector<float*> mChannels;
 };
 

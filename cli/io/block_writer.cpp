@@ -1,7 +1,9 @@
 #include "block_writer.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <utility>
@@ -12,8 +14,8 @@
 
 namespace kesta {
 
-BlockWriter::BlockWriter(int fd, std::string displayPath, const AudioFormat& format)
-    : mPath(std::move(displayPath)), mFormat(format), mFd(fd) {
+BlockWriter::BlockWriter(int fd, std::string displayPath, const AudioFormat& format, bool synced)
+    : mPath(std::move(displayPath)), mFormat(format), mFd(fd), mSynced(synced) {
     SF_INFO info{};
     info.samplerate = format.sampleRate;
     info.channels = format.channels;
@@ -103,13 +105,20 @@ void BlockWriter::Write(AudioBlock& block) {
     if (frames == 0) return;
     ExpectFrames(mFramesWritten + int64_t(frames));
     const std::size_t bytes = frames * std::size_t(channels) * std::size_t(LayoutBytes(mLayout));
-    if (mInterleaved.size() * sizeof(int32_t) < bytes) mInterleaved.resize((bytes + 3) / 4);
+    // Raw samples gather behind those not yet written, so the file gets them in large writes.
+    if (mRaw && mPendingBytes + bytes > mPending.size()) {
+        FlushPending();
+        mPending.resize(std::max({mPending.size(), bytes, kRawChunkBytes}));
+    } else if (!mRaw && mPending.size() < bytes) {
+        mPending.resize(bytes);
+    }
+    unsigned char* encoded = mPending.data() + (mRaw ? mPendingBytes : 0);
     mChannels.resize(std::size_t(channels));
     for (int c = 0; c < channels; ++c)
         mChannels[std::size_t(c)] = block.Channel(c);
 
     EncodeTally tally{mUnclippedPeak};
-    mKernels->encode[int(mLayout)](mChannels.data(), mInterleaved.data(), channels, frames, mIntegerBits, tally);
+    mKernels->encode[int(mLayout)](mChannels.data(), encoded, channels, frames, mIntegerBits, tally);
     if (tally.nonFinite) {
         for (int c = 0; c < channels; ++c) {
             const float* in = block.Channel(c);
@@ -119,15 +128,16 @@ void BlockWriter::Write(AudioBlock& block) {
         }
     }
 
-    sf_count_t written = 0;
-    if (mRaw)
-        written =
-            sf_write_raw(mFile, mInterleaved.data(), sf_count_t(bytes)) == sf_count_t(bytes) ? sf_count_t(frames) : 0;
-    else if (mLayout == SampleLayout::Int32)
-        written = sf_writef_int(mFile, mInterleaved.data(), sf_count_t(frames));
-    else
-        written = sf_writef_float(mFile, reinterpret_cast<const float*>(mInterleaved.data()), sf_count_t(frames));
-    if (written != sf_count_t(frames)) ThrowWriteFailure();
+    if (mRaw) {
+        mPendingBytes += bytes;
+        mPendingFrames += int64_t(frames);
+    } else {
+        const sf_count_t written =
+            mLayout == SampleLayout::Int32
+                ? sf_writef_int(mFile, reinterpret_cast<const int*>(encoded), sf_count_t(frames))
+                : sf_writef_float(mFile, reinterpret_cast<const float*>(encoded), sf_count_t(frames));
+        if (written != sf_count_t(frames)) ThrowWriteFailure();
+    }
     mFramesWritten += int64_t(frames);
     mUnclippedPeak = tally.peak;
     // Integer and lossy encodings saturate at full scale (libsndfile clips the lossy ones): the block
@@ -139,7 +149,24 @@ void BlockWriter::Write(AudioBlock& block) {
     }
 }
 
+void BlockWriter::FlushPending() {
+    if (mPendingBytes == 0) return;
+    if (sf_write_raw(mFile, mPending.data(), sf_count_t(mPendingBytes)) != sf_count_t(mPendingBytes))
+        ThrowWriteFailure();
+#ifdef __linux__
+    // Only a request to start: a failure shows in the owner's sync.
+    if (mSynced) {
+        const off_t end = ::lseek(mFd, 0, SEEK_CUR);
+        if (end >= off_t(mPendingBytes))
+            ::sync_file_range(mFd, end - off_t(mPendingBytes), off_t(mPendingBytes), SYNC_FILE_RANGE_WRITE);
+    }
+#endif
+    mPendingBytes = 0;
+    mPendingFrames = 0;
+}
+
 void BlockWriter::Finish() {
+    if (mFile != nullptr) FlushPending();
     SNDFILE* file = mFile;
     mFile = nullptr;
     if (file != nullptr && sf_close(file) != 0) ThrowWriteFailure();
@@ -149,8 +176,9 @@ void BlockWriter::Finish() {
 }
 
 void BlockWriter::ThrowWriteFailure() const {
-    throw OutputError("cannot write " + Quoted(mPath) + " after frame " + std::to_string(mFramesWritten),
-                      SndfileReason(mFile), "check the free space and that the disk is writable");
+    throw OutputError(
+        "cannot write " + Quoted(mPath) + " after frame " + std::to_string(mFramesWritten - mPendingFrames),
+        SndfileReason(mFile), "check the free space and that the disk is writable");
 }
 
 }  // namespace kesta

@@ -36,8 +36,9 @@ class BlockWriter {
 public:
     // Writes into the open descriptor `fd` (left open: its owner syncs and closes it). Messages
     // name `displayPath`, the file the person asked for. Throws an output error if libsndfile
-    // cannot write this format.
-    BlockWriter(int fd, std::string displayPath, const AudioFormat& format);
+    // cannot write this format. `synced`: the owner will sync the file, so the disk is set to work
+    // on each chunk as soon as it is written and the final sync waits only for the last.
+    BlockWriter(int fd, std::string displayPath, const AudioFormat& format, bool synced = false);
     ~BlockWriter();
     BlockWriter(const BlockWriter&) = delete;
     BlockWriter& operator=(const BlockWriter&) = delete;
@@ -67,13 +68,18 @@ public:
     // The largest magnitude written, before any saturation.
     double UnclippedPeak() const { return mUnclippedPeak; }
 
+    // Raw samples are written this many bytes at a time (or a block's, when larger).
+    static constexpr std::size_t kRawChunkBytes = std::size_t(1) << 18;
+
 private:
+    void FlushPending();
     [[noreturn]] void ThrowWriteFailure() const;
     [[noreturn]] void ThrowTooLong() const;
 
     std::string mPath;
     AudioFormat mFormat;
     int mFd;
+    bool mSynced;
     std::vector<Marker> mMarkerNames;  // appended by Finish (WAV)
     SNDFILE* mFile = nullptr;
     int mIntegerBits = 0;
@@ -86,7 +92,10 @@ private:
     int64_t mFramesWritten = 0;
     uint64_t mClipped = 0;
     double mUnclippedPeak = 0.0;
-    std::vector<int32_t> mInterleaved;  // a block as the file gets it
+    // Encoded samples as the file gets them; raw ones wait here until the chunk is full or Finish.
+    std::vector<unsigned char> mPending;
+    std::size_t mPendingBytes = 0;
+    int64_t mPendingFrames = 0;
     std::vector<float*> mChannels;
 };
 

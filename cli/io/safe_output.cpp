@@ -184,7 +184,7 @@ void SafeOutput::Commit() {
             throw OutputError(what, "saving to disk failed: " + SystemReason(errno),
                               "check the free space and the disk");
     };
-    bool synced = mReplaces || mSync;
+    bool synced = Syncs();
     if (synced) syncData(mFd);
     if (::fchmod(mFd, mMode) != 0) throw OutputError(what, "cannot set its permissions: " + SystemReason(errno), "");
     const int fd = mFd;

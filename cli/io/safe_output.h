@@ -46,6 +46,8 @@ public:
     int Descriptor() const { return mFd; }
     const std::string& Target() const { return mTarget; }
     const std::string& TemporaryPath() const { return mTemporary; }
+    // Whether Commit saves the data to disk (it replaces a file, or `sync` was asked).
+    bool Syncs() const { return mReplaces || mSync; }
 
     // Gives the temporary the target's permissions and renames it over the target, synced to disk
     // first when it replaces a file or `sync` was asked.

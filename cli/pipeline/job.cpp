@@ -27,14 +27,16 @@ namespace {
 
 class FunctionStage : public Stage {
 public:
-    FunctionStage(int64_t latency, std::function<void(float**, int, int)> process)
-        : mLatency(latency), mProcess(std::move(process)) {}
+    FunctionStage(int64_t latency, std::function<void(float**, int, int)> process, bool light)
+        : mLatency(latency), mProcess(std::move(process)), mLight(light) {}
     int64_t Latency() const override { return mLatency; }
     void Process(float** channels, int channelCount, int frames) override { mProcess(channels, channelCount, frames); }
+    bool Light() const override { return mLight; }
 
 private:
     int64_t mLatency;
     std::function<void(float**, int, int)> mProcess;
+    bool mLight;
 };
 
 // What the two kinds of split stage share: the groups, and where each group's channels start.
@@ -178,8 +180,8 @@ AudioFormat ChooseEncodedFormat(const AudioFormat& input, const std::string& out
                      "leave out " + asked + ", or name the output .wav, .flac or .aiff");
 }
 
-std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process) {
-    return std::make_unique<FunctionStage>(latency, std::move(process));
+std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process, bool light) {
+    return std::make_unique<FunctionStage>(latency, std::move(process), light);
 }
 
 void ResizingStage::Process(float**, int, int) {
@@ -211,7 +213,7 @@ AudioOutput::AudioOutput(const std::string& path, const Shape& shape, const std:
                          const OutputOptions& options)
     : mPath(path),
       mOutput((CheckSingleRun(options.batch), path), inputs, options.force, options.sync),
-      mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(shape.format, path, options)),
+      mWriter(mOutput.Descriptor(), path, ChooseEncodedFormat(shape.format, path, options), mOutput.Syncs()),
       mWritten(shape.format.channels) {
     mMetadataLost = mWriter.SetMetadata(shape.metadata);
     if (shape.frames) mWriter.ExpectFrames(*shape.frames);
@@ -464,11 +466,13 @@ struct PipelineStopped {};
 // memory stays that of a handful of blocks.
 constexpr std::size_t kRingDepth = 4;
 
-// Whether streams run reading, processing and writing on threads of their own. KESTA_THREADS=1 runs
-// them in one thread (the output is the same bit for bit).
-bool Overlapped() {
+// Whether a stream runs reading, processing and writing on threads of their own: not when its
+// stages are all light (the hand-offs would cost more than the overlap saves), nor with
+// KESTA_THREADS=1 (the output is the same bit for bit).
+bool Overlapped(const std::vector<Stage*>& stages) {
     const char* threads = std::getenv("KESTA_THREADS");
-    return threads == nullptr || std::strcmp(threads, "1") != 0;
+    return (threads == nullptr || std::strcmp(threads, "1") != 0) &&
+           !std::all_of(stages.begin(), stages.end(), [](const Stage* stage) { return stage->Light(); });
 }
 
 // Starts `body` on a thread of its own. KESTA_THREAD_LIMIT=N (for tests) lets only the first N
@@ -646,12 +650,12 @@ int64_t StreamOverlapped(BlockReader& reader, AudioOutput& output, const std::ve
 
 int64_t StreamStages(BlockReader& reader, AudioOutput& output, const std::vector<Stage*>& stages, Progress& progress,
                      const StreamWatchers& watchers) {
-    const int64_t written =
-        Overlapped() ? StreamOverlapped(reader, output, stages, progress, watchers)
-                     : StreamFile(reader, stages, progress, watchers.input, [&](AudioBlock& block, int64_t position) {
-                           if (watchers.output) watchers.output(block, position);
-                           output.Write(block);
-                       });
+    const int64_t written = Overlapped(stages) ? StreamOverlapped(reader, output, stages, progress, watchers)
+                                               : StreamFile(reader, stages, progress, watchers.input,
+                                                            [&](AudioBlock& block, int64_t position) {
+                                                                if (watchers.output) watchers.output(block, position);
+                                                                output.Write(block);
+                                                            });
     output.Finish();
     return written;
 }

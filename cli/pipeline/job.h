@@ -82,6 +82,9 @@ public:
     virtual void Process(float** channels, int channelCount, int frames) = 0;
     // The input is complete: what follows is the silence that brings the delayed tail out.
     virtual void EndOfInput() {}
+    // Whether the stage costs less than handing its blocks to another thread (a gain, a fixed mix of
+    // the channels): a stream of such stages alone runs on one thread.
+    virtual bool Light() const { return false; }
 };
 
 // A stage whose output has another rate or length than its input (a resampler, a silence remover).
@@ -114,8 +117,9 @@ public:
     virtual void Generate(float** channels, int channelCount, int frames) = 0;
 };
 
-// A stage made of a function, for processors without delay or state worth a class.
-std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process);
+// A stage made of a function, for processors without delay or state worth a class; `light` as
+// Stage::Light.
+std::unique_ptr<Stage> MakeStage(int64_t latency, std::function<void(float**, int, int)> process, bool light = false);
 
 // Consecutive channels that a processor of their own handles, sharing nothing with the others.
 struct ChannelGroup {

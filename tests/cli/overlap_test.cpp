@@ -41,9 +41,9 @@ TEST_F(OverlapTest, ThreadedRunsWriteWhatOneThreadWrites) {
     for (const std::string input : {"s16.wav", "m24.wav", "s16.aiff", "t24.flac"}) {
         SCOPED_TRACE(input);
         const std::string ext = input.substr(input.find('.'));
-        const auto gain = BothWays({"gain", P(input), P("gain" + ext), "--db", "9", "--force"}, "gain" + ext);
-        EXPECT_FALSE(gain.first.empty());
-        EXPECT_TRUE(gain.first == gain.second);
+        const auto limit = BothWays({"limit", P(input), P("limit" + ext), "--gain", "9", "--force"}, "limit" + ext);
+        EXPECT_FALSE(limit.first.empty());
+        EXPECT_TRUE(limit.first == limit.second);
         // Each step of a chain runs on a thread of its own; the resampler changes the block sizes.
         const auto chain = BothWays({"chain", P(input), P("chain" + ext), "eq:band=1000:1:-3,highpass=80",
                                      "limit:gain=6", "resample:rate=32000", "gain:db=-1", "declick", "--force"},
@@ -70,7 +70,7 @@ TEST_F(OverlapTest, AFailurePartWayIsOneLineWithNothingLeftBehind) {
     const std::vector<std::string> names = dir.Names();
     for (int single = 0; single < 2; ++single) {
         if (single) ::setenv("KESTA_THREADS", "1", 1);
-        const RunResult run = RunKesta({"chain", P("in.wav"), P("out.wav"), "gain:db=40", "gain:db=-3", "--force"});
+        const RunResult run = RunKesta({"chain", P("in.wav"), P("out.wav"), "gain:db=40", "eq:gain=-3", "--force"});
         ::unsetenv("KESTA_THREADS");
         EXPECT_NE(run.exitCode, 0);
         ExpectOneErrorLine(run, run.exitCode, {"stopped at frame 30000", "channel 2", "inf"});
@@ -94,7 +94,7 @@ TEST_F(OverlapTest, AFailurePartWayIsOneLineWithNothingLeftBehind) {
 
 // The system refuses the first, a middle or the last thread of a three-step chain (its steps, the
 // resampler's two channels and the writer run on five threads): one line, the earlier output kept,
-// and no temporary left.
+// and no temporary left. A job of light steps alone (a gain, a fixed mix) starts none.
 TEST_F(OverlapTest, AThreadThatCannotStartIsOneLineWithNothingLeftBehind) {
     WriteAudio(dir / "in.wav", StereoTone16());
     WriteBytes(dir / "out.wav", "keep me");
@@ -109,6 +109,11 @@ TEST_F(OverlapTest, AThreadThatCannotStartIsOneLineWithNothingLeftBehind) {
         EXPECT_EQ(ReadBytes(dir / "out.wav"), "keep me");
         EXPECT_EQ(dir.Names(), names);
     }
+    // Light steps alone run on the calling thread: no thread is asked for.
+    ::setenv("KESTA_THREAD_LIMIT", "0", 1);
+    Ok({"gain", P("in.wav"), P("gain.wav"), "--db", "-1"});
+    Ok({"chain", P("in.wav"), P("chain.wav"), "gain:db=-1", "widen:width=120"});
+    ::unsetenv("KESTA_THREAD_LIMIT");
 }
 
 }  // namespace
