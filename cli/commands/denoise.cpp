@@ -38,7 +38,9 @@ print. The settings are those of the command line, not those of the run that sav
 
 --method adaptive (the default without a noise source) needs no print: it learns the noise
 while it plays, follows noise that changes slowly, and leaves sustained tones and voices alone.
-A --noise stretch is then only measured for the report. It takes no --print, --noise-file,
+It takes the pauses, where it finds no programme, up to 40 dB further down than --reduction,
+sinking over 0.15 s after the programme stops and back at once when it returns. A --noise
+stretch is then only measured for the report. It takes no --print, --noise-file,
 --save-print, --fft-size, --smoothing or --transition.
 
 --method nmf takes its noise source like print (--noise, --noise-file, --print) but learns from

@@ -16,8 +16,10 @@
 //     noise for long stretches, and without this limit the tracker would take a sustained chord
 //     for noise. Bins whose tracker reads far over the limit hold signal: they do not creep up,
 //     and follow the rest of the band only when it rises or falls together;
-//   - the first quarter second seeds the estimate with its mean power, and a bin whose estimate
-//     stays too high falls back within a few frames, so the audio may start with signal.
+//   - the first quarter second seeds the estimate with its mean power, the frame in hand included
+//     (the engine's first frame scaled for the zeros before the audio), so the noise falls as far
+//     from the first frame as later; a bin whose estimate stays too high falls back within a few
+//     frames, so the audio may start with signal.
 // The gain of every bin is the log-spectral-amplitude estimator with a decision-directed
 // a-priori SNR, raised to the bin's conditional presence probability and multiplied by the floor
 // gain to the rest, G = G_lsa^p · Gmin^(1−p). The a-priori absence probability behind p comes
@@ -30,6 +32,9 @@
 // bin for bin (noise alone, though its level has moved off the estimate). Each bin then takes the
 // largest gain of itself and its two neighbours, so a component keeps its whole main lobe.
 // Gmin = 10^(−reductionDb/20): noise-only bins, hum lines included, fall by close to reductionDb.
+// Pauses go further: the floor of a frame that holds no programme is up to 40 dB lower, reached
+// over 0.15 s after the programme stops and left at once when it returns, the same for every bin
+// (what is heard between words is the same noise, much quieter, not a gated remnant).
 //
 // Geometry: OverlapSave with a Hann window, N = FrameLengthFor(sampleRate) (1024 at 44.1 and 48
 // kHz, about 23 ms), a hop of N/2 (crossfade L = N/4 at offset P = N/2). Latency: N frames.
@@ -124,15 +129,18 @@ private:
     float mCreep = 1.0f;          // largest rise per frame of a stuck estimate (power ratio)
     float mSlowDb = 0.0f;         // move per frame of a ceiling on its own (dB)
     float mFastDb = 0.0f;         // and when the whole band moves
+    float mPauseRiseDb = 0.0f;    // largest rise per frame of the pause depth (dB)
     int mFrameBinLow = 1;         // the band whose mean a-priori SNR says whether a frame holds signal
     int mFrameBinHigh = 2;
-    int mSeedFrames = 0;         // frames averaged into the first estimate
-    int mSubWindowFrames = 0;    // frames per sub-window of the minimum search
-    double mWindowEnergy = 0.0;  // Σ w² of the analysis window
+    int mSeedFrames = 0;            // frames averaged into the first estimate
+    int mSubWindowFrames = 0;       // frames per sub-window of the minimum search
+    double mWindowEnergy = 0.0;     // Σ w² of the analysis window
+    float mFirstFrameScale = 1.0f;  // Σ w² over Σ w² of the part of the window over the first frame's samples
 
     long long mFrame = 0;                                 // frames since Resume
     std::vector<float> mState;                            // channels × kRows × bins
     std::vector<float> mMinHistory;                       // channels × kSubWindows × bins
+    std::vector<float> mPauseDb;                          // per channel: how far under the floor (dB)
     std::vector<float> mScratch;                          // 8 × bins
     const adaptive::AdaptiveKernels* mKernels = nullptr;  // the per-bin loops built for this CPU
 };

@@ -74,8 +74,19 @@ constexpr double kFrameGateLow = 0.02, kFrameGateHigh = 0.2;
 constexpr double kSpreadAlone = 0.55, kSpreadAloneHigh = 0.7, kSpreadRise = 1.2;
 constexpr double kSpreadLogFloor = -3.0;
 
+// Pauses: where the frames hold no programme, the floor goes further down, by up to kPauseDepthDb
+// at a frame judged to hold noise alone (frameGate 0) and in proportion to the frame's doubt
+// otherwise. The extra depth follows the frame's programme down at once, within the hop, so an
+// onset keeps the ordinary floor, and sinks by kPauseDepthDb over kPauseReleaseSeconds, so a
+// word's or a note's end fades into the pause instead of being gated. Every bin moves alike: what
+// is left in a pause is the same noise, quieter.
+constexpr double kPauseDepthDb = 40.0;
+constexpr double kPauseReleaseSeconds = 0.15;
+
 constexpr int kLocalHalf = 1;    // 3 bins
 constexpr int kGlobalHalf = 15;  // 31 bins
+
+constexpr float kNeperPerDb = 0.11512925f;  // ln 10 / 20
 
 float PerFrame(double alpha, double hopSeconds) {
     return static_cast<float>(std::pow(alpha, hopSeconds / kReferenceHop));
@@ -155,6 +166,8 @@ AdaptiveNoise::AdaptiveNoise(int numChannels, int sampleRate, double reductionDb
     mFastDb = static_cast<float>(kFastDbPerSecond * hop);
     mFrameBinLow = std::clamp(static_cast<int>(std::lround(kFrameLowHz * n / sampleRate)), 1, mBins - 2);
     mFrameBinHigh = std::clamp(static_cast<int>(std::lround(kFrameHighHz * n / sampleRate)), mFrameBinLow + 1, mBins);
+    mPauseRiseDb = static_cast<float>(kPauseDepthDb * hop / kPauseReleaseSeconds);
+    mPauseDb.assign(std::size_t(numChannels), 0.0f);
     mSeedFrames = std::max(1, static_cast<int>(std::lround(kSeedSeconds / hop)));
     mSubWindowFrames = std::max(1, static_cast<int>(std::ceil(kSearchSeconds / (kSubWindows * hop))));
     mState.assign(std::size_t(numChannels) * kRows * std::size_t(mBins), 0.0f);
@@ -173,10 +186,16 @@ void AdaptiveNoise::ParameterChanged() {
 void AdaptiveNoise::Resume() {
     OverlapSave::Resume();  // builds the windows on its first call
     mWindowEnergy = 0.0;
-    for (int i = 0; i < mFrameLength; ++i)
-        mWindowEnergy += double(mAnalysisWindow[i]) * double(mAnalysisWindow[i]);
+    double filled = 0.0;  // the part of the window over the first frame's samples
+    for (int i = 0; i < mFrameLength; ++i) {
+        const double w2 = double(mAnalysisWindow[i]) * double(mAnalysisWindow[i]);
+        mWindowEnergy += w2;
+        filled += i >= mOutputOffset ? w2 : 0.0;
+    }
+    mFirstFrameScale = static_cast<float>(mWindowEnergy / std::max(filled, 1e-30));
     std::fill(mState.begin(), mState.end(), 0.0f);
     std::fill(mMinHistory.begin(), mMinHistory.end(), adaptive::kNoMinimum);
+    std::fill(mPauseDb.begin(), mPauseDb.end(), 0.0f);
     mFrame = 0;
 }
 
@@ -238,14 +257,12 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     float* windowMin = RowOf(channel, kWindowMin);
     float* priori = RowOf(channel, kPrioriSmooth);
 
+    const bool seeding = mFrame < mSeedFrames;
     if (mFrame == 0) {
-        // The first frame is the first estimate; its log power starts the moments as noise would.
+        // The first frame's log power starts the moments as noise would. The engine's first frame
+        // is preceded by zeros over the window's first part: its power is scaled up to a whole frame.
         for (int k = 0; k < B; ++k) {
-            const float y2 = std::max(re[k] * re[k] + im[k] * im[k], adaptive::kPowerFloor);
-            rows.noise[k] = y2;
-            rows.tracked[k] = y2;
-            rows.ceiling[k] = y2;
-            rows.smoothPower[k] = y2;
+            const float y2 = std::max((re[k] * re[k] + im[k] * im[k]) * mFirstFrameScale, adaptive::kPowerFloor);
             subMin[k] = adaptive::kNoMinimum;
             windowMin[k] = adaptive::kNoMinimum;
             const float l = std::log(y2);
@@ -253,18 +270,29 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
             rows.logSquare[k] = l * l + 1.6449341f;  // π²/6
         }
     }
+    if (seeding) {
+        // While the first estimate is the mean power so far, the frame in hand is part of it, so a
+        // bin of the first frames is weighed against a mean that already holds it.
+        const float scale = mFrame == 0 ? mFirstFrameScale : 1.0f;
+        for (int k = 0; k < B; ++k)
+            frame.power[k] = (re[k] * re[k] + im[k] * im[k]) * scale;
+        mKernels->track(rows, frame, B, constants, int(mFrame) + 1);
+    }
 
     mKernels->prepare(re, im, rows, frame, B, constants);
     FramePresence(frame.xi, constants);
     // A frame that holds noise alone falls to the floor whatever its level against the estimate
     // (a noise that swells between words is not let through while the estimate catches up).
-    const double spread = mFrame >= mSeedFrames ? FrameSpread(frame, rows.noise) : kSpreadRise;
+    const double spread = seeding ? kSpreadRise : FrameSpread(frame, rows.noise);
     auto under = [spread](double low, double high) {
         return static_cast<float>(std::clamp((high - spread) / (high - low), 0.0, 1.0));
     };
     const float alone = under(kSpreadAlone, kSpreadAloneHigh);
     constants.framePrior = std::min(constants.framePrior, 1.0f - alone);
     constants.frameGate = std::min(constants.frameGate, 1.0f - alone);
+    float& pauseDb = mPauseDb[std::size_t(channel)];
+    pauseDb = std::min(static_cast<float>(kPauseDepthDb) * (1.0f - constants.frameGate), pauseDb + mPauseRiseDb);
+    constants.floorLog = mFloorLog - pauseDb * kNeperPerDb;
     const HalfExpintTable& halfExpint = HalfExpint();
     for (int k = 0; k < B; ++k)
         frame.lnLsa[k] = std::min(frame.lnLsa[k] + halfExpint(frame.lnV[k]), 0.0f);
@@ -276,8 +304,8 @@ void AdaptiveNoise::ReduceChannel(int channel, float* re, float* im) {
     const float pa = mPrioriAlpha;
     for (int k = 0; k < B; ++k)
         priori[k] = pa * priori[k] + (1.0f - pa) * frame.xi[k];
-    mKernels->track(rows, frame, B, constants, mFrame < mSeedFrames ? int(mFrame) + 1 : 0);
-    if (mFrame >= mSeedFrames) {
+    if (!seeding) {
+        mKernels->track(rows, frame, B, constants, 0);
         // A change of the noise moves the tracked estimate off the ceiling across most of the band
         // together; a note or a chord lifts only its partials, and far. Bins whose tracked estimate
         // is far over the ceiling hold signal and are left out of the count; they do not creep up,
