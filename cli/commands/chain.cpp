@@ -243,6 +243,9 @@ std::unique_ptr<Stage> MakeChainStage(const std::string& text, const StageInput&
         void Process(float** channels, int channelCount, int frames) override {
             mStage->Process(channels, channelCount, frames);
         }
+        // A step that looks ahead (the line canceller) must hear where the input ends, or it
+        // takes the flushing silence for programme and the last seconds differ from the command's.
+        void EndOfInput() override { mStage->EndOfInput(); }
         bool Light() const override { return mStage->Light(); }
 
     private:

@@ -120,6 +120,24 @@ TEST_F(DenoiseTest, WithoutANoiseSourceTheAdaptiveMethodLearnsTheNoiseAndKeepsTh
     ExpectResidualAddsUp("denoise", {"--reduction", "20"});
 }
 
+TEST_F(DenoiseTest, SteadyHumIsCancelledAndListedAndAChainStepDoesTheSame) {
+    // 50 Hz mains hum and two harmonics under the whole take, long enough for the canceller to
+    // trust them; the chain step must end its stream as the command does, to the last sample.
+    NoisyTake hum = MakeNoisyTake(kFloatWav, 9.0);
+    for (auto& channel : hum.noisy.channels)
+        for (double hz : {50.0, 100.0, 150.0}) {
+            const std::vector<double> line = Sine(int64_t(channel.size()), kRate, hz, 0.02, 0.0, 0);
+            for (std::size_t i = 0; i < channel.size(); ++i)
+                channel[i] += line[i];
+        }
+    WriteAudio(dir / "hum.wav", hum.noisy);
+    const JsonValue report = Report({"denoise", P("hum.wav"), P("out.wav")});
+    EXPECT_EQ(report["method"].string, "adaptive");
+    EXPECT_GE(report["lines"]["cancelled"].number, 3.0);
+    Ok({"chain", P("hum.wav"), P("chained.wav"), "denoise:method=adaptive", "-q"});
+    EXPECT_TRUE(Same("out.wav", "chained.wav"));
+}
+
 TEST_F(DenoiseTest, TheNmfMethodLearnsTheNoiseFromTheStretchAndKeepsTheTones) {
     const JsonValue report =
         Report({"denoise", P("in.wav"), P("out.wav"), "--method", "nmf", "--noise", "0:1.5", "--reduction", "30"});
